@@ -1,0 +1,29 @@
+/* eko.h - the whole interface of eko, the platform library of a database engine.
+ *
+ * Statuses are int32: 0 is success. The others have no names here, only numbers:
+ *      1001  a timed wait ran out
+ *      1002  general failure: not started, invalid handle or value, refused, or the system's call failed
+ *      1003  out of memory, or a resource could not be made
+ *      1013  a required argument is null or zero
+ * Each call names those it returns. Reads and writes return byte counts, 0xFFFFFFFF for failure. Times to wait
+ * are milliseconds, 0xFFFFFFFF for no limit.
+ *
+ * Link with -leko -pthread; the library needs nothing else, in C or in C++. */
+#ifndef EKO_H
+#define EKO_H
+
+#include "base.h"
+#include "dbtype.h"
+#include "ekoplat.h"
+
+#include "eko/core.h"
+#include "eko/file.h"
+#include "eko/format.h"
+#include "eko/log.h"
+#include "eko/mem.h"
+#include "eko/stream.h"
+#include "eko/sync.h"
+#include "eko/thread.h"
+#include "eko/utf8.h"
+
+#endif

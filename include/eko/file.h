@@ -1,0 +1,114 @@
+/* file.h - files: the operating system's descriptors, and the library's own handles over them.
+ *
+ * Handles (EKO_FH) are what callers should use: they follow the read-only and diskless modes and can be backed
+ * by a disk file, a file in memory or mapped views. Descriptors (EKO_FDESC) are the thin layer below.
+ *
+ * A handle may be used by several threads for positional reads and writes, lengths and sync. Seek followed by
+ * read or write is a race between threads. No call retries when a signal interrupts it, nor continues after
+ * moving fewer bytes than asked: callers look at the count. */
+#ifndef EKO_FILE_H
+#define EKO_FILE_H
+
+#include "../ekoplat.h"
+
+EKO_EXTERN_C_BEGIN
+
+/** Offset or size in bytes. */
+typedef uint64 EKO_FILE_OFFSET;
+
+/** The current position, in positional calls; "no such file", from eko_fileLengthStat. */
+#define EKO_FILE_NO_OFFSET ((EKO_FILE_OFFSET)-1)
+/** A failed read or write. */
+#define EKO_FILE_IO_FAILED 0xFFFFFFFFu
+
+/** An open file; null is none. */
+typedef struct EKOFTAB* EKO_FH;
+
+/** Extra flags of an open. Bits not listed are carried and ignored. */
+#define EKO_FILE_MAPPED ((uint16)0x0008)   /**< read and write through mapped views, positional calls only */
+#define EKO_FILE_INMEMORY ((uint16)0x0040) /**< the file lives in memory, not on disk */
+#define EKO_FILE_NOSYNC ((uint16)0x0200)   /**< eko_fileSync does nothing */
+
+/* ---- handles -------------------------------------------------------------------------------------------- */
+
+/** Opens a file.
+ *  name    a path, passed to the system as it stands. Exactly "stdin", "stdout" and "stderr" are the process's
+ *          own streams, whatever the mode of the library; closing them leaves the descriptor open. Not so with
+ *          EKO_FILE_INMEMORY.
+ *  flags   open flags of the system, O_RDONLY, O_CREAT and so on; O_TRUNC implies O_CREAT. New files get the
+ *          mode 0666 less the umask. Descriptors are inherited by children unless O_CLOEXEC is among them.
+ *  xflags  EKO_FILE_...
+ *  Returns the handle, or null: library not started, null name, no memory, refused by the system, or refused
+ *  by read-only mode (any of write, read-write, create) or by diskless mode (any disk file). errno then tells
+ *  the system's reason.
+ *  eko_fileOpenW takes the name as a wide string. */
+EKO_API EKO_FH eko_fileOpen(const char* name, uint32 flags, uint16 xflags);
+EKO_API EKO_FH eko_fileOpenW(const wchar_t* name, uint32 flags, uint16 xflags);
+
+/** Closes a handle; null is ignored. Unlock it first: closing destroys the mutex of a held lock. */
+EKO_API void eko_fileClose(EKO_FH fh);
+
+/** Moves the current position; origin as for lseek. Returns 0; 1002 when refused, and always for a mapped
+ *  handle. */
+EKO_API int32 eko_fileSeek(EKO_FH fh, EKO_FILE_OFFSET off, int32 origin);
+
+/** Moves bytes at the current position. Returns the bytes moved, which may be fewer than asked, 0 at the end of
+ *  the file; EKO_FILE_IO_FAILED on error, after "Write failed, errno = %d\n" on standard error, or
+ *  "Read failed, errno = %d\n" in the log. 0 for size 0, for a mapped handle, and for writes in read-only
+ *  mode: a loop "until all is written" must stop at 0. */
+EKO_API uint32 eko_fileWrite(EKO_FH fh, const void* buf, uint32 size);
+EKO_API uint32 eko_fileRead(EKO_FH fh, void* buf, uint32 size);
+
+/** Moves bytes at `off`, leaving the current position alone; at the current position for EKO_FILE_NO_OFFSET.
+ *  Returns as the two calls above, except that a mapped handle works and that a failure logs
+ *  "Failed to seek and %s, errno = %d\n". */
+EKO_API uint32 eko_fileSeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32 size);
+EKO_API uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size);
+
+/** The file's size in bytes; 0 when it cannot be had. */
+EKO_API EKO_FILE_OFFSET eko_fileLength(EKO_FH fh);
+
+/** The size of the file of that name; EKO_FILE_NO_OFFSET when there is none. In a 32-bit build a disk file of
+ *  2 GiB or more counts as absent. */
+EKO_API EKO_FILE_OFFSET eko_fileLengthStat(const char* name, uint16 xflags);
+
+/** Cuts or extends a file. Returns 0, or not 0 on failure: -1 in read-only mode. */
+EKO_API int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size);
+
+/** Locks a file against other processes and against other threads of this one that lock through the same
+ *  handle: threads wait for each other, another process, or another handle of this one, is refused at once.
+ *  Returns 0, or 1002 when refused. A thread may lock again what it has locked; but the lock against other
+ *  processes does not count, it ends with the first unlock. eko_fileUnlock by a thread that holds no lock
+ *  frees another's. */
+EKO_API int32 eko_fileLock(EKO_FH fh);
+EKO_API void eko_fileUnlock(EKO_FH fh);
+
+/** Waits until what was written is on the disk. Returns 0, also without doing anything for files in memory, for
+ *  EKO_FILE_NOSYNC and in read-only mode; 1002 when the system fails, as it does for terminals and pipes. */
+EKO_API int32 eko_fileSync(EKO_FH fh);
+
+/** The time of the last change to the file of that name; -1 when it cannot be had, and for a disk file in
+ *  diskless mode. */
+EKO_API time64_t eko_fileModTimeStat(const char* name, uint16 xflags);
+
+/* ---- descriptors: no modes, no checks, no state -------------------------------------------------------- */
+
+/** Opens a file with the system's flags and mode 0666 less the umask; xflags is ignored. Returns 0 with the
+ *  descriptor in `*desc`; else the system's error number with EKO_FDESC_NONE. */
+EKO_API int32 eko_flOpen(const char* path, uint32 flags, uint16 xflags, EKO_FDESC* desc);
+/** Returns what the system's close returns, 0 or -1. */
+EKO_API int32 eko_flClose(EKO_FDESC desc);
+/** Returns 0, or 1002. */
+EKO_API int32 eko_flSeek(EKO_FDESC desc, EKO_FILE_OFFSET off, int32 origin);
+/** Move bytes at the current position, clearing errno first. Return the count, which may be short;
+ *  EKO_FILE_IO_FAILED on error. */
+EKO_API uint32 eko_flWrite(EKO_FDESC desc, const void* buf, uint32 size);
+EKO_API uint32 eko_flRead(EKO_FDESC desc, void* buf, uint32 size);
+/** Returns what the system's ftruncate returns, 0 or -1. */
+EKO_API int32 eko_flSetSize(EKO_FDESC desc, EKO_FILE_OFFSET size);
+/** Removes a file or an empty directory. Returns 0 or -1. */
+EKO_API int32 eko_flRemove(const char* path);
+
+EKO_EXTERN_C_END
+
+#endif

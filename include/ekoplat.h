@@ -1,0 +1,47 @@
+/* ekoplat.h - what differs between platforms: export marks, handles of the operating system, wide types.
+ *
+ * The platform is Linux with POSIX threads, on 32-bit and 64-bit x86. */
+#ifndef EKO_PLAT_H
+#define EKO_PLAT_H
+
+#include <pthread.h>
+#include <setjmp.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <time.h>
+#include <wchar.h>
+
+#include "base.h"
+
+#ifdef __cplusplus
+#define EKO_EXTERN_C_BEGIN extern "C" {
+#define EKO_EXTERN_C_END }
+#else
+#define EKO_EXTERN_C_BEGIN
+#define EKO_EXTERN_C_END
+#endif
+
+#if defined(__GNUC__)
+/** Marks what the library exports; everything else is hidden. */
+#define EKO_API __attribute__((visibility("default")))
+/** Lets the compiler check a printf-style call: `fmt` is the position of the format, `args` of the first
+ *  argument after it (0 for a va_list). */
+#define EKO_PRINTF_CHECK(fmt, args) __attribute__((format(printf, fmt, args)))
+#else
+#define EKO_API
+#define EKO_PRINTF_CHECK(fmt, args)
+#endif
+
+/** Seconds since 1970-01-01 00:00 UTC, signed, 64 bits on every platform. */
+typedef int64 time64_t;
+
+/** A descriptor of the operating system, carried in a pointer. Descriptor 0 is valid and looks like a null
+ *  pointer: compare with EKO_FDESC_NONE, never with null. */
+typedef const void* EKO_FDESC;
+#define EKO_FDESC_NONE ((EKO_FDESC)(intptr_t)-1)
+
+/** A running iteration over a directory. */
+typedef const void* EKO_DIR;
+
+#endif

@@ -1,0 +1,150 @@
+// ekoint.h - what every module of the library shares: status names, assertions, atomic access to plain
+// variables, guards, and the numeric helpers of the formatter.
+#ifndef EKO_EKOINT_H
+#define EKO_EKOINT_H
+
+#include "eko.h"
+
+// ---- statuses -------------------------------------------------------------------------------------------
+// The interface has numbers only; inside they have names.
+
+constexpr int32 EKO_OK = 0;
+constexpr int32 EKO_TIMED_OUT = 1001;
+constexpr int32 EKO_FAILED = 1002;
+constexpr int32 EKO_NO_MEMORY = 1003;
+constexpr int32 EKO_BAD_ARGUMENT = 1013;
+
+// ---- assertions -----------------------------------------------------------------------------------------
+
+// Prints the expression's text on standard error and aborts. Active in every build: the code behind an
+// assertion relies on it. A claim is ours to keep; a caller's mistake gets a status instead.
+#define EKO_ASSERT(expr) ((expr) ? (void)0 : eko_assertFailed(#expr, __FILE__, __LINE__))
+
+[[noreturn]] void eko_assertFailed(const char* expr, const char* file, int line);
+
+// ---- deliberate unlocked access -------------------------------------------------------------------------
+// Some variables are plain in the interface or in a record and read without a lock on purpose. These mark each
+// such access and make it one atomic instruction.
+
+template <class T> inline T readUnlocked(const T& v)
+{
+    return __atomic_load_n(&v, __ATOMIC_RELAXED);
+}
+template <class T> inline void writeUnlocked(T& v, T value)
+{
+    __atomic_store_n(&v, value, __ATOMIC_RELAXED);
+}
+// The same where other data is published through the variable.
+template <class T> inline T readPublished(const T& v)
+{
+    return __atomic_load_n(&v, __ATOMIC_ACQUIRE);
+}
+template <class T> inline void publish(T& v, T value)
+{
+    __atomic_store_n(&v, value, __ATOMIC_RELEASE);
+}
+
+// ---- guards ---------------------------------------------------------------------------------------------
+// None may be alive across a call that can longjmp, end the thread or call back into the caller.
+
+// Holds a mutex of the semaphore table, if there is one.
+class SemGuard {
+public:
+    explicit SemGuard(EKO_SEM sem) : sem_(sem)
+    {
+        if (sem_ != EKO_SEM_INVALID)
+            eko_syncEnterExcl(sem_);
+    }
+    ~SemGuard()
+    {
+        if (sem_ != EKO_SEM_INVALID)
+            eko_syncExitExcl(sem_);
+    }
+    SemGuard(const SemGuard&) = delete;
+    SemGuard& operator=(const SemGuard&) = delete;
+
+private:
+    EKO_SEM sem_;
+};
+
+// Holds a POSIX mutex.
+class PosixGuard {
+public:
+    explicit PosixGuard(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+    ~PosixGuard() { pthread_mutex_unlock(&mutex_); }
+    PosixGuard(const PosixGuard&) = delete;
+    PosixGuard& operator=(const PosixGuard&) = delete;
+
+private:
+    pthread_mutex_t& mutex_;
+};
+
+// Keeps the thread's errno as it was.
+class ErrnoGuard {
+public:
+    ErrnoGuard();
+    ~ErrnoGuard();
+    ErrnoGuard(const ErrnoGuard&) = delete;
+    ErrnoGuard& operator=(const ErrnoGuard&) = delete;
+
+private:
+    int saved_;
+};
+
+// ---- lifecycle ------------------------------------------------------------------------------------------
+
+int32 _eko_init();
+int32 eko_osInit();
+void eko_osTerm();
+int32 eko_globalInit();
+void eko_globalTerm();
+int32 eko_syncInit();
+void eko_syncShutdown();
+void eko_syncTerm();
+
+// The start count, read without a lock. 0 and below are "not started": a stray eko_term leaves -1.
+inline int32 eko_inited_get__race_condition_ok()
+{
+    return readUnlocked(eko_inited);
+}
+inline bool libraryStarted()
+{
+    return eko_inited_get__race_condition_ok() > 0;
+}
+
+// ---- access to a module's globals record ----------------------------------------------------------------
+
+// One per module that keeps state. After the first use the record is found without a lock.
+struct GlobalSlot {
+    const char* name;
+    size_t size;
+    EKO_GLOBAL_CREATE_FCN createFcn;
+    EKO_GLOBAL_DELETE_FCN deleteFcn;
+    void* record;     // published once the create callback succeeded; null again when the record is deleted
+    GlobalSlot* next; // list of the slots that hold a record, guarded by the registry's mutex
+};
+
+// The module's record, or null when it cannot be had.
+void* globalRecord(GlobalSlot& slot);
+
+// ---- formatter (ekoint.cpp) -----------------------------------------------------------------------------
+
+// Length modifier of a directive; shared by the narrow and the wide engine.
+enum CONV {
+    C_DEFAULT = 0,
+    C_CHAR = 1,
+    C_SHORT = 2,
+    C_LONG = 3,
+    C_LLONG = 4,
+    C_LDOUBLE = 5,
+    C_SIZE = 6,
+    C_PTRDIFF = 7,
+    C_INTMAX = 8
+};
+
+long double power_of_10(int32 n);
+int32 get_exponent(long double value);
+uint64 cast_double(long double x);
+uint64 round_float(long double x);
+
+#endif
