@@ -1,0 +1,52 @@
+# How eko is compiled: the language, the flags of all its code, the flags of the library itself, the warnings.
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES AND PROJECT_IS_TOP_LEVEL)
+    set_property(CACHE CMAKE_BUILD_TYPE PROPERTY VALUE RelWithDebInfo)
+endif()
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+
+# Nothing gets the C++ run-time just because it holds or links eko's objects. C++ programs still have it, from
+# the compiler that links them.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+set(CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES "")
+
+# Sanitizers watch all code of the build, the test framework included.
+if(EKO_SANITIZE)
+    add_compile_options(-fsanitize=${EKO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${EKO_SANITIZE})
+endif()
+
+# ---- all of eko's own code, tests and examples included ---------------------------------------------------
+
+add_library(eko_own_code INTERFACE)
+target_compile_definitions(eko_own_code INTERFACE _GNU_SOURCE)
+target_compile_options(eko_own_code INTERFACE
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= # __FILE__ is the path in the tree, wherever the tree is
+    -ffp-contract=off
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+    $<$<BOOL:${EKO_WERROR}>:-Werror>)
+if(EKO_CHECKED)
+    target_compile_definitions(eko_own_code INTERFACE EKO_CHECKED=1)
+endif()
+
+# In a 32-bit build plain doubles are computed as in a 64-bit one. What wants extended precision says so with
+# long double.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_compile_options(eko_own_code INTERFACE -msse2 -mfpmath=sse)
+endif()
+
+# ---- the library ------------------------------------------------------------------------------------------
+
+# No exceptions, but unwind tables: ending a thread unwinds its frames.
+add_library(eko_library_code INTERFACE)
+target_compile_options(eko_library_code INTERFACE
+    -fvisibility=hidden
+    -fasynchronous-unwind-tables
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)

@@ -1,0 +1,33 @@
+#!/bin/sh
+# Fails when a form of the library needs a symbol that only the C++ run-time has: C programs link it with
+# nothing but the C library.
+#   no_cxx_runtime.sh NM LIBEKO_SO LIBEKO_A
+set -eu
+nm=$1 shared=$2 archive=$3
+
+# Symbols that file $2, listed with the options in $1, uses and does not define.
+undefined() {
+    "$nm" $1 "$2" | awk '
+        NF >= 2 && $(NF - 1) == "U" { used[$NF] = 1 }
+        NF >= 3 && $(NF - 1) != "U" { defined[$NF] = 1 }
+        END { for (name in used) if (!(name in defined)) print name }' | sort
+}
+
+# Mangled names are C++ by themselves; those of the library's own are defined in it.
+status=0
+for file in "$shared" "$archive"; do
+    case $file in *.a) options="" ;; *) options="-D" ;; esac
+    symbols=$(undefined "$options" "$file")
+    if [ -z "$symbols" ]; then
+        echo "$file: no undefined symbols found, so nothing was checked"
+        status=1
+        continue
+    fi
+    bad=$(printf '%s\n' "$symbols" | grep -E '^(_Z|__cxa_(allocate|throw|begin|end|rethrow|guard|pure|deleted|bad|demangle|get_)|__gxx_|__dynamic_cast|_Unwind_Resume|__cxa_thread_atexit$)' || true)
+    if [ -n "$bad" ]; then
+        echo "$file needs the C++ run-time:"
+        printf '%s\n' "$bad" | sed 's/^/    /'
+        status=1
+    fi
+done
+exit $status
