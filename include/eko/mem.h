@@ -66,10 +66,10 @@ typedef struct EKO_TAG_MEM_INFO {
 } EKO_TAG_MEM_INFO;
 
 /** Modes of eko_getMem. Exactly these combinations of the bits are used. */
-#define EKO_MEM_PLAIN 1  /**< contents undefined */
-#define EKO_MEM_ZERO 3   /**< set to zero */
-#define EKO_MEM_COPY 5   /**< `size` bytes copied from `data` */
-#define EKO_MEM_STRING 13 /**< copy of the string `data`, terminator included; `size` is ignored */
+#define EKO_MEM_PLAIN 1    /**< contents undefined */
+#define EKO_MEM_ZERO 3     /**< set to zero */
+#define EKO_MEM_COPY 5     /**< `size` bytes copied from `data` */
+#define EKO_MEM_STRING 13  /**< copy of the string `data`, terminator included; `size` is ignored */
 #define EKO_MEM_WSTRING 21 /**< copy of the wide string `data`, terminator included; `size` is ignored */
 
 /* ---- the usual calls, with the caller's position ------------------------------------------------------- */
@@ -81,8 +81,7 @@ typedef struct EKO_TAG_MEM_INFO {
 #define EKO_WCSDUP(str, tag) ((wchar_t*)eko_getMem(0, (tag), EKO_MEM_WSTRING, (str), __FILE__, __LINE__))
 #define EKO_EXTEND(ptr, newsize, tag) eko_extendMem((ptr), (newsize), (tag), 0, 0, __FILE__, __LINE__)
 /** As EKO_EXTEND, with the `added` bytes at the end of the new block set to zero. */
-#define EKO_ZEXTEND(ptr, newsize, tag, added) \
-    eko_extendMem((ptr), (newsize), (tag), 1, (added), __FILE__, __LINE__)
+#define EKO_ZEXTEND(ptr, newsize, tag, added) eko_extendMem((ptr), (newsize), (tag), 1, (added), __FILE__, __LINE__)
 #define EKO_FREE(ptr, tag) eko_freeMem((ptr), (tag), __FILE__, __LINE__)
 
 /** A tag for one thread at a time, and one that threads may share. EKO_TAG_INVALID on failure. */
