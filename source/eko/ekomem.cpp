@@ -1,0 +1,565 @@
+// Tagged memory: tags, the calls that allocate on them, the limit of the process.
+//
+// Data      A TAG_ENTRY holds the tag's allocator and the table of its operations; the four allocators are modules
+//           of their own. All tags are on one list, except static_list_tag, which lives in static storage and
+//           provides the TAG_ENTRY records and the allocators' states, so that making a tag never asks the system
+//           heap for them.
+// Locks     A tag's t_sem guards its allocator. tagTabSem guards only the list. largeBlockSem is taken inside an
+//           allocator, so after a tag's mutex. Destruction holds the tag's mutex, then takes tagTabSem, then that of
+//           the static tag. EKO_SEM_INVALID is "no mutex", which is what each of them is before start and after stop.
+// Unlocked  whether the library is started or stopping; the limit; the figures of a tag.
+//
+// Two layers. The try... calls find no memory in silence, so they may be used with locks and files held. The exported
+// calls report a failure and may then jump out of the library, so they hold nothing at that point.
+
+#include <string.h>
+
+#include "ekomem_int.h"
+#include "ekolog_int.h"
+
+// What the list allocator's state needs, seen from here as raw storage.
+constexpr size_t STATIC_ALLOCATOR_SIZE = 64;
+
+namespace {
+
+constexpr int32 ZERO_BIT = 2;
+constexpr int32 COPY_BIT = 4;
+constexpr int32 STRING_BITS = 8 | 16;
+constexpr size_t MAX_REQUEST = 0xFFFFFFFD; // in every build
+constexpr size_t MIN_LIMIT = 4195328;      // the first chunk of large blocks, and 1 KiB
+constexpr int16 SHARED = 1;
+constexpr int16 NOT_SHARED = 0;
+
+pthread_key_t tagTLSkey;
+TAG_ENTRY* tagGlobal; // null while memory is not started
+TAG_ENTRY* taglisthead;
+TAG_ENTRY* taglisttail;
+EKO_SEM tagTabSem = EKO_SEM_INVALID;
+TAG_ENTRY static_list_tag;
+alignas(BLOCK_ALIGNMENT) unsigned char static_list_allocator[STATIC_ALLOCATOR_SIZE];
+
+bool mem_eko_inited_get__race_condition_ok()
+{
+    return readUnlocked(eko_inited) > 0;
+}
+
+// The semaphore table may be gone already while everything is torn down.
+bool terminatingNow()
+{
+    return readUnlocked(eko_terminating) != 0;
+}
+
+bool isRealTag(EKO_MEMTAG tt)
+{
+    return tt != EKO_GLOBAL_TAG && tt != EKO_THREAD_TAG && tt != EKO_TAG_INVALID;
+}
+
+// ---- tags -------------------------------------------------------------------------------------------------------
+
+using AllocatorCreate = ALLOCATOR (*)(ALLOCATOR_FCNS* fcns);
+constexpr AllocatorCreate ALLOCATOR_CREATES[] = {block_allocator_create, list_allocator_create,
+                                                 stack_allocator_create, legacy_allocator_create};
+constexpr uint32 ALLOCATOR_TYPES = sizeof(ALLOCATOR_CREATES) / sizeof(ALLOCATOR_CREATES[0]);
+
+AllocatorCreate select_allocator(EKO_ALLOCATOR_TYPE type)
+{
+    const uint32 chosen = static_cast<uint32>(eko_isPurifyRunning() ? LEGACY_ALLOCATOR : type);
+    EKO_ASSERT(chosen < ALLOCATOR_TYPES);
+    return ALLOCATOR_CREATES[chosen];
+}
+
+void freeEntry(TAG_ENTRY* tag)
+{
+    eko_freeMem(tag, &static_list_tag, __FILE__, __LINE__);
+}
+
+// A tag that is on no list yet, or EKO_TAG_INVALID with nothing left behind.
+TAG_ENTRY* allocTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
+                    void* destroy_ctx, MemResult* result)
+{
+    const AllocatorCreate create = select_allocator(type);
+    TAG_ENTRY* tag = tryZeroed<TAG_ENTRY>(&static_list_tag, result);
+    if (!tag)
+        return EKO_TAG_INVALID;
+    tag->t_allocator = create(&tag->t_fcns);
+    if (!tag->t_allocator) {
+        *result = MemResult::exhausted;
+        freeEntry(tag);
+        return EKO_TAG_INVALID;
+    }
+    tag->t_jmpbuf = jb;
+    tag->t_destroy_fcn = destroy_fcn;
+    tag->t_destroy_ctx = destroy_ctx;
+    tag->t_sem = EKO_SEM_INVALID;
+    if (flags != SHARED)
+        return tag;
+    tag->t_sem = EKO_MUTEX_CREATE();
+    if (tag->t_sem != EKO_SEM_INVALID)
+        return tag;
+    // A shared tag without its mutex would silently run unlocked. The table has said why there is none.
+    *result = MemResult::refused;
+    tag->t_fcns.destroy_fcn(tag->t_allocator);
+    freeEntry(tag);
+    return EKO_TAG_INVALID;
+}
+
+void linkTag(TAG_ENTRY* tag)
+{
+    const SemGuard lock(tagTabSem);
+    tag->t_next = nullptr;
+    tag->t_prev = taglisttail;
+    (taglisttail ? taglisttail->t_next : taglisthead) = tag;
+    taglisttail = tag;
+}
+
+void unlinkTag(TAG_ENTRY* tag)
+{
+    const SemGuard lock(tagTabSem);
+    (tag->t_prev ? tag->t_prev->t_next : taglisthead) = tag->t_next;
+    (tag->t_next ? tag->t_next->t_prev : taglisttail) = tag->t_prev;
+}
+
+// The calling thread's tag if it has one already.
+TAG_ENTRY* existingTLSTag()
+{
+    void* tag = nullptr;
+    if (!tagGlobal || eko_tlsGetPtr(tagTLSkey, &tag) != EKO_OK)
+        return nullptr;
+    return static_cast<TAG_ENTRY*>(tag);
+}
+
+TAG_ENTRY* getTLSTag(MemResult* result)
+{
+    TAG_ENTRY* tag = existingTLSTag();
+    if (tag || !tagGlobal)
+        return tag;
+    tag = tryCreateTag(nullptr, NOT_SHARED, BLOCK_ALLOCATOR, nullptr, nullptr, result);
+    if (tag == EKO_TAG_INVALID)
+        return nullptr;
+    if (eko_tlsSetPtr(tagTLSkey, tag) != EKO_OK) {
+        EKO_TAG_DESTROY(tag);
+        return nullptr;
+    }
+    return tag;
+}
+
+// The tag that a caller's value means; null when there is none. While the library stops, null is nobody's tag.
+TAG_ENTRY* getCorrectTag(EKO_MEMTAG tt, MemResult* result)
+{
+    if (tt == EKO_GLOBAL_TAG)
+        return tagGlobal;
+    if (tt == EKO_THREAD_TAG)
+        return getTLSTag(result);
+    return tt == EKO_TAG_INVALID ? nullptr : tt;
+}
+
+// The mutex to take around a free; none while the library stops.
+EKO_SEM semForFreeing(const TAG_ENTRY* tag)
+{
+    return terminatingNow() ? EKO_SEM_INVALID : tag->t_sem;
+}
+
+// Gives the emptied tag's own record back. The mutex that `tag` had is in a record that is gone by then, so the
+// caller has saved it.
+void destroyEmptied(TAG_ENTRY* tag)
+{
+    unlinkTag(tag);
+    tag->t_fcns.destroy_fcn(tag->t_allocator);
+    freeEntry(tag);
+}
+
+// ---- requests ---------------------------------------------------------------------------------------------------------
+
+// Checks a request and finds its size in bytes.
+bool validateGetMem(size_t* size, int32 mode, const void* data)
+{
+    if (!mem_eko_inited_get__race_condition_ok())
+        return false;
+    if (*size == 0 && !(mode & STRING_BITS))
+        return false;
+    if ((mode & COPY_BIT) && !data)
+        return false;
+    if (mode == EKO_MEM_STRING) {
+        EKO_ASSERT(data);
+        *size = strlen(static_cast<const char*>(data)) + 1;
+    } else if (mode == EKO_MEM_WSTRING) {
+        EKO_ASSERT(data);
+        *size = (wcslen(static_cast<const wchar_t*>(data)) + 1) * sizeof(wchar_t);
+    }
+    return *size <= MAX_REQUEST;
+}
+
+bool validateExtendMemory(const void* ptr, size_t newsize, EKO_MEMTAG tt)
+{
+    if (!mem_eko_inited_get__race_condition_ok())
+        return false;
+    if (newsize == 0) {
+        EKO_FREE(ptr, tt);
+        return false;
+    }
+    return newsize <= MAX_REQUEST;
+}
+
+void fill(void* block, size_t size, int32 mode, const void* data)
+{
+    if (mode & ZERO_BIT) // wins over the copy
+        memset(block, 0, size);
+    else if (mode & COPY_BIT)
+        memcpy(block, data, size);
+}
+
+jmp_buf* jumpBufferOf(EKO_MEMTAG tt)
+{
+    MemResult ignored;
+    const TAG_ENTRY* tag = tt == EKO_THREAD_TAG ? existingTLSTag() : getCorrectTag(tt, &ignored);
+    if (!tag)
+        return nullptr;
+    const SemGuard lock(tag->t_sem);
+    return tag->t_jmpbuf;
+}
+
+void clearLast(void* block, size_t size, size_t count)
+{
+    count = count < size ? count : size;
+    memset(static_cast<char*>(block) + (size - count), 0, count);
+}
+
+} // namespace
+
+// ---- for the library's own use -----------------------------------------------------------------------------------------
+
+void* tryGetMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, MemResult* result)
+{
+    MemResult ignored;
+    if (!result)
+        result = &ignored;
+    *result = MemResult::refused;
+    if (!validateGetMem(&size, mode, data))
+        return nullptr;
+    TAG_ENTRY* tag = getCorrectTag(tt, result);
+    if (!tag)
+        return nullptr;
+    void* block;
+    {
+        const SemGuard lock(tag->t_sem);
+        block = tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+    }
+    *result = block ? MemResult::done : MemResult::exhausted;
+    if (block)
+        fill(block, size, mode, data);
+    return block;
+}
+
+void* tryExtendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, MemResult* result)
+{
+    MemResult ignored;
+    if (!result)
+        result = &ignored;
+    *result = MemResult::refused;
+    if (!validateExtendMemory(ptr, newsize, tt))
+        return nullptr;
+    TAG_ENTRY* tag = getCorrectTag(tt, result);
+    if (!tag)
+        return nullptr;
+    void* block;
+    {
+        const SemGuard lock(tag->t_sem);
+        block = tag->t_fcns.realloc_fcn(const_cast<void*>(ptr), newsize, tag->t_allocator);
+    }
+    *result = block ? MemResult::done : MemResult::exhausted;
+    return block;
+}
+
+EKO_MEMTAG tryCreateTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
+                        void* destroy_ctx, MemResult* result)
+{
+    MemResult ignored;
+    if (!result)
+        result = &ignored;
+    *result = MemResult::refused;
+    if (!mem_eko_inited_get__race_condition_ok())
+        return EKO_TAG_INVALID;
+    TAG_ENTRY* tag = allocTag(jb, flags, type, destroy_fcn, destroy_ctx, result);
+    if (tag != EKO_TAG_INVALID)
+        linkTag(tag);
+    return tag;
+}
+
+// The text fits the log's buffer on the stack, so nothing is allocated; inside a report nothing is said.
+void memReport(const char* file, uint32 line)
+{
+    if (!insideReport())
+        eko_log("Out of memory. Called from %.400s:%u\n", file, line);
+}
+
+void memFail(MemResult result, EKO_MEMTAG tt, const char* file, uint32 line)
+{
+    if (result != MemResult::exhausted)
+        return;
+    memReport(file, line);
+    jmp_buf* jb = jumpBufferOf(tt);
+    if (jb)
+        longjmp(*jb, 1);
+}
+
+void* eko_allocSmallBlock(size_t size)
+{
+    return tryGetMem(size, &static_list_tag, EKO_MEM_ZERO, nullptr);
+}
+
+void eko_freeSmallBlock(void* ptr)
+{
+    EKO_FREE(ptr, &static_list_tag);
+}
+
+// ---- start and stop -------------------------------------------------------------------------------------------------------
+
+namespace {
+
+void startStaticTag()
+{
+    memset(&static_list_tag, 0, sizeof(static_list_tag));
+    static_list_tag.t_sem = EKO_SEM_INVALID;
+    static_list_tag.t_allocator = static_list_allocator;
+    create_static_list_allocator(static_list_allocator, sizeof(static_list_tag.t_allocator),
+                                 &static_list_tag.t_fcns);
+}
+
+bool createMutexes()
+{
+    EKO_SEM* const sems[] = {&tagGlobal->t_sem, &tagTabSem, &largeBlockSem, &static_list_tag.t_sem};
+    bool complete = true;
+    for (EKO_SEM* sem : sems) {
+        *sem = EKO_MUTEX_CREATE();
+        complete = complete && *sem != EKO_SEM_INVALID;
+    }
+    if (complete)
+        return true;
+    // The mutexes live in a block of the global tag: they go while it is still there, and before it is taken down
+    // without locks.
+    for (EKO_SEM* sem : sems) {
+        eko_syncDelete(*sem);
+        *sem = EKO_SEM_INVALID;
+    }
+    return false;
+}
+
+void destroyGlobalTag()
+{
+    TAG_ENTRY* tag = tagGlobal;
+    tagGlobal = nullptr;
+    EKO_TAG_DESTROY(tag);
+}
+
+bool startTags()
+{
+    tagGlobal = tryCreateTag(nullptr, NOT_SHARED, BLOCK_ALLOCATOR, nullptr, nullptr);
+    if (tagGlobal == EKO_TAG_INVALID) {
+        tagGlobal = nullptr;
+        return false;
+    }
+    if (createMutexes())
+        return true;
+    destroyGlobalTag();
+    return false;
+}
+
+// The semaphore table has deleted every mutex and freed their memory: no handle may be looked at any more.
+void forgetMutexes()
+{
+    tagTabSem = EKO_SEM_INVALID;
+    largeBlockSem = EKO_SEM_INVALID;
+    static_list_tag.t_sem = EKO_SEM_INVALID;
+    for (TAG_ENTRY* tag = taglisthead; tag; tag = tag->t_next)
+        tag->t_sem = EKO_SEM_INVALID;
+}
+
+} // namespace
+
+int32 eko_memInit()
+{
+    taglisthead = nullptr;
+    taglisttail = nullptr;
+    startStaticTag();
+    if (eko_tlsCreateKey(&tagTLSkey) != EKO_OK)
+        return EKO_FAILED;
+    if (startTags())
+        return EKO_OK;
+    eko_tlsDestroyKey(tagTLSkey);
+    return EKO_FAILED;
+}
+
+// Tags of other threads that did not release theirs are on the list and go with it. Callbacks run after the global
+// tag has gone: for them it is nobody's.
+void eko_memTerm()
+{
+    forgetMutexes();
+    eko_releaseTLSTag();
+    destroyGlobalTag();
+    while (taglisthead)
+        EKO_TAG_DESTROY(taglisthead);
+    eko_tlsDestroyKey(tagTLSkey);
+    EKO_TAG_EMPTY(&static_list_tag);
+    EKO_ASSERT(!largeBlocksInUse());
+}
+
+// ---- tags -------------------------------------------------------------------------------------------------------------------
+
+EKO_MEMTAG eko_createTagEx(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
+                           void* destroy_ctx, const char* file, uint32 line)
+{
+    MemResult result;
+    const EKO_MEMTAG tag = tryCreateTag(jb, flags, type, destroy_fcn, destroy_ctx, &result);
+    if (result == MemResult::exhausted)
+        memReport(file, line);
+    return tag;
+}
+
+void eko_freeTagMem(EKO_MEMTAG tt, int16 freetag, const char* /*file*/, uint32 /*line*/)
+{
+    if (!mem_eko_inited_get__race_condition_ok() || !isRealTag(tt))
+        return;
+    if (freetag && tt->t_destroy_fcn)
+        tt->t_destroy_fcn(tt->t_destroy_ctx);
+    const EKO_SEM sem = semForFreeing(tt);
+    {
+        const SemGuard lock(sem);
+        tt->t_fcns.free_all_fcn(tt->t_allocator);
+        if (freetag)
+            destroyEmptied(tt);
+    }
+    if (freetag)
+        eko_syncDelete(sem); // none when there was none
+}
+
+void eko_resetTag(jmp_buf* jb, EKO_MEMTAG tt)
+{
+    if (!mem_eko_inited_get__race_condition_ok())
+        return;
+    MemResult result = MemResult::refused;
+    TAG_ENTRY* tag = getCorrectTag(tt, &result);
+    if (!tag) {
+        if (result == MemResult::exhausted)
+            memReport(__FILE__, __LINE__);
+        return;
+    }
+    const SemGuard lock(tag->t_sem);
+    tag->t_jmpbuf = jb;
+}
+
+int32 eko_getTagMemInfo(EKO_MEMTAG tag, EKO_TAG_MEM_INFO* mem_info)
+{
+    if (!mem_eko_inited_get__race_condition_ok())
+        return EKO_FAILED;
+    if (!mem_info)
+        return EKO_BAD_ARGUMENT;
+    MemResult result = MemResult::refused;
+    const TAG_ENTRY* entry = getCorrectTag(tag, &result);
+    if (result == MemResult::exhausted)
+        memReport(__FILE__, __LINE__);
+    if (!entry || !entry->t_fcns.mem_info_fcn)
+        return EKO_FAILED;
+    entry->t_fcns.mem_info_fcn(entry->t_allocator, mem_info);
+    return EKO_OK;
+}
+
+void eko_releaseTLSTag(void)
+{
+    if (!mem_eko_inited_get__race_condition_ok())
+        return;
+    TAG_ENTRY* tag = existingTLSTag();
+    if (!tag)
+        return;
+    eko_tlsSetPtr(tagTLSkey, nullptr);
+    EKO_TAG_DESTROY(tag);
+}
+
+// ---- blocks --------------------------------------------------------------------------------------------------------------------
+
+void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file, uint32 line)
+{
+    MemResult result;
+    void* block = tryGetMem(size, tt, mode, data, &result);
+    if (!block)
+        memFail(result, tt, file, line);
+    return block;
+}
+
+void* eko_extendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, int32 clear, size_t incsize, const char* file,
+                    uint32 line)
+{
+    if (!ptr)
+        return eko_getMem(newsize, tt, clear ? EKO_MEM_ZERO : EKO_MEM_PLAIN, nullptr, file, line);
+    MemResult result;
+    void* block = tryExtendMem(ptr, newsize, tt, &result);
+    if (!block)
+        memFail(result, tt, file, line);
+    else if (clear)
+        clearLast(block, newsize, incsize);
+    return block;
+}
+
+void eko_freeMem(const void* ptr, EKO_MEMTAG tt, const char* /*file*/, uint32 /*line*/)
+{
+    if (!mem_eko_inited_get__race_condition_ok() || !ptr)
+        return;
+    MemResult ignored;
+    TAG_ENTRY* tag = getCorrectTag(tt, &ignored);
+    if (!tag)
+        return;
+    const SemGuard lock(semForFreeing(tag));
+    tag->t_fcns.free_fcn(const_cast<void*>(ptr), tag->t_allocator);
+}
+
+// ---- limit and figures of the process ---------------------------------------------------------------------------------------------
+
+int32 eko_setMemLimit(void* ptr, size_t limit)
+{
+    if (mem_eko_inited_get__race_condition_ok() && (ptr || eko_membuffer))
+        return EKO_FAILED;
+    if (limit != 0 && limit < MIN_LIMIT)
+        return EKO_FAILED;
+    if (ptr && (limit == 0 || reinterpret_cast<uintptr_t>(ptr) % BLOCK_ALIGNMENT != 0))
+        return EKO_FAILED; // no room for anything, or every block misaligned
+    writeUnlocked(eko_memlimit, limit);
+    eko_membuffer = ptr;
+    return EKO_OK;
+}
+
+void eko_getMemUsage(size_t* curr_usage, size_t* max_usage)
+{
+    if (curr_usage)
+        *curr_usage = readUnlocked(eko_mem_stats.in_use);
+    if (max_usage)
+        *max_usage = readUnlocked(eko_mem_stats.max_in_use);
+}
+
+void eko_memReport(const char*, ...) {}
+
+void eko_memReportTag(EKO_MEMTAG, const char*, ...) {}
+
+int32 eko_isPurifyRunning(void)
+{
+    return 0;
+}
+
+void eko_inc_mem_info(EKO_MEM_INFO* info, size_t size)
+{
+    const size_t in_use = readUnlocked(info->in_use) + size;
+    writeUnlocked(info->in_use, in_use);
+    if (in_use > readUnlocked(info->max_in_use))
+        writeUnlocked(info->max_in_use, in_use);
+}
+
+void eko_dec_mem_info(EKO_MEM_INFO* info, size_t size)
+{
+    writeUnlocked(info->in_use, readUnlocked(info->in_use) - size);
+}
+
+void copyMemInfo(const EKO_TAG_MEM_INFO& from, EKO_TAG_MEM_INFO* to)
+{
+    to->bytes.in_use = readUnlocked(from.bytes.in_use);
+    to->bytes.max_in_use = readUnlocked(from.bytes.max_in_use);
+    to->capacity.in_use = readUnlocked(from.capacity.in_use);
+    to->capacity.max_in_use = readUnlocked(from.capacity.max_in_use);
+}
