@@ -214,6 +214,7 @@ TEST(Utf8, ascii_runs_of_every_length_and_alignment_stay_within_their_pages)
     tryRuns<wchar_t>(char(0x80));
     tryRuns<char>(wchar_t(0xD800));
     tryRuns<char>(wchar_t(LAST + 1));
+    tryRuns<char>(wchar_t(0x80000041)); // only its highest bit tells it from an A
 }
 
 class Utf8Copies : public EkoTest {};
