@@ -5,9 +5,9 @@
 set -eu
 nm=$1 shared=$2 archive=$3
 
-# Symbols that file $2, listed with the options in $1, uses and does not define.
-undefined() {
-    "$nm" $1 "$2" | awk '
+# Symbols that FILE, listed with the options, uses and does not define.
+undefined() { # FILE OPTION...
+    "$nm" "$@" | awk '
         NF >= 2 && $(NF - 1) == "U" { used[$NF] = 1 }
         NF >= 3 && $(NF - 1) != "U" { defined[$NF] = 1 }
         END { for (name in used) if (!(name in defined)) print name }' | sort
@@ -16,8 +16,10 @@ undefined() {
 # Mangled names are C++ by themselves; those of the library's own are defined in it.
 status=0
 for file in "$shared" "$archive"; do
-    case $file in *.a) options="" ;; *) options="-D" ;; esac
-    symbols=$(undefined "$options" "$file")
+    case $file in
+        *.a) symbols=$(undefined "$file") ;;
+        *) symbols=$(undefined "$file" -D) ;;
+    esac
     if [ -z "$symbols" ]; then
         echo "$file: no undefined symbols found, so nothing was checked"
         status=1

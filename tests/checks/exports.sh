@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# Fails unless the public headers and the shared library say the same:
+#   - what the library exports is declared in a public header;
+#   - what a public header declares with EKO_API is exported;
+#   - each such declaration has a contract: the run of declarations it stands in opens with a /** comment.
+#   exports.sh NM LIBEKO_SO INCLUDE_DIR
+set -euo pipefail
+export LC_ALL=C
+nm=$1 library=$2 include=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# One line per declaration: its name, "documented" or "bare", and where it is. A declaration begins with EKO_API
+# at the start of a line and ends with a semicolon; its name is the word in front of the first parenthesis, or of
+# the semicolon. An empty line, or any line of something else, ends a run of declarations.
+find "$include" -name '*.h' -exec awk '
+    FNR == 1 { inComment = inDeclaration = documented = 0 }
+    inDeclaration { text = text " " $0 }
+    !inDeclaration && inComment { if (/\*\//) inComment = 0; next }
+    !inDeclaration && /^\/\*/ {
+        documented = /^\/\*\*/
+        inComment = !/\*\//
+        next
+    }
+    !inDeclaration && /^EKO_API[ \t]/ { inDeclaration = 1; text = $0; where = FILENAME ":" FNR }
+    !inDeclaration { documented = 0; next }
+    text ~ /;/ {
+        inDeclaration = 0
+        name = text
+        sub(/[(;].*/, "", name)
+        sub(/[ \t]+$/, "", name)
+        sub(/.*[^A-Za-z0-9_]/, "", name)
+        print name, documented ? "documented" : "bare", where
+    }
+' {} + | sort > "$work/declared"
+"$nm" -D --defined-only --extern-only "$library" |
+    awk '$(NF - 1) != "A" { sub(/@.*/, "", $NF); print $NF }' | sort -u > "$work/exported"
+cut -d' ' -f1 "$work/declared" | sort -u > "$work/names"
+
+status=0
+complain() { # TITLE, lines from standard input
+    local lines
+    lines=$(cat)
+    [ -n "$lines" ] || return 0
+    printf '%s\n' "$1"
+    printf '%s\n' "$lines" | sed 's/^/    /'
+    status=1
+}
+complain "Exported, but not declared in a public header:" < <(comm -13 "$work/names" "$work/exported")
+complain "Declared with EKO_API, but not exported:" < <(comm -23 "$work/names" "$work/exported")
+complain "Declared without a /** comment:" < <(awk '$2 == "bare" { print $1, $3 }' "$work/declared")
+complain "Declared twice:" < <(cut -d' ' -f1 "$work/declared" | uniq -d)
+
+# A scan that finds nothing must not pass.
+if [ ! -s "$work/names" ] || [ ! -s "$work/exported" ]; then
+    echo "Nothing to compare: $(wc -l < "$work/names") declared, $(wc -l < "$work/exported") exported"
+    status=1
+fi
+echo "$(wc -l < "$work/names") declared, $(wc -l < "$work/exported") exported"
+exit $status
