@@ -1,6 +1,7 @@
 #!/bin/sh
 # Fails when a form of the library needs a symbol that only the C++ run-time has: C programs link it with
-# nothing but the C library.
+# nothing but the C library. Fails also when objects are constructed before main, or on first use: calls must work
+# at any time, and from any thread.
 #   no_cxx_runtime.sh NM LIBEKO_SO LIBEKO_A
 set -eu
 nm=$1 shared=$2 archive=$3
@@ -32,4 +33,11 @@ for file in "$shared" "$archive"; do
         status=1
     fi
 done
+
+constructed=$("$nm" "$archive" | grep -E ' (_GLOBAL__sub_I_|_ZGV)' || true)
+if [ -n "$constructed" ]; then
+    echo "$archive constructs objects at run time, in:"
+    printf '%s\n' "$constructed" | sed 's/^/    /'
+    status=1
+fi
 exit $status
