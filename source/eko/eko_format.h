@@ -1,0 +1,389 @@
+// eko_format.h - the formatter: printf for one character type, with the departures that eko/format.h lists.
+//
+// A call walks its format. Runs of ordinary characters go to the sink as they are; a '%' makes a fresh directive
+// (FormatCtx), which is parsed in a fixed order - flags, width, precision, length modifier, conversion - and
+// written by the function of its kind. A directive that fails ends the walk; what was written before stays.
+//
+// Memory  Nothing is allocated: records of known size on the stack. The calls that make strings measure first,
+//         then write, and allocate once in between.
+// State   None between calls. The locale is read per directive, when a separator or a point is needed.
+//
+// The engine is a template over the character type and is instantiated by one module for each. Fields of
+// integers and floats have headers of their own.
+#ifndef EKO_EKO_FORMAT_H
+#define EKO_EKO_FORMAT_H
+
+#include "eko_format_ctx.h"
+#include "eko_format_float.h"
+#include "eko_format_int.h"
+#include "ekomem_int.h"
+
+// ---- conversions -------------------------------------------------------------------------------------------
+
+enum KIND : uint8 { K_UNKNOWN, K_PERCENT, K_INTEGER, K_CHAR, K_STRING, K_POINTER, K_COUNT, K_FLOAT };
+
+struct CONVERSION {
+    KIND kind;
+    uint8 base;
+    uint16 flags; // set by the conversion character
+};
+
+struct CONVERSION_ROW {
+    const char* letters;
+    CONVERSION conversion;
+};
+
+constexpr CONVERSION_ROW CONVERSION_ROWS[] = {
+    {"%", {K_PERCENT, 0, 0}},
+    {"c", {K_CHAR, 0, 0}},
+    {"s", {K_STRING, 0, 0}},
+    {"n", {K_COUNT, 0, 0}},
+    {"p", {K_POINTER, 16, F_UNSIGNED | F_POINTER}},
+    {"di", {K_INTEGER, 10, 0}},
+    {"o", {K_INTEGER, 8, F_UNSIGNED}},
+    {"u", {K_INTEGER, 10, F_UNSIGNED}},
+    {"x", {K_INTEGER, 16, F_UNSIGNED}},
+    {"X", {K_INTEGER, 16, F_UNSIGNED | F_UPPER}},
+    {"e", {K_FLOAT, 0, F_ESTYLE}},
+    {"E", {K_FLOAT, 0, F_ESTYLE | F_UPPER}},
+    {"g", {K_FLOAT, 0, F_GSTYLE}},
+    {"G", {K_FLOAT, 0, F_GSTYLE | F_UPPER}},
+    // DELIBERATE: a is f. There is no hexadecimal output of floats and callers rely on a readable number.
+    // Pinned by format_a_prints_as_f.
+    {"fa", {K_FLOAT, 0, 0}},
+    {"FA", {K_FLOAT, 0, F_UPPER}},
+};
+
+// The rows by character, so that a directive finds its own in one step.
+struct CONVERSION_TABLE {
+    CONVERSION of[128];
+};
+constexpr CONVERSION_TABLE conversionsByLetter()
+{
+    CONVERSION_TABLE table = {};
+    for (const CONVERSION_ROW& row : CONVERSION_ROWS) {
+        for (const char* letter = row.letters; *letter; ++letter)
+            table.of[static_cast<uint8>(*letter)] = row.conversion;
+    }
+    return table;
+}
+inline constexpr CONVERSION_TABLE CONVERSIONS = conversionsByLetter();
+
+// The flags from space to the digit 0; 0 is no flag.
+constexpr char FIRST_FLAG = ' ';
+constexpr char LAST_FLAG = '0';
+constexpr uint16 FLAGS[LAST_FLAG - FIRST_FLAG + 1] = {
+    F_SPACE, 0, 0, F_ALT, 0, 0, 0, F_GROUP, 0, 0, 0, F_PLUS, 0, F_MINUS, 0, 0, F_ZERO,
+};
+
+// ---- parsing a directive -------------------------------------------------------------------------------------
+
+template <class C> inline bool isDigit(C c)
+{
+    return c >= '0' && c <= '9';
+}
+
+template <class C> inline void parseFlags(FormatCtx<C>& ctx)
+{
+    for (; *ctx.fmt >= FIRST_FLAG && *ctx.fmt <= LAST_FLAG; ++ctx.fmt) {
+        const uint16 flag = FLAGS[*ctx.fmt - FIRST_FLAG];
+        if (flag == 0)
+            return;
+        ctx.flags |= flag;
+    }
+}
+
+// Reads a run of digits; false when the number does not fit.
+template <class C> bool parseNumber(FormatCtx<C>& ctx, int32* number)
+{
+    int32 n = 0;
+    for (; isDigit(*ctx.fmt); ++ctx.fmt) {
+        const int32 digit = static_cast<int32>(*ctx.fmt - '0');
+        if (n > (INT32_MAX - digit) / 10)
+            return false;
+        n = n * 10 + digit;
+    }
+    *number = n;
+    return true;
+}
+
+template <class C> inline bool parseWidth(FormatCtx<C>& ctx)
+{
+    if (*ctx.fmt != '*')
+        return parseNumber(ctx, &ctx.width);
+    ++ctx.fmt;
+    const int width = va_arg(ctx.sctx->args, int);
+    if (width == INT32_MIN)
+        return false; // its negation is as much too large as 2147483648 in digits
+    if (width < 0)
+        ctx.flags |= F_MINUS;
+    ctx.width = width < 0 ? -width : width;
+    return true;
+}
+
+template <class C> inline bool parsePrecision(FormatCtx<C>& ctx)
+{
+    if (*ctx.fmt != '.')
+        return true;
+    ++ctx.fmt;
+    if (*ctx.fmt != '*')
+        return parseNumber(ctx, &ctx.precision); // 0 when there is no digit
+    ++ctx.fmt;
+    const int precision = va_arg(ctx.sctx->args, int);
+    ctx.precision = precision < 0 ? NO_PRECISION : precision;
+    return true;
+}
+
+// One letter, or the same twice.
+template <class C> inline void takeModifier(FormatCtx<C>& ctx, CONV once, CONV twice)
+{
+    const C letter = *ctx.fmt++;
+    ctx.conv = once;
+    if (*ctx.fmt == letter && twice != once) {
+        ++ctx.fmt;
+        ctx.conv = twice;
+    }
+}
+
+template <class C> inline void parseModifier(FormatCtx<C>& ctx)
+{
+    switch (*ctx.fmt) {
+    case 'h':
+        return takeModifier(ctx, C_SHORT, C_CHAR);
+    case 'l':
+        return takeModifier(ctx, C_LONG, C_LLONG);
+    case 'L':
+        return takeModifier(ctx, C_LDOUBLE, C_LDOUBLE);
+    case 'j':
+        return takeModifier(ctx, C_INTMAX, C_INTMAX);
+    case 't':
+        return takeModifier(ctx, C_PTRDIFF, C_PTRDIFF);
+    case 'z':
+        return takeModifier(ctx, C_SIZE, C_SIZE);
+    default:
+        return;
+    }
+}
+
+// ---- strings, pointers, the count ------------------------------------------------------------------------------
+
+template <class C> size_t lengthToPrint(const FormatCtx<C>& ctx, const C* str)
+{
+    if (ctx.precision == NO_PRECISION)
+        return FormatTraits<C>::length(str);
+    return FormatTraits<C>::length(str, static_cast<size_t>(ctx.precision));
+}
+
+template <class C> void putString(FormatCtx<C>& ctx, const C* str)
+{
+    if (!str) {
+        str = TEXT_NULL<C>;
+        // DELIBERATE: all of "(null)" or nothing; callers never get a part of it to see.
+        // Pinned by format_null_arguments.
+        const bool cut =
+            ctx.precision != NO_PRECISION && static_cast<size_t>(ctx.precision) < FormatTraits<C>::length(str);
+        if (cut)
+            ctx.precision = 0;
+    }
+    putWord(ctx, C(0), str, lengthToPrint(ctx, str));
+}
+
+#if EKO_CHECKED
+// The block of the string that is appended to may move before the argument is read for the second time.
+template <class C> bool isSafeArgument(const FormatCtx<C>& ctx, const C* str)
+{
+    const StrCtx<C>& sink = *ctx.sctx;
+    if (!str || !sink.extended || str < sink.extended || str > sink.extended + sink.extendedLen)
+        return true;
+    eko_log_err("A string is appended to itself by the formatter\n");
+    return false;
+}
+#else
+template <class C> constexpr bool isSafeArgument(const FormatCtx<C>&, const C*)
+{
+    return true;
+}
+#endif
+
+template <class C> void putPointer(FormatCtx<C>& ctx)
+{
+    const void* const ptr = va_arg(ctx.sctx->args, const void*);
+    if (ptr)
+        putInteger(ctx, static_cast<uint64>(int64{reinterpret_cast<intptr_t>(ptr)})); // by its sign, as a number
+    else
+        putString(ctx, TEXT_NIL<C>);
+}
+
+template <class Int, class C> inline void storeAs(FormatCtx<C>& ctx)
+{
+    *va_arg(ctx.sctx->args, Int*) = static_cast<Int>(ctx.sctx->len);
+}
+
+template <class C> void storeCount(FormatCtx<C>& ctx)
+{
+    switch (ctx.conv) {
+    case C_DEFAULT:
+        return storeAs<int32>(ctx);
+    case C_CHAR:
+        return storeAs<int8>(ctx);
+    case C_SHORT:
+        return storeAs<int16>(ctx);
+    case C_LONG:
+        return storeAs<long>(ctx);
+    case C_LLONG:
+    case C_INTMAX:
+        return storeAs<int64>(ctx);
+    case C_SIZE:
+        return storeAs<size_t>(ctx);
+    case C_PTRDIFF:
+        return storeAs<ptrdiff_t>(ctx);
+    case C_LDOUBLE:
+        return; // DELIBERATE: takes no argument, as %Ld. Pinned by format_n_stores_by_modifier.
+    }
+}
+
+// ---- the walk --------------------------------------------------------------------------------------------------
+
+// Writes the directive. False when it fails, and the call with it.
+template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
+{
+    switch (kind) {
+    case K_PERCENT:
+        // DELIBERATE: no width for this and for %c; callers rely on exactly one character.
+        // Pinned by format_c_and_percent_ignore_width.
+        putChar(*ctx.sctx, C('%'));
+        return true;
+    case K_CHAR:
+        putChar(*ctx.sctx, FormatTraits<C>::character(va_arg(ctx.sctx->args, int)));
+        return true;
+    case K_INTEGER:
+        putInteger(ctx, fetchInteger(ctx));
+        return true;
+    case K_STRING: {
+        const C* const str = va_arg(ctx.sctx->args, const C*);
+        if (!isSafeArgument(ctx, str))
+            return false;
+        putString(ctx, str);
+        return true;
+    }
+    case K_POINTER:
+        putPointer(ctx);
+        return true;
+    case K_COUNT:
+        storeCount(ctx);
+        return true;
+    case K_FLOAT:
+        if ((ctx.flags & F_GSTYLE) && ctx.precision == 0)
+            ctx.precision = 1;
+        return putFloat(ctx);
+    case K_UNKNOWN:
+        return true; // DELIBERATE: silent, without an argument. Pinned by format_unknown_conversion_is_silent.
+    }
+    return true;
+}
+
+// Handles what follows a '%' and moves the cursor behind it. False when the directive fails.
+template <class C> bool putDirective(StrCtx<C>& sink, const C** fmt)
+{
+    FormatCtx<C> ctx = {};
+    ctx.precision = NO_PRECISION;
+    ctx.sctx = &sink;
+    ctx.fmt = *fmt;
+    parseFlags(ctx);
+    if (!parseWidth(ctx) || !parsePrecision(ctx))
+        return false;
+    parseModifier(ctx);
+
+    const C letter = *ctx.fmt;
+    if (letter != 0)
+        ++ctx.fmt; // whatever it is; but a format that ends inside a directive ends there
+    *fmt = ctx.fmt;
+    if (letter < 0 || letter > 127)
+        return true;
+    const CONVERSION& conversion = CONVERSIONS.of[static_cast<uint8>(letter)];
+    ctx.base = conversion.base;
+    ctx.flags |= conversion.flags;
+    return convert(ctx, conversion.kind);
+}
+
+template <class C> bool walkFormat(StrCtx<C>& sink, const C* fmt)
+{
+    for (;;) {
+        const C* const run = fmt;
+        while (*fmt != 0 && *fmt != '%')
+            ++fmt;
+        if (fmt > run)
+            putText(sink, run, static_cast<size_t>(fmt - run));
+        if (*fmt == 0)
+            return true;
+        ++fmt;
+        if (!putDirective(sink, &fmt))
+            return false;
+    }
+}
+
+// Formats into a sink. Returns what the exported calls return. `args` itself is not used up, so that it serves
+// for measuring and then for writing.
+template <class C> int formatInto(StrCtx<C>& sink, const C* fmt, va_list args)
+{
+    va_copy(sink.args, args); // a va_list parameter can be a pointer, a member is a list of its own
+    const bool done = walkFormat(sink, fmt);
+    va_end(sink.args);
+    terminate(sink);
+    return done && sink.len < INT32_MAX ? static_cast<int>(sink.len) : -1;
+}
+
+template <class C> int formatV(C* str, size_t size, const C* fmt, va_list args)
+{
+    StrCtx<C> sink = {};
+    sink.str = str;
+    sink.size = str ? size : 0;
+    return formatInto(sink, fmt, args);
+}
+
+// ---- new and longer strings ------------------------------------------------------------------------------------
+// Quiet, for the exported calls to report when no argument list is open any more.
+
+// The bytes of a string of old + added characters and its terminator; false when that wraps.
+template <class C> inline bool bytesFor(size_t old, int added, size_t* bytes)
+{
+    size_t chars;
+    return addSize(old, static_cast<size_t>(added) + 1, &chars) && !__builtin_mul_overflow(chars, sizeof(C), bytes);
+}
+
+// The length of the text to append to `str`, or -1.
+template <class C> int measureFor(const C* str, size_t oldLen, const C* fmt, va_list args)
+{
+    StrCtx<C> sink = {};
+#if EKO_CHECKED
+    sink.extended = str;
+    sink.extendedLen = oldLen;
+#else
+    (void)str, (void)oldLen;
+#endif
+    return formatInto(sink, fmt, args);
+}
+
+// The string `str`, or an empty one for null, with the formatted text behind it.
+template <class C> C* tryAppend(EKO_MEMTAG tag, const C* str, const C* fmt, va_list args, MemResult* result)
+{
+    *result = MemResult::refused;
+    const size_t oldLen = str ? FormatTraits<C>::length(str) : 0;
+    const int added = measureFor(str, oldLen, fmt, args);
+    if (added < 0)
+        return nullptr;
+    size_t bytes;
+    if (!bytesFor<C>(oldLen, added, &bytes)) {
+        *result = MemResult::exhausted;
+        return nullptr;
+    }
+    void* const block =
+        str ? tryExtendMem(str, bytes, tag, result) : tryGetMem(bytes, tag, EKO_MEM_PLAIN, nullptr, result);
+    if (!block)
+        return nullptr;
+    C* const longer = static_cast<C*>(block);
+    formatV(longer + oldLen, static_cast<size_t>(added) + 1, fmt, args);
+    return longer;
+}
+
+#endif

@@ -1,0 +1,84 @@
+// The formatter over bytes: what the engine needs to know about char, and the exported calls.
+
+#include <locale.h>
+
+#include "eko_format.h"
+
+template <> struct FormatTraits<char> {
+    using Locale = struct lconv*;
+
+    static const char* decimalPoint(Locale& lc) { return conventions(lc)->decimal_point; }
+    static const char* thousandsSep(Locale& lc) { return conventions(lc)->thousands_sep; }
+    static size_t length(const char* str) { return strlen(str); }
+    static size_t length(const char* str, size_t max) { return strnlen(str, max); }
+    static char character(int arg) { return static_cast<char>(arg); }
+
+private:
+    static struct lconv* conventions(Locale& lc)
+    {
+        if (!lc)
+            lc = localeconv();
+        return lc;
+    }
+};
+
+using STR_CTX = StrCtx<char>;
+using FORMAT_CTX = FormatCtx<char>;
+using INT_FORMAT = IntFormat<char>;
+using FLT_FORMAT = FltFormat<char>;
+
+static_assert(sizeof(INT_FORMAT::tmp) == 43 && sizeof(FLT_FORMAT::econvert) == 5);
+
+int eko_vsnprintf(char* str, size_t size, const char* fmt, va_list args)
+{
+    return formatV(str, size, fmt, args);
+}
+
+int eko_snprintf(char* str, size_t size, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    const int len = formatV(str, size, fmt, args);
+    va_end(args);
+    return len;
+}
+
+// memFail may leave by longjmp: each call ends its argument list first.
+
+char* eko_makeStrV(const char* file, uint32 line, EKO_MEMTAG tag, const char* fmt, va_list args)
+{
+    return eko_appendStrV(file, line, tag, nullptr, fmt, args);
+}
+
+char* eko_appendStrV(const char* file, uint32 line, EKO_MEMTAG tag, const char* str, const char* fmt, va_list args)
+{
+    MemResult result;
+    char* const longer = tryAppend(tag, str, fmt, args, &result);
+    if (!longer)
+        memFail(result, tag, file, line);
+    return longer;
+}
+
+char* eko_makeStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const char* fmt, ...)
+{
+    MemResult result;
+    va_list args;
+    va_start(args, fmt);
+    char* const str = tryAppend<char>(tag, nullptr, fmt, args, &result);
+    va_end(args);
+    if (!str)
+        memFail(result, tag, file, line);
+    return str;
+}
+
+char* eko_appendStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const char* str, const char* fmt, ...)
+{
+    MemResult result;
+    va_list args;
+    va_start(args, fmt);
+    char* const longer = tryAppend(tag, str, fmt, args, &result);
+    va_end(args);
+    if (!longer)
+        memFail(result, tag, file, line);
+    return longer;
+}
