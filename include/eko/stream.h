@@ -52,16 +52,16 @@ EKO_API void eko_fclose(EKO_FILE_STREAM stream);
  *  low surrogate without its high one reads as "."; what follows a high one is not checked. A stream whose mode
  *  stayed unknown reads as 0 for ever. -1 for null. */
 EKO_API int32 eko_fgetc(EKO_FILE_STREAM stream);
-/** Puts a value back, to be read next; the last one put back comes first. Returns it, or -1 when 20 are waiting.
- *  On a UTF-16 stream put back at most 17: reading needs 3 places itself. */
+/** Puts a value back, to be read next; the last one put back comes first. Returns it, or -1 when 20 are waiting
+ *  and for a null stream. */
 EKO_API int32 eko_fungetc(int32 c, EKO_FILE_STREAM stream);
 /** Reads up to n - 1 bytes, through the next line end. Returns `str`, terminated; null at the end, for a null
  *  argument, n below 1, or a stream whose mode stayed unknown. */
 EKO_API char* eko_fgets(char* str, int32 n, EKO_FILE_STREAM stream);
 
 /** Reads a line of any length, its line end included.
- *  buf, len  a block of `tag` and its size in bytes, reused and extended; start with null and 0. Not a stack
- *            tag. The caller frees it in the end.
+ *  buf, len  a block of `tag` and its size in bytes, reused and extended; start with null and 0. For a block, a
+ *            size of 0 stands for 100. Not a stack tag. The caller frees it in the end.
  *  Returns the line, which is `*buf`; null at the end, for null arguments, for a stream whose mode stayed
  *  unknown, and when memory runs out: `*buf` and `*len` then still describe a valid block, and what was read of
  *  the line is lost. A new block has 100 bytes and grows by 100. May leave by longjmp. */
@@ -81,7 +81,8 @@ EKO_API int32 eko_fprintf(EKO_FILE_STREAM stream, const char* format, ...) EKO_P
 EKO_API int32 eko_fflush(EKO_FILE_STREAM stream);
 
 /** Sets the position: origin 0 from the first character, behind a mark; 1 from here; 2 from the end. What is
- *  pending is written first. Returns 0, or 1002 for another origin or a failed write. See the surprises above. */
+ *  pending is written first, what was put back is forgotten. Returns 0; 1002 for another origin, a position below
+ *  0, a failed write or a null stream, with the position unchanged. See the surprises above. */
 EKO_API int32 eko_fseek(EKO_FILE_STREAM stream, int32 off, int32 origin);
 
 /* ---- console: what eko_stdout_open and eko_stderr_open (log.h) put on top; any thread ------------------- */

@@ -1,11 +1,11 @@
-// Block allocator: fixed size classes, a hundred blocks at a time; anything above 8192 bytes gets a large block of its
-// own. The default of the library.
+// Block allocator: fixed size classes, a hundred blocks at a time; anything above 8192 bytes gets a large block of
+// its own. The default of the library.
 //
 // Data    chunk of a class:     | BLOCK_CHUNK_HDR | BLOCK_HDR | payload | BLOCK_HDR | payload | ... a hundred
 //         chunk of one block:   | BLOCK_CHUNK_HDR | BLOCK_HDR | payload |
-//         A free block's header links the free list of its class; that of a block in use holds its size, which is the
-//         class size or, for a large block, the request rounded up to 32. Blocks of a class stay with the allocator
-//         until all is freed.
+//         A free block's header links the free list of its class; that of a block in use holds its size, which is
+//         the class size or, for a large block, the request rounded up to 32. Blocks of a class stay with the
+//         allocator until all is freed.
 // Locks   none; the tag's mutex.
 
 #include <bit>
@@ -57,11 +57,11 @@ struct BLOCK_ALLOCATOR_ENTRY {
 };
 
 using FreeList = BLOCK_HDR* BLOCK_ALLOCATOR_ENTRY::*;
-constexpr FreeList FREE_LISTS[] = {
-    &BLOCK_ALLOCATOR_ENTRY::size16,   &BLOCK_ALLOCATOR_ENTRY::size32,   &BLOCK_ALLOCATOR_ENTRY::size64,
-    &BLOCK_ALLOCATOR_ENTRY::size128,  &BLOCK_ALLOCATOR_ENTRY::size256,  &BLOCK_ALLOCATOR_ENTRY::size512,
-    &BLOCK_ALLOCATOR_ENTRY::size1024, &BLOCK_ALLOCATOR_ENTRY::size2048, &BLOCK_ALLOCATOR_ENTRY::size4096,
-    &BLOCK_ALLOCATOR_ENTRY::size8192};
+constexpr FreeList FREE_LISTS[] = {&BLOCK_ALLOCATOR_ENTRY::size16,   &BLOCK_ALLOCATOR_ENTRY::size32,
+                                   &BLOCK_ALLOCATOR_ENTRY::size64,   &BLOCK_ALLOCATOR_ENTRY::size128,
+                                   &BLOCK_ALLOCATOR_ENTRY::size256,  &BLOCK_ALLOCATOR_ENTRY::size512,
+                                   &BLOCK_ALLOCATOR_ENTRY::size1024, &BLOCK_ALLOCATOR_ENTRY::size2048,
+                                   &BLOCK_ALLOCATOR_ENTRY::size4096, &BLOCK_ALLOCATOR_ENTRY::size8192};
 
 constexpr size_t HDR = sizeof(BLOCK_HDR);
 constexpr size_t CHUNK_HDR = sizeof(BLOCK_CHUNK_HDR);
@@ -87,8 +87,8 @@ BLOCK_TYPE calc_type(size_t size)
     return static_cast<BLOCK_TYPE>(static_cast<uint32>(std::bit_width(size - 1)) - SMALLEST_CLASS_BITS);
 }
 
-// DELIBERATE: what fits 16 bytes is served from the class of 32, and the list of 16 stays empty. The engine's figures
-// of memory in use are calibrated on it. Pinned by block_smallest_class_is_32.
+// DELIBERATE: what fits 16 bytes is served from the class of 32, and the list of 16 stays empty. The engine's
+// figures of memory in use are calibrated on it. Pinned by block_smallest_class_is_32.
 BLOCK_TYPE classForRequest(size_t size)
 {
     return size <= classSize(BLOCK_32_BYTES) ? BLOCK_32_BYTES : calc_type(size);
@@ -125,7 +125,7 @@ void push(BLOCK_ALLOCATOR_ENTRY* alctr, FreeList list, BLOCK_HDR* block)
     alctr->*list = block;
 }
 
-// ---- chunks ----------------------------------------------------------------------------------------------------------
+// ---- chunks -----------------------------------------------------------------------------------------------
 
 // Points the chunks beside it at `chunk`, which is new or has moved.
 void linkNeighbors(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_CHUNK_HDR* chunk)
@@ -179,7 +179,7 @@ BLOCK_HDR* allocate_block(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_TYPE type)
     return block;
 }
 
-// ---- slots of the table -----------------------------------------------------------------------------------------------
+// ---- slots of the table -----------------------------------------------------------------------------------
 
 void block_allocator_destroy(ALLOCATOR alctr)
 {
@@ -233,8 +233,8 @@ void* realloc_similar_size(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block, size_
     if (!roundUp(newsize, LARGE_ROUNDING, &newsize) || !addSize(newsize, CHUNK_HDR + HDR, &bytes))
         return nullptr;
     const size_t oldsize = static_cast<size_t>(block->hdr.size);
-    auto* chunk = static_cast<BLOCK_CHUNK_HDR*>(
-        eko_reallocLargeBlock(chunkOfLarge(block), bytes, &alctr->mem_info.capacity));
+    auto* chunk =
+        static_cast<BLOCK_CHUNK_HDR*>(eko_reallocLargeBlock(chunkOfLarge(block), bytes, &alctr->mem_info.capacity));
     if (!chunk)
         return nullptr;
     linkNeighbors(alctr, chunk);

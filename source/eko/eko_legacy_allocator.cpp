@@ -1,9 +1,9 @@
-// Legacy allocator: each block straight from the system heap, so that a memory checker sees it, on a list, so that the
-// tag can still be emptied. No figures, no limit.
+// Legacy allocator: each block straight from the system heap, so that a memory checker sees it, on a list, so that
+// the tag can still be emptied. No figures, no limit.
 //
 // Data    block:  | LEGACY_HDR prev next | payload |     newest first from a_first
-//         live:   an open-addressing set of the headers of all live blocks, at most half full. It tells a second free
-//                 from a first one without a look at memory that is the heap's again.
+//         live:   an open-addressing set of the headers of all live blocks, at most half full. It tells a second
+//                 free from a first one without a look at memory that is the heap's again.
 // Locks   none; the tag's mutex.
 
 #include <stdio.h>
@@ -35,7 +35,7 @@ constexpr size_t FIRST_CAPACITY = 64;
 
 static_assert(HDR % BLOCK_ALIGNMENT == 0);
 
-// ---- the set of live blocks --------------------------------------------------------------------------------------
+// ---- the set of live blocks -------------------------------------------------------------------------------
 
 size_t hashOf(const LEGACY_HDR* block)
 {
@@ -103,7 +103,7 @@ void clear(LiveSet& set)
     set = {nullptr, 0, 0};
 }
 
-// ---- blocks --------------------------------------------------------------------------------------------------------
+// ---- blocks -----------------------------------------------------------------------------------------------
 
 LEGACY_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
 {
@@ -126,7 +126,7 @@ void linkNeighbors(LEGACY_ALLOCATOR_ENTRY* alctr, LEGACY_HDR* block)
         block->next->prev = block;
 }
 
-// ---- slots of the table -----------------------------------------------------------------------------------------------
+// ---- slots of the table -----------------------------------------------------------------------------------
 
 void legacy_allocator_free_all(ALLOCATOR data)
 {

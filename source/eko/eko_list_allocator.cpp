@@ -8,8 +8,9 @@
 // Data    chunk:        | LIST_CHUNK_HDR | block | block | ... |
 //         block:        | LIST_HDR | payload |     a free block's header links the chunk's free list, unordered
 //         large block:  | LARGE_BLOCK_HDR | payload | inside a block of LargeBlock
-// Locks   A tag's allocator relies on the tag's mutex. largeBlockSem guards LargeBlock, eko_mem_stats and the caller's
-//         buffer; it is taken inside a tag's mutex, never around one, and is none before start and after stop.
+// Locks   A tag's allocator relies on the tag's mutex. largeBlockSem guards LargeBlock, eko_mem_stats and the
+//         caller's buffer; it is taken inside a tag's mutex, never around one, and is none before start and after
+//         stop.
 
 #include <stdlib.h>
 #include <string.h>
@@ -76,7 +77,7 @@ static_assert(sizeof(LIST_ALLOCATOR_ENTRY) == (sizeof(void*) == 4 ? 32 : 64));
 
 int32 eko_membuffer_used; // the caller's buffer is handed out
 
-// ---- system side of LargeBlock ---------------------------------------------------------------------------------
+// ---- system side of LargeBlock ----------------------------------------------------------------------------
 
 // The part of the caller's buffer that whole aligned blocks can fill.
 size_t usableBuffer()
@@ -113,7 +114,7 @@ void eko_free(void* ptr, EKO_MEM_INFO*)
 
 LIST_ALLOCATOR_ENTRY LargeBlock = {nullptr, SYSTEM_BLOCKSIZE, eko_malloc, eko_free, {}};
 
-// ---- addresses -------------------------------------------------------------------------------------------------
+// ---- addresses --------------------------------------------------------------------------------------------
 
 char* bytesOf(void* p)
 {
@@ -140,7 +141,7 @@ LIST_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
     return static_cast<LIST_ALLOCATOR_ENTRY*>(alctr);
 }
 
-// ---- free lists --------------------------------------------------------------------------------------------------
+// ---- free lists -------------------------------------------------------------------------------------------
 
 void push_on_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 {
@@ -186,7 +187,7 @@ BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     return best;
 }
 
-// ---- chunks ---------------------------------------------------------------------------------------------------------
+// ---- chunks -----------------------------------------------------------------------------------------------
 
 // A chunk whose payload is one free block that holds `size` bytes.
 LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
@@ -221,7 +222,7 @@ void release_chunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk)
     alctr->free_fcn(chunk, &alctr->mem_info.capacity);
 }
 
-// ---- joining ----------------------------------------------------------------------------------------------------------
+// ---- joining ----------------------------------------------------------------------------------------------
 
 struct Neighbors {
     LIST_HDR* above;       // the free block with the lowest address above
@@ -282,7 +283,7 @@ void release_extra(LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
     push_on_free_list(chunk, rest);
 }
 
-// ---- the three operations ------------------------------------------------------------------------------------------------
+// ---- the three operations ---------------------------------------------------------------------------------
 
 void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
 {
@@ -324,7 +325,8 @@ void* moveBlock(LIST_HDR* block, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
     return moved;
 }
 
-// The block takes in free space behind it first, even when it is to shrink, and keeps it when it cannot grow further.
+// The block takes in free space behind it first, even when it is to shrink, and keeps it when it cannot grow
+// further.
 void* internal_realloc(void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
 {
     if (!roundUp(newsize, BLOCK_ALIGNMENT, &newsize))
@@ -339,7 +341,7 @@ void* internal_realloc(void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
     return ptr;
 }
 
-// ---- slots of the table -----------------------------------------------------------------------------------------------------
+// ---- slots of the table -----------------------------------------------------------------------------------
 
 void list_allocator_destroy(ALLOCATOR alctr)
 {
@@ -398,8 +400,8 @@ ALLOCATOR list_allocator_create(ALLOCATOR_FCNS* fcns)
     return state;
 }
 
-// `size` is that of the handle; that the buffer holds the whole state is asserted when this is compiled. The figures
-// of this allocator are nobody's business.
+// `size` is that of the handle; that the buffer holds the whole state is asserted when this is compiled. The
+// figures of this allocator are nobody's business.
 void create_static_list_allocator(void* alctr, uint32 size, ALLOCATOR_FCNS* fcns)
 {
     using LIST_ALLOCATOR = LIST_ALLOCATOR_ENTRY*; // the handle
@@ -409,7 +411,7 @@ void create_static_list_allocator(void* alctr, uint32 size, ALLOCATOR_FCNS* fcns
     fcns->mem_info_fcn = nullptr;
 }
 
-// ---- large blocks -------------------------------------------------------------------------------------------------------------
+// ---- large blocks -----------------------------------------------------------------------------------------
 
 void* eko_allocLargeBlock(size_t* size, EKO_MEM_INFO* mem_info)
 {
@@ -435,8 +437,8 @@ void* eko_reallocLargeBlock(void* ptr, size_t size, EKO_MEM_INFO* mem_info)
     auto* hdr = static_cast<LARGE_BLOCK_HDR*>(internal_realloc(largeHeaderOf(ptr), bytes, &LargeBlock));
     if (!hdr)
         return nullptr;
-    // DELIBERATE: the sign is reversed, so growing lowers both figures and shrinking raises them. The engine's limits
-    // are tuned to what they come to. Pinned by large_block_realloc_reverses_the_figures.
+    // DELIBERATE: the sign is reversed, so growing lowers both figures and shrinking raises them. The engine's
+    // limits are tuned to what they come to. Pinned by large_block_realloc_reverses_the_figures.
     const size_t difference = hdr->size - bytes;
     eko_inc_mem_info(&eko_mem_stats, difference);
     eko_inc_mem_info(mem_info, difference);

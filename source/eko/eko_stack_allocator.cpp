@@ -1,5 +1,5 @@
-// Stack allocator: blocks cut one behind the other from chunks, for owners that free everything at once. A single free
-// does nothing, extending is not supported.
+// Stack allocator: blocks cut one behind the other from chunks, for owners that free everything at once. A single
+// free does nothing, extending is not supported.
 //
 // Data    chunk:  | STACK_CHUNK_HDR | used ... offset | left |
 //         partial_chunks have room left, full_chunks none; a chunk moves once, from the first list to the second.
@@ -95,7 +95,7 @@ void freeChunks(STACK_ALLOCATOR_ENTRY* alctr, STACK_CHUNK_HDR** list)
     }
 }
 
-// ---- slots of the table -----------------------------------------------------------------------------------------------
+// ---- slots of the table -----------------------------------------------------------------------------------
 
 void stack_allocator_destroy(ALLOCATOR alctr)
 {

@@ -5,7 +5,7 @@
 
 #include "eko.h"
 
-// ---- statuses -------------------------------------------------------------------------------------------
+// ---- statuses ---------------------------------------------------------------------------------------------
 // The interface has numbers only; inside they have names.
 
 constexpr int32 EKO_OK = 0;
@@ -14,7 +14,7 @@ constexpr int32 EKO_FAILED = 1002;
 constexpr int32 EKO_NO_MEMORY = 1003;
 constexpr int32 EKO_BAD_ARGUMENT = 1013;
 
-// ---- assertions -----------------------------------------------------------------------------------------
+// ---- assertions -------------------------------------------------------------------------------------------
 
 // Prints the expression's text on standard error and aborts. Active in every build: the code behind an
 // assertion relies on it. A claim is ours to keep; a caller's mistake gets a status instead.
@@ -22,7 +22,7 @@ constexpr int32 EKO_BAD_ARGUMENT = 1013;
 
 [[noreturn]] void eko_assertFailed(const char* expr, const char* file, int line);
 
-// ---- deliberate unlocked access -------------------------------------------------------------------------
+// ---- deliberate unlocked access ---------------------------------------------------------------------------
 // Some variables are plain in the interface or in a record and read without a lock on purpose. These mark each
 // such access and make it one atomic instruction.
 
@@ -44,7 +44,7 @@ template <class T> inline void publish(T& v, T value)
     __atomic_store_n(&v, value, __ATOMIC_RELEASE);
 }
 
-// ---- guards ---------------------------------------------------------------------------------------------
+// ---- guards -----------------------------------------------------------------------------------------------
 // None may be alive across a call that can longjmp, end the thread or call back into the caller.
 
 // Holds a mutex of the semaphore table, if there is one.
@@ -91,7 +91,7 @@ private:
     int saved_;
 };
 
-// ---- lifecycle ------------------------------------------------------------------------------------------
+// ---- lifecycle --------------------------------------------------------------------------------------------
 
 int32 _eko_init();
 int32 eko_osInit();
@@ -101,6 +101,9 @@ void eko_globalTerm();
 int32 eko_syncInit();
 void eko_syncShutdown();
 void eko_syncTerm();
+
+// Mutexes and events alive, for tests.
+int32 syncSlotsInUse();
 
 // The start count, read without a lock. 0 and below are "not started": a stray eko_term leaves -1.
 inline int32 eko_inited_get__race_condition_ok()
@@ -112,7 +115,7 @@ inline bool libraryStarted()
     return eko_inited_get__race_condition_ok() > 0;
 }
 
-// ---- access to a module's globals record ----------------------------------------------------------------
+// ---- access to a module's globals record ------------------------------------------------------------------
 
 // One per module that keeps state. After the first use the record is found without a lock.
 struct GlobalSlot {
@@ -127,7 +130,7 @@ struct GlobalSlot {
 // The module's record, or null when it cannot be had.
 void* globalRecord(GlobalSlot& slot);
 
-// ---- formatter (ekoint.cpp) -----------------------------------------------------------------------------
+// ---- formatter (ekoint.cpp) -------------------------------------------------------------------------------
 
 // Length modifier of a directive; shared by the narrow and the wide engine.
 enum CONV {

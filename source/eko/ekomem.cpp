@@ -5,17 +5,18 @@
 //           provides the TAG_ENTRY records and the allocators' states, so that making a tag never asks the system
 //           heap for them.
 // Locks     A tag's t_sem guards its allocator. tagTabSem guards only the list. largeBlockSem is taken inside an
-//           allocator, so after a tag's mutex. Destruction holds the tag's mutex, then takes tagTabSem, then that of
-//           the static tag. EKO_SEM_INVALID is "no mutex", which is what each of them is before start and after stop.
+//           allocator, so after a tag's mutex. Destruction holds the tag's mutex, then takes tagTabSem, then that
+//           of the static tag. EKO_SEM_INVALID is "no mutex", which is what each of them is before start and after
+//           stop.
 // Unlocked  whether the library is started or stopping; the limit; the figures of a tag.
 //
-// Two layers. The try... calls find no memory in silence, so they may be used with locks and files held. The exported
-// calls report a failure and may then jump out of the library, so they hold nothing at that point.
+// Two layers. The try... calls find no memory in silence, so they may be used with locks and files held. The
+// exported calls report a failure and may then jump out of the library, so they hold nothing at that point.
 
 #include <string.h>
 
-#include "ekomem_int.h"
 #include "ekolog_int.h"
+#include "ekomem_int.h"
 
 // What the list allocator's state needs, seen from here as raw storage.
 constexpr size_t STATIC_ALLOCATOR_SIZE = 64;
@@ -54,7 +55,7 @@ bool isRealTag(EKO_MEMTAG tt)
     return tt != EKO_GLOBAL_TAG && tt != EKO_THREAD_TAG && tt != EKO_TAG_INVALID;
 }
 
-// ---- tags -------------------------------------------------------------------------------------------------------
+// ---- tags -------------------------------------------------------------------------------------------------
 
 using AllocatorCreate = ALLOCATOR (*)(ALLOCATOR_FCNS* fcns);
 constexpr AllocatorCreate ALLOCATOR_CREATES[] = {block_allocator_create, list_allocator_create,
@@ -168,7 +169,7 @@ void destroyEmptied(TAG_ENTRY* tag)
     freeEntry(tag);
 }
 
-// ---- requests ---------------------------------------------------------------------------------------------------------
+// ---- requests ---------------------------------------------------------------------------------------------
 
 // Checks a request and finds its size in bytes.
 bool validateGetMem(size_t* size, int32 mode, const void* data)
@@ -226,7 +227,7 @@ void clearLast(void* block, size_t size, size_t count)
 
 } // namespace
 
-// ---- for the library's own use -----------------------------------------------------------------------------------------
+// ---- for the library's own use ----------------------------------------------------------------------------
 
 void* tryGetMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, MemResult* result)
 {
@@ -312,7 +313,7 @@ void eko_freeSmallBlock(void* ptr)
     EKO_FREE(ptr, &static_list_tag);
 }
 
-// ---- start and stop -------------------------------------------------------------------------------------------------------
+// ---- start and stop ---------------------------------------------------------------------------------------
 
 namespace {
 
@@ -403,7 +404,16 @@ void eko_memTerm()
     EKO_ASSERT(!largeBlocksInUse());
 }
 
-// ---- tags -------------------------------------------------------------------------------------------------------------------
+// ---- tags -------------------------------------------------------------------------------------------------
+
+int32 memTagsAlive()
+{
+    const SemGuard lock(tagTabSem);
+    int32 count = 0;
+    for (const TAG_ENTRY* tag = taglisthead; tag; tag = tag->t_next)
+        ++count;
+    return count;
+}
 
 EKO_MEMTAG eko_createTagEx(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
                            void* destroy_ctx, const char* file, uint32 line)
@@ -474,7 +484,7 @@ void eko_releaseTLSTag(void)
     EKO_TAG_DESTROY(tag);
 }
 
-// ---- blocks --------------------------------------------------------------------------------------------------------------------
+// ---- blocks -----------------------------------------------------------------------------------------------
 
 void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file, uint32 line)
 {
@@ -511,7 +521,7 @@ void eko_freeMem(const void* ptr, EKO_MEMTAG tt, const char* /*file*/, uint32 /*
     tag->t_fcns.free_fcn(const_cast<void*>(ptr), tag->t_allocator);
 }
 
-// ---- limit and figures of the process ---------------------------------------------------------------------------------------------
+// ---- limit and figures of the process ---------------------------------------------------------------------
 
 int32 eko_setMemLimit(void* ptr, size_t limit)
 {
@@ -537,11 +547,6 @@ void eko_getMemUsage(size_t* curr_usage, size_t* max_usage)
 void eko_memReport(const char*, ...) {}
 
 void eko_memReportTag(EKO_MEMTAG, const char*, ...) {}
-
-int32 eko_isPurifyRunning(void)
-{
-    return 0;
-}
 
 void eko_inc_mem_info(EKO_MEM_INFO* info, size_t size)
 {

@@ -5,7 +5,7 @@
 
 #include "ekoint.h"
 
-// ---- for every module: allocation that neither reports nor jumps -------------------------------------------
+// ---- for every module: allocation that neither reports nor jumps ------------------------------------------
 //
 // Inside the library memory is taken through these only. A lock, a file or a temporary may be held around them.
 // When one fails, the exported function at the outer edge releases all that and then calls memReport (for
@@ -20,6 +20,9 @@ enum class MemResult {
 // As eko_getMem and eko_extendMem (`ptr` not null, `newsize` not 0); null on failure, `result` says why.
 void* tryGetMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, MemResult* result = nullptr);
 void* tryExtendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, MemResult* result = nullptr);
+
+// As eko_convToUTF8, without report or jump.
+char* tryConvToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag, MemResult* result);
 
 // Makes a tag without reporting; EKO_TAG_INVALID on failure.
 EKO_MEMTAG tryCreateTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
@@ -37,7 +40,7 @@ template <class T> inline T* tryZeroed(EKO_MEMTAG tt, MemResult* result = nullpt
     return static_cast<T*>(tryGetMem(sizeof(T), tt, EKO_MEM_ZERO, nullptr, result));
 }
 
-// ---- tags ----------------------------------------------------------------------------------------------------
+// ---- tags -------------------------------------------------------------------------------------------------
 
 using ALLOCATOR = void*; // an allocator's own state
 
@@ -46,7 +49,7 @@ struct ALLOCATOR_FCNS {
     void* (*alloc_fcn)(size_t size, ALLOCATOR alctr);
     void* (*realloc_fcn)(void* ptr, size_t size, ALLOCATOR alctr); // on null the old block stays valid
     void (*free_fcn)(void* ptr, ALLOCATOR alctr);
-    void (*free_all_fcn)(ALLOCATOR alctr); // the allocator stays usable
+    void (*free_all_fcn)(ALLOCATOR alctr);                         // the allocator stays usable
     void (*mem_info_fcn)(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info); // null for the static list allocator
 };
 
@@ -61,10 +64,13 @@ struct TAG_ENTRY {
     void* t_destroy_ctx;
 };
 
+// Tags alive, for tests.
+int32 memTagsAlive();
+
 int32 eko_memInit();
 void eko_memTerm();
 
-// ---- allocators ------------------------------------------------------------------------------------------------
+// ---- allocators -------------------------------------------------------------------------------------------
 
 ALLOCATOR block_allocator_create(ALLOCATOR_FCNS* fcns);
 ALLOCATOR list_allocator_create(ALLOCATOR_FCNS* fcns);
@@ -90,7 +96,7 @@ void eko_dec_mem_info(EKO_MEM_INFO* info, size_t size);
 // Figures are read without the tag's lock, one by one.
 void copyMemInfo(const EKO_TAG_MEM_INFO& from, EKO_TAG_MEM_INFO* to);
 
-// ---- sizes -------------------------------------------------------------------------------------------------------
+// ---- sizes ------------------------------------------------------------------------------------------------
 
 // Sums and roundings of sizes that can wrap; false when they do.
 inline bool addSize(size_t a, size_t b, size_t* sum)

@@ -43,7 +43,7 @@ timeval wallClock()
 
 } // namespace
 
-// ---- start and stop ---------------------------------------------------------------------------------------------
+// ---- start and stop ---------------------------------------------------------------------------------------
 
 int32 eko_osInit()
 {
@@ -55,7 +55,7 @@ int32 eko_osInit()
 
 void eko_osTerm() {}
 
-// ---- clocks --------------------------------------------------------------------------------------------------------
+// ---- clocks -----------------------------------------------------------------------------------------------
 
 void eko_sleep(uint32 recMillisecs)
 {
@@ -92,7 +92,7 @@ struct tm* eko_timeLocaltime(time64_t tm, struct tm* res)
     return localtime_r(&narrowed, res);
 }
 
-// ---- atomics ---------------------------------------------------------------------------------------------------------
+// ---- atomics ----------------------------------------------------------------------------------------------
 
 uint32 eko_atomicSetUInt32(volatile uint32* data, uint32 oldval, uint32 newval)
 {
@@ -119,7 +119,7 @@ uint32 eko_atomicDecrUInt32WithVal(volatile uint32* data)
     return __atomic_sub_fetch(data, 1u, __ATOMIC_SEQ_CST);
 }
 
-// ---- thread-local storage ----------------------------------------------------------------------------------------------
+// ---- thread-local storage ---------------------------------------------------------------------------------
 
 int32 eko_tlsCreateKey(pthread_key_t* pkey)
 {
@@ -151,7 +151,7 @@ int32 eko_tlsSetPtr(pthread_key_t key, void* ptr)
     return pthread_setspecific(key, ptr) == 0 ? EKO_OK : EKO_NO_MEMORY;
 }
 
-// ---- processors ------------------------------------------------------------------------------------------------------------
+// ---- processors -------------------------------------------------------------------------------------------
 
 uint32 eko_getcpucount(void)
 {

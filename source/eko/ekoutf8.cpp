@@ -209,20 +209,29 @@ template <class To, class From> uint32 convertInto(To* dest, const From* src, ui
     return done ? static_cast<uint32>(out.used) : EKO_UTF8_FAILED;
 }
 
-template <class To, class From> To* newCopy(const From* src, int32 errorBehavior, EKO_MEMTAG tag)
+template <class To, class From>
+To* tryNewCopy(const From* src, int32 errorBehavior, EKO_MEMTAG tag, MemResult* result)
 {
+    *result = MemResult::refused;
     Output<To> out = counting<To>();
-    if (!src || convert(out, src, errorBehavior) != UTF8_OKAY)
+    size_t bytes;
+    if (!src || convert(out, src, errorBehavior) != UTF8_OKAY ||
+        __builtin_mul_overflow(out.used + 1, sizeof(To), &bytes))
         return nullptr;
-    MemResult result = MemResult::refused;
-    auto* copy = static_cast<To*>(tryGetMem((out.used + 1) * sizeof(To), tag, EKO_MEM_PLAIN, nullptr, &result));
-    if (!copy) {
-        memFail(result, tag, __FILE__, __LINE__);
+    auto* copy = static_cast<To*>(tryGetMem(bytes, tag, EKO_MEM_PLAIN, nullptr, result));
+    if (!copy)
         return nullptr;
-    }
     out = {copy, out.used, 0};
     convert(out, src, errorBehavior);
     copy[out.used] = 0;
+    return copy;
+}
+
+template <class To, class From> To* newCopy(const From* src, int32 errorBehavior, EKO_MEMTAG tag)
+{
+    MemResult result;
+    To* copy = tryNewCopy<To>(src, errorBehavior, tag, &result);
+    memFail(result, tag, __FILE__, __LINE__);
     return copy;
 }
 
@@ -239,6 +248,13 @@ bool convertAll(Output<char>& out, char** table, int32 argc, const wchar_t* cons
 }
 
 } // namespace
+
+// ---- for the library's own use ---------------------------------------------------------------------------------
+
+char* tryConvToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag, MemResult* result)
+{
+    return tryNewCopy<char>(wstr, errorBehavior, tag, result);
+}
 
 // ---- exported -------------------------------------------------------------------------------------------------
 

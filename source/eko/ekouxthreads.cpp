@@ -27,7 +27,7 @@ namespace {
 
 constexpr int32 ROWS = 128;
 constexpr int16 SLOTS_PER_ROW = 1024;
-constexpr int16 CHAIN_END = -1;  // avail of the last free slot, and of a full row
+constexpr int16 CHAIN_END = -1;   // avail of the last free slot, and of a full row
 constexpr int16 SLOT_IN_USE = -2; // avail of a slot in use
 constexpr int16 NO_TYPE = 0;
 
@@ -68,7 +68,7 @@ int32 rowsFreed = 0; // 1 once shutdown has freed the rows: nothing may touch a 
 pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t globalMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// ---- deliberate unlocked accesses ---------------------------------------------------------------------------
+// ---- deliberate unlocked accesses -------------------------------------------------------------------------
 
 int32 uxthreads_eko_inited_get__race_condition_ok()
 {
@@ -106,7 +106,7 @@ bool running()
     return readUnlocked(eko_sync_inited) == SYNC_RUNNING;
 }
 
-// ---- slots -----------------------------------------------------------------------------------------------------
+// ---- slots ------------------------------------------------------------------------------------------------
 
 bool isHandle(EKO_SEM sem)
 {
@@ -214,8 +214,7 @@ void giveSlotBack(EKO_SEM_ENTRY* sem, EKO_SEM_TABLE* row)
 #if EKO_CHECKED
 void checkLeaver(const EKO_MUTEX_ENTRY& m)
 {
-    if (eko_count_get__race_condition_ok(m) < 1 ||
-        !pthread_equal(eko_id_get__race_condition_ok(m), pthread_self()))
+    if (eko_count_get__race_condition_ok(m) < 1 || !pthread_equal(eko_id_get__race_condition_ok(m), pthread_self()))
         eko_log_err("Mutex left by a thread that does not hold it\n");
 }
 void checkNotHeld(const EKO_SEM_ENTRY& slot)
@@ -241,7 +240,7 @@ void freeRow(EKO_SEM_TABLE& row)
 
 } // namespace
 
-// ---- module control ---------------------------------------------------------------------------------------------
+// ---- module control ---------------------------------------------------------------------------------------
 
 int32 eko_syncInit()
 {
@@ -268,7 +267,18 @@ void eko_syncTerm()
     writeUnlocked(eko_sync_inited, static_cast<int32>(SYNC_STOPPED));
 }
 
-// ---- creation and deletion -----------------------------------------------------------------------------------------
+int32 syncSlotsInUse()
+{
+    const PosixGuard lock(semTabMutex);
+    int32 count = 0;
+    for (const EKO_SEM_TABLE& row : sem_table) {
+        for (int32 i = 0; row.entry && i < SLOTS_PER_ROW; ++i)
+            count += row.entry[i].avail == SLOT_IN_USE ? 1 : 0;
+    }
+    return count;
+}
+
+// ---- creation and deletion --------------------------------------------------------------------------------
 
 EKO_SEM eko_syncCreate_check(int16 type, const char* file, int32 line)
 {
@@ -305,7 +315,7 @@ void eko_syncDelete(EKO_SEM sem)
     giveSlotBack(slot, row);
 }
 
-// ---- mutexes ----------------------------------------------------------------------------------------------------------
+// ---- mutexes ----------------------------------------------------------------------------------------------
 
 void eko_syncEnterExcl(EKO_SEM sem)
 {
@@ -342,7 +352,7 @@ void eko_syncExitExcl(EKO_SEM sem)
     }
 }
 
-// ---- events -----------------------------------------------------------------------------------------------------------
+// ---- events -----------------------------------------------------------------------------------------------
 
 void eko_syncStart(EKO_SEM sem)
 {
@@ -407,7 +417,7 @@ int16 eko_posix_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, uint32 t)
     return rc == ETIME || rc == ETIMEDOUT ? static_cast<int16>(EKO_TIMED_OUT) : static_cast<int16>(EKO_OK);
 }
 
-// ---- critical section ---------------------------------------------------------------------------------------------------
+// ---- critical section -------------------------------------------------------------------------------------
 
 void eko_enterCritSec(void)
 {

@@ -1,0 +1,72 @@
+// ekofile_int.h - inside the file modules: descriptors, mappings of the operating system, and the handle record.
+#ifndef EKO_EKOFILE_INT_H
+#define EKO_EKOFILE_INT_H
+
+#include "ekomem_int.h"
+
+// ---- descriptors (ekounix_file.cpp) -----------------------------------------------------------------------
+
+enum EKO_STD_HANDLE { EKO_STD_HANDLE_IN = 0, EKO_STD_HANDLE_OUT = 1, EKO_STD_HANDLE_ERR = 2 };
+
+int32 eko_open_file(const char* path, uint32 flags, EKO_FDESC* desc);
+int32 eko_flOpenSync(const char* path, uint32 flags, EKO_FDESC* desc);
+int32 eko_flOpenStd(EKO_FDESC* desc, EKO_STD_HANDLE handle);
+uint32 eko_flSeekWrite(EKO_FDESC desc, EKO_FILE_OFFSET off, const void* buf, uint32 size);
+uint32 eko_flSeekRead(EKO_FDESC desc, EKO_FILE_OFFSET off, void* buf, uint32 size);
+int32 eko_flSync(EKO_FDESC desc);
+EKO_FILE_OFFSET eko_flSize(EKO_FDESC desc);
+int32 eko_flLock(EKO_FDESC desc);
+void eko_flUnlock(EKO_FDESC desc);
+int32 eko_rename(const char* src, const char* dest);
+int32 eko_flRename(const char* src, const char* dest);
+int32 eko_remove(const char* path);
+int32 getFileType(const char* path, int32* isdir);
+int32 eko_flValidate(const char* path, int32* isdir);
+time64_t eko_flModTime(const char* path);
+// The size of a name that the narrow stat accepts; EKO_FILE_NO_OFFSET when it does not.
+EKO_FILE_OFFSET narrowStatSize(const char* path);
+
+// ---- mappings (ekounix_map.cpp) ---------------------------------------------------------------------------
+
+struct EKO_OSMAPINFO {
+    EKO_FDESC desc;
+    int32 access; // page protection of every view
+};
+using EKO_OSMAP = EKO_OSMAPINFO*;
+
+int32 eko_mpCreateMap(EKO_FDESC desc, EKO_FILE_OFFSET size, int32 writable, int32* resizeNeedsClose,
+                      EKO_OSMAP* map);
+void eko_mpCloseMap(EKO_OSMAP map);
+int32 eko_mpResizeMap(EKO_OSMAP map, EKO_FILE_OFFSET size);
+void eko_mpFlushMap(EKO_OSMAP map);
+int32 eko_mpMapView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void** view);
+void eko_mpUnmapView(void* view, size_t size);
+void eko_mpFlushView(void* view, size_t size);
+
+// ---- handles (ekofile.cpp) --------------------------------------------------------------------------------
+
+using EKO_MFH = struct MF_HANDLE*;   // an open memory file
+using EKO_MAP = struct EKO_MAPINFO*; // a mapped-view cache
+
+struct EKOFTAB {
+    char* f_name;
+    EKO_FDESC f_desc;
+    EKO_MFH f_mem;
+    uint32 f_flags; // as used; without create and truncate once open, so that nothing can do that again
+    uint16 f_xflags;
+    int16 f_stdfile; // f_desc is one of the standard streams, never closed here
+    EKO_MAP f_map;
+    EKO_SEM f_lock; // none until first needed
+};
+
+// As eko_fileOpen, without a report when memory runs out: `status` says so.
+EKO_FH tryOpenFile(const char* name, uint32 flags, uint16 xflags, int32* status);
+
+// The bits of an open's flags that this system tests, in any order of the operating system's headers.
+constexpr uint32 OPEN_WRITE = 0x1;
+constexpr uint32 OPEN_READ_WRITE = 0x2;
+constexpr uint32 OPEN_CREATE = 0x40;
+constexpr uint32 OPEN_TRUNCATE = 0x200;
+constexpr uint32 OPEN_APPEND = 0x400;
+
+#endif

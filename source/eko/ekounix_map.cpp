@@ -1,0 +1,71 @@
+// Operating-system mappings: views of a file in memory. A map is only a note of the descriptor and the protection;
+// views map the file directly, so there is nothing to resize or flush at the level of the map.
+
+#include <errno.h>
+#include <stdio.h>
+#include <sys/mman.h>
+
+#include "ekofile_int.h"
+
+namespace {
+
+// 32-bit builds map modulo 4 GiB: the call they are made for takes 32 bits of offset.
+off64_t mappableOffset(EKO_FILE_OFFSET off)
+{
+    return static_cast<off64_t>(sizeof(void*) > 4 ? off : static_cast<uint32>(off));
+}
+
+} // namespace
+
+int32 eko_mpCreateMap(EKO_FDESC desc, EKO_FILE_OFFSET /*size*/, int32 writable, int32* resizeNeedsClose,
+                      EKO_OSMAP* map)
+{
+    MemResult result;
+    auto* info = static_cast<EKO_OSMAPINFO*>(
+        tryGetMem(sizeof(EKO_OSMAPINFO), EKO_GLOBAL_TAG, EKO_MEM_PLAIN, nullptr, &result));
+    *resizeNeedsClose = 0;
+    if (!info)
+        return EKO_NO_MEMORY;
+    info->desc = desc;
+    info->access = writable ? PROT_READ | PROT_WRITE : PROT_READ;
+    *map = info;
+    return EKO_OK;
+}
+
+void eko_mpCloseMap(EKO_OSMAP map)
+{
+    EKO_FREE(map, EKO_GLOBAL_TAG);
+}
+
+int32 eko_mpResizeMap(EKO_OSMAP, EKO_FILE_OFFSET)
+{
+    return EKO_OK;
+}
+
+void eko_mpFlushMap(EKO_OSMAP) {}
+
+int32 eko_mpMapView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void** view)
+{
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(map->desc));
+    void* address = mmap64(nullptr, size, map->access, MAP_SHARED, fd, mappableOffset(off));
+    const int error = errno;
+    if (address == MAP_FAILED)
+        address = nullptr;
+    if (!address) {
+        printf("mmap(NULL, %u, %d, %d, %u) failed with error %d\n", size, map->access, fd, static_cast<uint32>(off),
+               error);
+        return EKO_NO_MEMORY;
+    }
+    *view = address;
+    return EKO_OK;
+}
+
+void eko_mpUnmapView(void* view, size_t size)
+{
+    munmap(view, size);
+}
+
+void eko_mpFlushView(void* view, size_t size)
+{
+    msync(view, size, MS_SYNC);
+}
