@@ -1,0 +1,120 @@
+#include "support/fixture.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "ekomem_int.h"
+
+namespace {
+
+// The file module's record holds nothing but its tag.
+size_t bytesOnFileTag()
+{
+    void* record = nullptr;
+    EKO_TAG_MEM_INFO info = {};
+    EXPECT_EQ(eko_globalGet("ekofile", sizeof(EKO_MEMTAG), nullptr, nullptr, &record), 0);
+    EXPECT_EQ(eko_getTagMemInfo(*static_cast<EKO_MEMTAG*>(record), &info), 0);
+    return info.bytes.in_use;
+}
+
+} // namespace
+
+Usage currentUsage()
+{
+    EKO_TAG_MEM_INFO global = {};
+    EKO_TAG_MEM_INFO thread = {};
+    EXPECT_EQ(eko_getTagMemInfo(EKO_THREAD_TAG, &thread), 0); // first: it may create the tag
+    EXPECT_EQ(eko_getTagMemInfo(EKO_GLOBAL_TAG, &global), 0);
+    return {global.bytes.in_use, thread.bytes.in_use, bytesOnFileTag(), syncSlotsInUse(), memTagsAlive()};
+}
+
+std::ostream& operator<<(std::ostream& out, const Usage& usage)
+{
+    return out << "global tag " << usage.globalBytes << " bytes, thread's tag " << usage.threadBytes
+               << " bytes, file tag " << usage.fileBytes << " bytes, " << usage.semaphores << " semaphores, "
+               << usage.tags << " tags";
+}
+
+void EkoTest::SetUp()
+{
+    ASSERT_EQ(eko_init(), 0);
+    before_ = currentUsage();
+}
+
+void EkoTest::TearDown()
+{
+    EXPECT_EQ(currentUsage(), before_);
+    eko_term();
+}
+
+void EkoTest::acceptUsage()
+{
+    before_ = currentUsage();
+}
+
+TempDir::TempDir()
+{
+    char name[] = "/tmp/eko-test-XXXXXX";
+    EXPECT_NE(mkdtemp(name), nullptr);
+    path_ = name;
+}
+
+TempDir::~TempDir()
+{
+    nftw(
+        path_.c_str(), [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 8,
+        FTW_DEPTH | FTW_PHYS);
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
+}
+
+void writeFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream out(path, std::ios::binary);
+    out << bytes;
+}
+
+CapturedFd::CapturedFd(int fd) : fd_(fd), saved_(dup(fd))
+{
+    char name[] = "/tmp/eko-capture-XXXXXX";
+    fflush(stdout);
+    file_ = mkstemp(name);
+    EXPECT_GE(file_, 0);
+    unlink(name);
+    fcntl(file_, F_SETFL, O_APPEND);
+    dup2(file_, fd_);
+}
+
+CapturedFd::~CapturedFd()
+{
+    fflush(stdout);
+    dup2(saved_, fd_);
+    close(saved_);
+    close(file_);
+}
+
+std::string CapturedFd::take()
+{
+    fflush(stdout);
+    fflush(stderr);
+    struct stat st;
+    fstat(file_, &st);
+    std::string text(static_cast<size_t>(st.st_size - taken_), '\0');
+    const ssize_t count = pread(file_, text.data(), text.size(), static_cast<off_t>(taken_));
+    EXPECT_EQ(count, static_cast<ssize_t>(text.size()));
+    taken_ = st.st_size;
+    return text;
+}

@@ -1,0 +1,79 @@
+// fixture.h - what the tests share: a started library that must end as it began, captured console output, faults.
+#ifndef EKO_TESTS_FIXTURE_H
+#define EKO_TESTS_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "eko.h"
+
+// Bytes in use on the library's own tags, mutexes and events alive, tags alive: equal before and after what leaves
+// nothing behind.
+struct Usage {
+    size_t globalBytes;
+    size_t threadBytes;
+    size_t fileBytes;
+    int32 semaphores;
+    int32 tags;
+    bool operator==(const Usage&) const = default;
+};
+Usage currentUsage();
+std::ostream& operator<<(std::ostream& out, const Usage& usage);
+
+// Starts the library, and fails a test that leaves anything in use.
+class EkoTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // For a test of something that is lost on purpose: what is in use now counts as the start.
+    void acceptUsage();
+
+private:
+    Usage before_;
+};
+
+// A directory of the test's own, removed with all its files at the end.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    std::string file(const char* name) const { return path_ + "/" + name; }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& bytes);
+
+// What arrives at a descriptor of the process (1 or 2), until taken.
+class CapturedFd {
+public:
+    explicit CapturedFd(int fd);
+    ~CapturedFd();
+    CapturedFd(const CapturedFd&) = delete;
+    CapturedFd& operator=(const CapturedFd&) = delete;
+    std::string take(); // what has come so far, and nothing that was taken before
+
+private:
+    int fd_;
+    int saved_;
+    int file_;
+    long long taken_ = 0;
+};
+
+// What the library logs to standard output while `action` runs, flushed.
+template <class Action> std::string logged(Action action)
+{
+    CapturedFd out(1);
+    action();
+    eko_flush();
+    return out.take();
+}
+
+#endif
