@@ -415,6 +415,12 @@ int32 memTagsAlive()
     return count;
 }
 
+TAG_ENTRY* memResolve(EKO_MEMTAG tt)
+{
+    MemResult ignored;
+    return getCorrectTag(tt, &ignored);
+}
+
 EKO_MEMTAG eko_createTagEx(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
                            void* destroy_ctx, const char* file, uint32 line)
 {

@@ -64,8 +64,9 @@ struct TAG_ENTRY {
     void* t_destroy_ctx;
 };
 
-// Tags alive, for tests.
+// Tags alive, and the record behind a caller's value (null when there is none), for tests.
 int32 memTagsAlive();
+TAG_ENTRY* memResolve(EKO_MEMTAG tt);
 
 int32 eko_memInit();
 void eko_memTerm();

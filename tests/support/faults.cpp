@@ -14,41 +14,84 @@ void* __wrap_realloc(void* ptr, size_t size);
 
 namespace {
 
-uint32 countdown; // requests until one fails; 0 when none is to
-bool failing;     // that one has come, and the later ones are to fail too
-bool failRest;
-bool anyFailed;
+// Counts requests down to the one that is to fail.
+struct Fuse {
+    uint32 countdown; // 0 when none is to fail
+    bool failing;     // that one has come, and the later ones are to fail too
+    bool failRest;
+    bool fired;
+
+    void arm(uint32 n, FailNthAlloc::Extent extent) { *this = {n, false, extent != FailNthAlloc::ONE, false}; }
+    void disarm()
+    {
+        countdown = 0;
+        failing = false;
+    }
+    bool blows()
+    {
+        if (!failing && !(countdown && --countdown == 0))
+            return false;
+        failing = failRest;
+        fired = true;
+        return true;
+    }
+};
+
+Fuse heapFuse;
+Fuse tagFuse;
+ALLOCATOR_FCNS tagFcns; // of the tag that is made to fail
 
 bool failNow()
 {
-    if (failing || (countdown && --countdown == 0)) {
-        failing = failRest;
-        anyFailed = true;
+    const bool fails = heapFuse.blows();
+    if (fails)
         errno = ENOMEM;
-        return true;
-    }
-    return false;
+    return fails;
+}
+
+void* failingAlloc(size_t size, ALLOCATOR alctr)
+{
+    return tagFuse.blows() ? nullptr : tagFcns.alloc_fcn(size, alctr);
+}
+
+void* failingRealloc(void* ptr, size_t size, ALLOCATOR alctr)
+{
+    return tagFuse.blows() ? nullptr : tagFcns.realloc_fcn(ptr, size, alctr);
 }
 
 } // namespace
 
 FailNthAlloc::FailNthAlloc(uint32 n, Extent extent)
 {
-    countdown = n;
-    failing = false;
-    failRest = extent == ALL_FROM_THERE;
-    anyFailed = false;
+    heapFuse.arm(n, extent);
 }
 
 FailNthAlloc::~FailNthAlloc()
 {
-    countdown = 0;
-    failing = false;
+    heapFuse.disarm();
 }
 
 bool FailNthAlloc::fired() const
 {
-    return anyFailed;
+    return heapFuse.fired;
+}
+
+FailNthOnTag::FailNthOnTag(EKO_MEMTAG tag, uint32 n, FailNthAlloc::Extent extent) : tag_(memResolve(tag))
+{
+    tagFcns = tag_->t_fcns;
+    tagFuse.arm(n, extent);
+    tag_->t_fcns.alloc_fcn = failingAlloc;
+    tag_->t_fcns.realloc_fcn = failingRealloc;
+}
+
+FailNthOnTag::~FailNthOnTag()
+{
+    tag_->t_fcns = tagFcns;
+}
+
+bool FailNthOnTag::fired() const
+{
+    return tagFuse.fired;
 }
 
 void* __wrap_malloc(size_t size)

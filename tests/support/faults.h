@@ -1,12 +1,12 @@
-// faults.h - makes the library's requests to the system heap fail. A test that includes it needs the line
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc
-// in its own first comment. Requests of the C and C++ run-time are not touched.
+// faults.h - makes memory run out. A test that includes this needs, in its first lines and behind two slashes,
+//     LINK: --wrap=malloc --wrap=calloc --wrap=realloc
 #ifndef EKO_TESTS_FAULTS_H
 #define EKO_TESTS_FAULTS_H
 
-#include "base.h"
+#include "ekomem_int.h"
 
-// While alive, the n-th request from here on fails, or from the n-th on all do.
+// While alive, the n-th request of the library to the system heap fails, or from the n-th on all do. The library
+// asks it for 4 MiB at a time, so mind FailNthOnTag. Requests of the C and C++ run-time are not touched.
 class FailNthAlloc {
 public:
     enum Extent { ONE, ALL_FROM_THERE };
@@ -15,6 +15,20 @@ public:
     FailNthAlloc(const FailNthAlloc&) = delete;
     FailNthAlloc& operator=(const FailNthAlloc&) = delete;
     bool fired() const;
+};
+
+// While alive, the n-th request on that tag (a block, or the extension of one) fails, or from the n-th on all do.
+// The tag's allocator is not asked then. One at a time.
+class FailNthOnTag {
+public:
+    explicit FailNthOnTag(EKO_MEMTAG tag, uint32 n, FailNthAlloc::Extent extent = FailNthAlloc::ONE);
+    ~FailNthOnTag();
+    FailNthOnTag(const FailNthOnTag&) = delete;
+    FailNthOnTag& operator=(const FailNthOnTag&) = delete;
+    bool fired() const;
+
+private:
+    TAG_ENTRY* tag_;
 };
 
 #endif
