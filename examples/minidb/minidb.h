@@ -1,0 +1,131 @@
+/* minidb.h - a small record store on eko: text in, records in a data file, records out.
+ *
+ * main.c   the commands
+ * text.c   reads "key;value" lines through a text stream
+ * store.c  the data file: positional reads and writes, checksums, recovery
+ * index.c  a hash table that lives on tags
+ *
+ * How it uses the library
+ *   Memory    Each purpose has a tag of its own, so that its use can be told and all of it is freed in one call.
+ *             One thread uses them, so none has a mutex.
+ *   Failures  Whoever finds one says so, in one line, with complain(); callers only pass the failure on. Where
+ *             memory runs out the library has already written that line.
+ *   Messages  All go through eko_log and eko_log_err, and so into the log file when one is open.
+ *
+ * An INDEX, a TEXT, a STORE starts as {0}, is opened, and is closed also when opening failed or was never tried:
+ * tag 0 is the library's global tag, which the destruction of a tag leaves alone. */
+#ifndef MINIDB_H
+#define MINIDB_H
+
+#include <stdbool.h>
+
+#include "eko.h"
+
+/* Writes "minidb: ", the message and a line end to standard error and the log. */
+void complain(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
+
+/* A tag for one thread; false, after a line, when it cannot be made. */
+bool makeTag(EKO_MEMTAG* tag, EKO_ALLOCATOR_TYPE type);
+
+/* A key and its value, as bytes: not terminated, and owned by who hands them out. */
+typedef struct PAIR {
+    const char* key;
+    const char* value;
+    uint32 keyLen; /* at least 1 */
+    uint32 valueLen;
+} PAIR;
+
+#define MAX_PAIR_BYTES ((uint32)1 << 20) /* key and value together */
+
+/* ---- index.c: pairs, found by key ---------------------------------------------------------------------- */
+
+typedef struct ENTRY {
+    PAIR pair; /* key null: a free slot */
+    EKO_FILE_OFFSET at;
+    uint32 hash;
+} ENTRY;
+
+typedef struct INDEX {
+    EKO_MEMTAG tableTag; /* the slots */
+    EKO_MEMTAG bytesTag; /* copies of keys and values; a stack, they all go together */
+    ENTRY* slots;
+    uint32 capacity; /* slots, a power of two, or 0 */
+    uint32 count;    /* slots in use */
+} INDEX;
+
+bool indexOpen(INDEX* index);
+void indexClose(INDEX* index);
+void indexEmpty(INDEX* index);
+
+/* Stores a copy of the pair, in place of one with the same key. With `keepValue` false the value is not copied,
+ * only its length. `*replaced` tells whether there was one. False without memory. */
+bool indexPut(INDEX* index, const PAIR* pair, bool keepValue, EKO_FILE_OFFSET at, bool* replaced);
+
+/* The entry with that key, or null; valid until the next indexPut. */
+const ENTRY* indexFind(const INDEX* index, const char* key, uint32 keyLen);
+
+/* ---- text.c: the lines of a text file ------------------------------------------------------------------- */
+
+typedef struct TEXT {
+    const char* name;
+    EKO_FILE_STREAM stream;
+    EKO_MEMTAG tag; /* the line */
+    char* line;
+    uint32 lineNo;          /* of the line last read, from 1 */
+    EKO_FILE_OFFSET length; /* of the file */
+    EKO_FILE_OFFSET seen;   /* bytes of it that were read as lines */
+} TEXT;
+
+typedef enum FOUND {
+    FOUND_ONE,
+    FOUND_END,
+    FOUND_TORN, /* the end of a data file that was not written to its end */
+    FOUND_FAULT /* already told */
+} FOUND;
+
+/* Lines are "key;value", the value being all that follows the first ';', and end in \n or \r\n; the last one may
+ * lack its end. The pair found points into the line, until the next one is read. */
+bool textOpen(TEXT* text, const char* name);
+FOUND textNext(TEXT* text, PAIR* pair);
+void textClose(TEXT* text);
+
+/* ---- store.c: the data file ------------------------------------------------------------------------------- */
+
+typedef struct STORE {
+    const char* name;
+    EKO_FH fh;
+    EKO_MEMTAG tag;         /* the two buffers */
+    bool readOnly;          /* this user may not write it */
+    bool locked;            /* against other processes that load */
+    EKO_FILE_OFFSET length; /* of the file, as last looked at */
+    EKO_FILE_OFFSET end;    /* behind the last record, those in `pending` included */
+    uint8* window;          /* a piece of the file, read ahead */
+    uint32 windowSize;
+    EKO_FILE_OFFSET windowAt;
+    uint32 windowLen;
+    uint8* pending; /* written at the end of the file when full */
+    uint32 pendingLen;
+} STORE;
+
+typedef enum STORE_USE {
+    STORE_READ,
+    STORE_LOAD /* creates the file when there is none, and keeps it locked */
+} STORE_USE;
+
+/* Opens a data file, cuts off what a crash left unfinished, and fills the index with the records: keys, and
+ * where each stands. */
+bool storeOpen(STORE* store, const char* name, STORE_USE use, INDEX* index);
+void storeClose(STORE* store);
+
+/* Reads the record at `*at` and moves that behind it. The first one is at STORE_FIRST. The pair found is valid
+ * until the next read. */
+#define STORE_FIRST ((EKO_FILE_OFFSET)16)
+FOUND storeNext(STORE* store, EKO_FILE_OFFSET* at, PAIR* pair);
+
+/* Adds a record behind the last. It is sure to be in the file only after storeCommit, which returns when it is on
+ * the disk. storeCutBack takes the file back to an earlier `end`. */
+bool storeAppend(STORE* store, const PAIR* pair);
+bool storeCommit(STORE* store);
+bool storeCutBack(STORE* store, EKO_FILE_OFFSET end);
+
+#endif

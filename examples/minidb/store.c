@@ -1,0 +1,368 @@
+/* store.c - the data file.
+ *
+ *      header   "minidb\r\n" | version | check
+ *      record   keyLen | valueLen | bytesCheck | headCheck | key | value
+ *      record   ...
+ *
+ * Numbers are 32 bits, little-endian, wherever the file is written. Checks are CRC-32: `check` and `headCheck` of
+ * what stands in front of them in the header or record, `bytesCheck` of key and value. With a check of its own, a
+ * record's length can be believed before the bytes that it counts are read.
+ *
+ * Records are only ever appended. Of several with the same key the last one counts, so loading again replaces.
+ *
+ * Recovery, at every open
+ *   A record is whole when both checks agree. If one is not whole, what follows decides. When no whole record
+ *   stands anywhere behind it, it is the end of a load that was interrupted, be it short, zero-filled or garbage:
+ *   the file is cut off in front of it, and nothing but that end is lost. When a whole record does stand behind
+ *   it, records are damaged that were once complete. Cutting would lose the good ones too, so the open fails.
+ *   (After a power failure the system may have kept a later piece of the last load and not an earlier one. That
+ *   cannot be told from damage and is reported as such.)
+ *   Only a process that holds the file's lock cuts: what looks torn to others may be a load that is under way. */
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+#include "minidb.h"
+
+#define IO_BYTES 65536u
+#define VERSION 1u
+#define RECORD_HEAD ((uint32)16)
+
+/* ---- numbers and checks ---------------------------------------------------------------------------------- */
+
+static uint32 get32(const uint8* p)
+{
+    return (uint32)p[0] | (uint32)p[1] << 8 | (uint32)p[2] << 16 | (uint32)p[3] << 24;
+}
+
+static void put32(uint8* p, uint32 value)
+{
+    for (int i = 0; i < 4; ++i)
+        p[i] = (uint8)(value >> 8 * i);
+}
+
+/* CRC-32 as in Ethernet and zip, half a byte at a time. Continues `crc`, which starts as 0. */
+static uint32 crc32(uint32 crc, const void* bytes, size_t count)
+{
+    static const uint32 table[16] = {0x00000000, 0x1DB71064, 0x3B6E20C8, 0x26D930AC, 0x76DC4190, 0x6B6B51F4,
+                                     0x4DB26158, 0x5005713C, 0xEDB88320, 0xF00F9344, 0xD6D6A3E8, 0xCB61B38C,
+                                     0x9B64C2B0, 0x86D3D2D4, 0xA00AE278, 0xBDBDF21C};
+    crc = ~crc;
+    for (const uint8* p = bytes; count > 0; --count, ++p) {
+        crc = table[(crc ^ *p) & 15] ^ crc >> 4;
+        crc = table[(crc ^ (uint32)*p >> 4) & 15] ^ crc >> 4;
+    }
+    return ~crc;
+}
+
+/* ---- reading ------------------------------------------------------------------------------------------------ */
+
+static bool readFailed(const STORE* store, EKO_FILE_OFFSET at)
+{
+    complain("%s: cannot be read at byte %llu", store->name, (unsigned long long)at);
+    return false;
+}
+
+/* Reads ahead from `at`: `need` bytes, or as many as a buffer holds if the file has them. */
+static bool fillWindow(STORE* store, EKO_FILE_OFFSET at, uint32 need)
+{
+    const EKO_FILE_OFFSET left = store->length - at;
+    const uint32 size = need > IO_BYTES ? need : IO_BYTES;
+    const uint32 want = left < size ? (uint32)left : size;
+    if (store->windowSize < size) {
+        uint8* larger = EKO_EXTEND(store->window, size, store->tag);
+        if (!larger)
+            return false;
+        store->window = larger;
+        store->windowSize = size;
+    }
+    store->windowAt = at;
+    store->windowLen = 0;
+    while (store->windowLen < want) {
+        const uint32 got = eko_fileSeekRead(store->fh, at + store->windowLen, store->window + store->windowLen,
+                                            want - store->windowLen);
+        if (got == 0 || got == EKO_FILE_IO_FAILED)
+            return readFailed(store, at);
+        store->windowLen += got;
+    }
+    return true;
+}
+
+/* Bytes of the file, which must have them; null when they cannot be read. */
+static const uint8* fetch(STORE* store, EKO_FILE_OFFSET at, uint32 count)
+{
+    const bool inside = at >= store->windowAt && at + count <= store->windowAt + store->windowLen;
+    if (!inside && !fillWindow(store, at, count))
+        return NULL;
+    return store->window + (at - store->windowAt);
+}
+
+static bool headIsWhole(const uint8* head)
+{
+    const uint32 keyLen = get32(head), valueLen = get32(head + 4);
+    return get32(head + 12) == crc32(0, head, 12) && keyLen > 0 && keyLen <= MAX_PAIR_BYTES &&
+           valueLen <= MAX_PAIR_BYTES - keyLen;
+}
+
+/* Reads the record at `*at`, if it is whole, and moves `*at` to where the next one can be: behind the record if
+ * its length is known, else one byte on. */
+static FOUND recordAt(STORE* store, EKO_FILE_OFFSET* at, PAIR* pair)
+{
+    const EKO_FILE_OFFSET start = *at, left = store->length - start;
+    *at = store->length;
+    if (left < RECORD_HEAD)
+        return FOUND_TORN;
+    const uint8* head = fetch(store, start, RECORD_HEAD);
+    if (!head)
+        return FOUND_FAULT;
+    *at = start + 1;
+    if (!headIsWhole(head))
+        return FOUND_TORN;
+
+    pair->keyLen = get32(head);
+    pair->valueLen = get32(head + 4);
+    const uint32 bytes = pair->keyLen + pair->valueLen;
+    *at = store->length;
+    if (bytes > left - RECORD_HEAD)
+        return FOUND_TORN;
+    head = fetch(store, start, RECORD_HEAD + bytes);
+    if (!head)
+        return FOUND_FAULT;
+    *at = start + RECORD_HEAD + bytes;
+    pair->key = (const char*)head + RECORD_HEAD;
+    pair->value = pair->key + pair->keyLen;
+    return crc32(0, pair->key, bytes) == get32(head + 8) ? FOUND_ONE : FOUND_TORN;
+}
+
+FOUND storeNext(STORE* store, EKO_FILE_OFFSET* at, PAIR* pair)
+{
+    const EKO_FILE_OFFSET start = *at;
+    if (start >= store->length)
+        return FOUND_END;
+    const FOUND found = recordAt(store, at, pair);
+    if (found != FOUND_TORN)
+        return found;
+    while (*at < store->length) {
+        const FOUND later = recordAt(store, at, pair);
+        if (later == FOUND_FAULT)
+            return FOUND_FAULT;
+        if (later == FOUND_ONE) {
+            complain("%s: damaged at byte %llu, in front of whole records", store->name, (unsigned long long)start);
+            return FOUND_FAULT;
+        }
+    }
+    *at = start;
+    return FOUND_TORN;
+}
+
+/* ---- writing ------------------------------------------------------------------------------------------------ */
+
+static bool writeAll(STORE* store, EKO_FILE_OFFSET at, const uint8* bytes, uint32 count)
+{
+    while (count > 0) {
+        const uint32 done = eko_fileSeekWrite(store->fh, at, bytes, count);
+        if (done == 0 || done == EKO_FILE_IO_FAILED) {
+            complain("%s: cannot be written at byte %llu: %s", store->name, (unsigned long long)at,
+                     strerror(errno));
+            return false;
+        }
+        at += done;
+        bytes += done;
+        count -= done;
+    }
+    return true;
+}
+
+static bool writePending(STORE* store)
+{
+    const uint32 count = store->pendingLen;
+    store->pendingLen = 0;
+    return writeAll(store, store->end - count, store->pending, count);
+}
+
+static bool appendBytes(STORE* store, const void* bytes, uint32 count)
+{
+    const uint8* from = bytes;
+    while (count > 0) {
+        if (store->pendingLen == IO_BYTES && !writePending(store))
+            return false;
+        const uint32 room = IO_BYTES - store->pendingLen;
+        const uint32 part = count < room ? count : room;
+        memcpy(store->pending + store->pendingLen, from, part);
+        store->pendingLen += part;
+        store->end += part;
+        from += part;
+        count -= part;
+    }
+    return true;
+}
+
+bool storeAppend(STORE* store, const PAIR* pair)
+{
+    uint8 head[RECORD_HEAD];
+    put32(head, pair->keyLen);
+    put32(head + 4, pair->valueLen);
+    put32(head + 8, crc32(crc32(0, pair->key, pair->keyLen), pair->value, pair->valueLen));
+    put32(head + 12, crc32(0, head, 12));
+    return appendBytes(store, head, RECORD_HEAD) && appendBytes(store, pair->key, pair->keyLen) &&
+           appendBytes(store, pair->value, pair->valueLen);
+}
+
+bool storeCommit(STORE* store)
+{
+    if (!writePending(store))
+        return false;
+    if (eko_fileSync(store->fh) == 0)
+        return true;
+    complain("%s: cannot be written to the disk: %s", store->name, strerror(errno));
+    return false;
+}
+
+bool storeCutBack(STORE* store, EKO_FILE_OFFSET end)
+{
+    store->pendingLen = 0;
+    store->end = store->length = end;
+    if (eko_fileSetSize(store->fh, end) == 0)
+        return true;
+    complain("%s: cannot be cut back to %llu bytes: %s", store->name, (unsigned long long)end, strerror(errno));
+    return false;
+}
+
+/* ---- opening ------------------------------------------------------------------------------------------------ */
+
+static void makeHeader(uint8* header)
+{
+    memcpy(header, "minidb\r\n", 8);
+    put32(header + 8, VERSION);
+    put32(header + 12, crc32(0, header, 12));
+}
+
+/* Whether a file holds no more than a load can leave that was interrupted before its first record: a piece of
+ * the header, or the room for it. */
+static bool isUnfinishedHeader(const uint8* found, uint32 count, const uint8* header)
+{
+    static const uint8 zeros[STORE_FIRST] = {0};
+    return memcmp(found, header, count) == 0 || memcmp(found, zeros, count) == 0;
+}
+
+/* The header is on the disk before any record is, so that records never stand behind a bad one. */
+static bool writeHeader(STORE* store, const uint8* header)
+{
+    if (!writeAll(store, 0, header, (uint32)STORE_FIRST) || !storeCommit(store))
+        return false;
+    store->length = STORE_FIRST;
+    return true;
+}
+
+static bool checkHeader(STORE* store, STORE_USE use)
+{
+    uint8 header[STORE_FIRST];
+    makeHeader(header);
+    const uint32 count = store->length < STORE_FIRST ? (uint32)store->length : (uint32)STORE_FIRST;
+    const uint8* found = count ? fetch(store, 0, count) : header;
+    if (!found)
+        return false;
+    if (count == STORE_FIRST && memcmp(found, header, count) == 0)
+        return true;
+    if (use == STORE_LOAD && store->length <= STORE_FIRST && isUnfinishedHeader(found, count, header))
+        return writeHeader(store, header);
+    if (count < STORE_FIRST || memcmp(found, header, 8) != 0)
+        complain("%s: %s", store->name, count ? "is no minidb data file" : "is empty, no minidb data file");
+    else if (get32(found + 12) != crc32(0, found, 12))
+        complain("%s: its header is damaged", store->name);
+    else
+        complain("%s: has version %u, this program reads %u", store->name, get32(found + 8), VERSION);
+    return false;
+}
+
+static FOUND readAll(STORE* store, INDEX* index)
+{
+    EKO_FILE_OFFSET at = STORE_FIRST;
+    FOUND found;
+    for (;;) {
+        PAIR pair;
+        bool replaced;
+        store->end = at;
+        found = storeNext(store, &at, &pair);
+        if (found != FOUND_ONE)
+            return found;
+        if (!indexPut(index, &pair, false, store->end, &replaced))
+            return FOUND_FAULT;
+    }
+}
+
+/* Reads the file from its start; true when all is well but for a torn end, which `*torn` tells. */
+static bool scan(STORE* store, STORE_USE use, INDEX* index, bool* torn)
+{
+    indexEmpty(index);
+    store->length = eko_fileLength(store->fh);
+    store->windowLen = 0;
+    if (!checkHeader(store, use))
+        return false;
+    const FOUND found = readAll(store, index);
+    *torn = found == FOUND_TORN;
+    return *torn || found == FOUND_END;
+}
+
+static bool recover(STORE* store, STORE_USE use, INDEX* index)
+{
+    bool torn;
+    if (!scan(store, use, index, &torn))
+        return false;
+    if (torn && !store->locked) {
+        store->locked = !store->readOnly && eko_fileLock(store->fh) == 0;
+        if (!store->locked) { /* the file may only be read, or a load is under way */
+            store->length = store->end;
+            return true;
+        }
+        if (!scan(store, use, index, &torn)) /* a load may have ended before the lock was had */
+            return false;
+    }
+    if (!torn)
+        return true;
+    const EKO_FILE_OFFSET excess = store->length - store->end;
+    if (!storeCutBack(store, store->end))
+        return false;
+    complain("%s: cut off %llu bytes of a load that was interrupted", store->name, (unsigned long long)excess);
+    return true;
+}
+
+static bool openFile(STORE* store, STORE_USE use)
+{
+    const uint32 create = use == STORE_LOAD ? O_CREAT : 0;
+    store->fh = eko_fileOpen(store->name, O_RDWR | O_CLOEXEC | create, 0);
+    if (!store->fh && use == STORE_READ && (errno == EACCES || errno == EROFS)) {
+        store->readOnly = true;
+        store->fh = eko_fileOpen(store->name, O_RDONLY | O_CLOEXEC, 0);
+    }
+    if (!store->fh)
+        complain("%s: cannot be opened: %s", store->name, strerror(errno));
+    return store->fh != NULL;
+}
+
+bool storeOpen(STORE* store, const char* name, STORE_USE use, INDEX* index)
+{
+    store->name = name;
+    if (!makeTag(&store->tag, LIST_ALLOCATOR) || !openFile(store, use))
+        return false;
+    if (use == STORE_LOAD) {
+        store->pending = EKO_ALLOC(IO_BYTES, store->tag);
+        if (!store->pending)
+            return false;
+        store->locked = eko_fileLock(store->fh) == 0;
+        if (!store->locked) {
+            complain("%s: is in use by another process", name);
+            return false;
+        }
+    }
+    return recover(store, use, index);
+}
+
+/* Closing a handle ends its lock's mutex too, so the lock goes first. */
+void storeClose(STORE* store)
+{
+    if (store->locked)
+        eko_fileUnlock(store->fh);
+    eko_fileClose(store->fh);
+    EKO_TAG_DESTROY(store->tag);
+}

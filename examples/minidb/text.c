@@ -1,0 +1,122 @@
+/* text.c - "key;value" lines, read through a text stream.
+ *
+ * The buffer has a fixed size, the longest line's: a file that is no text is refused after its first MiB, and not
+ * taken into memory whole in search of a line end.
+ *
+ * A stream takes byte FF for the end of the file, and a line that holds byte 00 looks shorter than it is. Either
+ * would lose what follows without a word. So the bytes of all lines are counted against the length of the file,
+ * and a line that does not account for its bytes is a fault. The count also finds a failed read, and a file that
+ * changes while it is read. */
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+#include "minidb.h"
+
+#define MARK_BYTES 3u
+#define LINE_ROOM (MAX_PAIR_BYTES + 4) /* with ';', \r, \n and the terminator */
+
+/* The system opens a directory for reading, but reads nothing from it. */
+static bool isDirectory(const char* name)
+{
+    EKO_FH fh = eko_fileOpen(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    eko_fileClose(fh);
+    return fh != NULL;
+}
+
+/* A stream keeps a byte-order mark to itself, but its bytes count, and the length of a UTF-16 file cannot be
+ * told from its lines. */
+static bool skipMark(TEXT* text, EKO_FH fh)
+{
+    uint8 mark[MARK_BYTES] = {0};
+    const uint32 got = eko_fileSeekRead(fh, 0, mark, MARK_BYTES);
+    if (got == EKO_FILE_IO_FAILED) {
+        complain("%s: cannot be read: %s", text->name, strerror(errno));
+        return false;
+    }
+    const uint32 start = (uint32)mark[0] << 8 | mark[1];
+    if (start == 0xFFFE || start == 0xFEFF || start == 0xEFFF) {
+        complain("%s: is UTF-16; only UTF-8 can be loaded", text->name);
+        return false;
+    }
+    if (memcmp(mark, "\xEF\xBB\xBF", MARK_BYTES) == 0)
+        text->seen = MARK_BYTES;
+    return true;
+}
+
+static bool lookAt(TEXT* text)
+{
+    const bool directory = isDirectory(text->name);
+    EKO_FH fh = directory ? NULL : eko_fileOpen(text->name, O_RDONLY | O_CLOEXEC, 0);
+    if (!fh) {
+        complain("%s: cannot be opened: %s", text->name, strerror(directory ? EISDIR : errno));
+        return false;
+    }
+    text->length = eko_fileLength(fh);
+    bool usable = text->length != 0;
+    if (usable)
+        usable = skipMark(text, fh);
+    else
+        complain("%s: is empty", text->name);
+    eko_fileClose(fh);
+    return usable;
+}
+
+bool textOpen(TEXT* text, const char* name)
+{
+    text->name = name;
+    if (!lookAt(text) || !makeTag(&text->tag, BLOCK_ALLOCATOR))
+        return false;
+    text->line = EKO_ALLOC(LINE_ROOM, text->tag);
+    if (!text->line)
+        return false;
+    text->stream = eko_fopen(name, "r", EKO_FILE_MODE_UTF8);
+    if (!text->stream)
+        complain("%s: cannot be opened as a text: %s", name, strerror(errno));
+    return text->stream != NULL;
+}
+
+void textClose(TEXT* text)
+{
+    eko_fclose(text->stream);
+    EKO_TAG_DESTROY(text->tag);
+}
+
+static FOUND fault(const TEXT* text, const char* what)
+{
+    complain("%s:%u: %s", text->name, text->lineNo, what);
+    return FOUND_FAULT;
+}
+
+static FOUND splitLine(const TEXT* text, const char* line, uint32 len, PAIR* pair)
+{
+    const char* separator = memchr(line, ';', len);
+    if (len == 0 || separator == line)
+        return fault(text, "a line without a key");
+    if (!separator)
+        return fault(text, "a line without a ';'");
+    if (len - 1 > MAX_PAIR_BYTES)
+        return fault(text, "longer than 1 MiB");
+    pair->key = line;
+    pair->keyLen = (uint32)(separator - line);
+    pair->value = separator + 1;
+    pair->valueLen = len - pair->keyLen - 1;
+    return FOUND_ONE;
+}
+
+FOUND textNext(TEXT* text, PAIR* pair)
+{
+    const char* line = eko_fgets(text->line, (int32)LINE_ROOM, text->stream);
+    const size_t len = line ? strlen(line) : 0;
+    const bool ended = len > 0 && line[len - 1] == '\n';
+    text->seen += len;
+    if (!line && text->seen == text->length)
+        return FOUND_END;
+    text->lineNo += 1;
+    if (!ended && len == LINE_ROOM - 1)
+        return fault(text, "longer than 1 MiB");
+    if (!ended && text->seen != text->length)
+        return fault(text, "cannot be read to its end: it holds a byte 00 or FF, or the file changes");
+    const size_t lineEnd = !ended ? 0 : len > 1 && line[len - 2] == '\r' ? 2 : 1;
+    return splitLine(text, line, (uint32)(len - lineEnd), pair);
+}

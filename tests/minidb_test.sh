@@ -1,0 +1,270 @@
+#!/bin/bash
+# Runs minidb, whose path is the first argument, as a user would: good files, bad files, crashes, damage.
+set -u
+
+minidb=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+failures=0
+
+failed() {
+    echo "FAILED: $1"
+    head -c 1000 out err | sed 's/^/    /'
+    failures=$((failures + 1))
+}
+
+# expect RESULT TEXT ARGUMENT...  runs minidb; its output holds TEXT.
+expect() {
+    local result=$1 text=$2 got
+    shift 2
+    "$minidb" "$@" >out 2>err
+    got=$?
+    if [ "$got" != "$result" ] || ! cat out err | grep -qF -e "$text"; then
+        failed "minidb $*: ended with $got, wanted $result and '$text'"
+    fi
+}
+good() { expect 0 "$@"; }
+# A failure is told in exactly one line, and nothing else is printed.
+bad() {
+    expect 1 "$@"
+    if [ "$(wc -l <err)" != 1 ] || [ -s out ]; then
+        failed "minidb ${*:2}: not exactly one line"
+    fi
+}
+same() { cmp -s "$1" "$2" || failed "$3"; }
+size() { stat -c %s "$1"; }
+flip() { # FILE OFFSET  inverts the lowest bit of a byte
+    local byte
+    byte=$(od -An -tu1 -j"$2" -N1 "$1")
+    printf '%b' "\\0$(printf %o $((byte ^ 1)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+}
+
+# ---- what it is for ---------------------------------------------------------------------------------------
+
+long=$(head -c 200000 /dev/zero | tr '\0' x)
+{
+    seq 4000 | awk '{ printf "k%d;value %d;%d\n", $1, $1, $1 * $1 }'
+    printf 'empty;\ngrün;çá €\nlong;%s\nk7;a later line\n' "$long"
+} >text
+good 'loaded 4004 records' load text db
+good '1 of them replace earlier ones; 4003 keys in all' load text other
+grep -Eq 'index +[1-9][0-9]* bytes used' out || failed 'no figures of a tag'
+good 'agree on all 4003 records' check db text
+good 'grün;çá €' get db k4000 empty grün k7 long
+printf 'k4000;value 4000;16000000\nempty;\ngrün;çá €\nk7;a later line\nlong;%s\n' "$long" >expected
+same out expected 'get prints something else'
+expect 1 "no record with the key 'k4001'" get db k1 k4001 k2
+printf 'k1;value 1;1\nk2;value 2;4\n' >expected
+same out expected 'a missing key hides others'
+
+cp db before
+sed 's/^k1;.*/k1;changed/' text >changed
+good '4004 of them replace' load changed db
+good 'k1;changed' get db k1
+good 'agree on all 4003 records' check db changed
+cmp -s -n "$(size before)" before db || failed 'loading again changes earlier records'
+
+# The bytes of a data file, the same on every machine.
+printf 'a;b\n' >one
+good 'loaded 1 ' --log log load one one.db
+od -An -v -tx1 one.db | tr -d ' \n' >out
+printf 6d696e6964620d0a010000009f9f45df01000000010000006d48839ef30c069c6162 >expected
+same out expected 'the format of the data file is another'
+grep -q '^\[.*\]  minidb: loaded 1 ' log || failed 'nothing in the log'
+
+# Line ends, a missing last one, and a mark make no difference.
+sed 's/$/\r/' text >crlf
+sed '1s/^/\xEF\xBB\xBF/' text >mark
+head -c -1 text >open_end
+for form in crlf mark open_end; do
+    rm db
+    good 'loaded 4004 records' load $form db
+    same before db "from $form something else is loaded"
+done
+
+# ---- check finds every kind of difference -----------------------------------------------------------------
+
+sed -e 2d -e '5s/value/Value/' text >variant
+echo 'new;line' >>variant
+expect 1 '1 missing, 1 different, 1 extra' check before variant
+printf "minidb: %s\n" "differs: 'k5'" "not in the text: 'k2'" "not in the data file: 'new'" \
+    'before and variant differ: 1 missing, 1 different, 1 extra' | sort >expected
+sort err >out
+same out expected 'the differences are told in other words'
+
+# ---- crashes ----------------------------------------------------------------------------------------------
+
+printf 'one;1\ntwo;22\n' >two
+printf 'three;333\n' >third
+cat two third >three
+good 'loaded 2' load two two.db
+good 'loaded 3' load three three.db
+kept=$(size two.db)
+whole=$(size three.db)
+for ((cut = kept; cut < whole; ++cut)); do
+    for tail in short zeros garbage; do
+        head -c "$cut" three.db >db
+        case $tail in
+        zeros) truncate -s 70000 db ;;
+        garbage) head -c 70000 /dev/zero | tr '\0' x >>db ;;
+        esac
+        told='cut off'
+        [ "$(size db)" = "$kept" ] && told='agree'
+        good "$told" check db two
+        same db two.db "what a crash left at $cut, $tail, is not cut off"
+    done
+    head -c "$cut" three.db >db
+    good 'loaded 1 records' load third db
+    same db three.db "loading does not go on after a crash at $cut"
+done
+for ((cut = 0; cut < 16; ++cut)); do
+    head -c "$cut" three.db >db
+    bad 'no minidb data file' get db one
+    good 'loaded 3 records' load three db
+    same db three.db "loading does not go on after a crash in the header at $cut"
+done
+head -c 16 /dev/zero >db
+good 'loaded 3 records' load three db
+
+# Killed as it writes beyond 64 KiB; and refused there, which takes the file back to what it was.
+rm db
+{ (ulimit -c 0 -f 64; exec "$minidb" load text db) >out 2>err && failed 'a limited load succeeds'; } 2>/dev/null
+[ "$(size db)" = 65536 ] || failed 'the killed load left not 64 KiB'
+good 'cut off' get db k1 k1000
+good 'agree on all 4003' check before text
+good 'loaded 4004' load text db
+good 'agree on all 4003' check db text
+cp two.db db
+(trap '' XFSZ; ulimit -f 64; exec "$minidb" load text db) >out 2>err && failed 'a refused write succeeds'
+grep -q 'db: cannot be written' err || failed 'a refused write is not told'
+same db two.db 'a load that failed leaves something'
+
+# While another process holds the lock nobody loads, and a torn end stays, for it may be growing.
+head -c "$((whole - 1))" three.db >db
+cp db torn
+coproc HOLDER { exec flock db sh -c 'echo held; read -r _'; }
+read -r held <&"${HOLDER[0]}"
+[ "$held" = held ] || failed 'cannot hold the lock'
+bad 'in use' load three db
+good 'two;22' get db two
+same db torn 'a torn end is cut off in spite of the lock'
+echo >&"${HOLDER[1]}"
+wait "$HOLDER_PID" 2>/dev/null
+
+# ---- damage -----------------------------------------------------------------------------------------------
+
+for ((at = 0; at < whole; ++at)); do
+    cp three.db db
+    flip db "$at"
+    cp db damaged
+    if ((at < 16)); then
+        bad "$( ((at < 8)) && echo 'is no minidb data file' || echo 'header is damaged')" get db one
+    elif ((at < kept)); then
+        bad 'damaged at byte' get db one
+        bad 'damaged at byte' load three db
+    else
+        good 'cut off' check db two # the last record: as if never finished
+        cp two.db damaged
+    fi
+    same db damaged "a damaged byte at $at changes the file"
+done
+
+# Several records at the end can be unfinished, but not with a whole one behind them.
+cp two.db db
+head -c 5000 /dev/zero >>db
+tail -c "$((whole - kept))" three.db >>db
+bad "damaged at byte $kept" check db three
+
+# ---- bad input --------------------------------------------------------------------------------------------
+
+mkdir dir
+: >empty
+printf 'a;1\n;2\n' >no_key
+printf 'a;1\n\nb;2\n' >blank
+printf 'a;1\nb\n' >no_value
+printf 'a;1\nb;2\xFF3\nc;4\n' >byte_ff
+printf 'a;1\n\xFFb;2\n' >line_ff
+printf 'a;1\n\xFF' >end_ff
+printf 'a;1\nb;\0002\nc;4\n' >byte_00
+printf 'a;1\n\0b;2\n' >line_00
+printf '\xFF\xFEa\0;\0b\0\n\0' >utf16
+{ printf 'k;' && head -c 1048576 /dev/zero | tr '\0' x && echo; } >too_long
+cat too_long too_long | tr -d '\n;' >no_text
+while read -r name told; do
+    cp two.db db
+    bad "$told" load "$name" db
+    bad "$told" check db "$name"
+    same db two.db "a load of $name that failed leaves something"
+done <<'END'
+absent    absent: cannot be opened: No such file
+dir       dir: cannot be opened: Is a directory
+empty     empty: is empty
+no_key    no_key:2: a line without a key
+blank     blank:2: a line without a key
+no_value  no_value:2: a line without a ';'
+byte_ff   byte_ff:2: cannot be read to its end
+line_ff   line_ff:2: cannot be read to its end
+end_ff    end_ff:2: cannot be read to its end
+byte_00   byte_00:2: cannot be read to its end
+line_00   line_00:2: cannot be read to its end
+utf16     utf16: is UTF-16
+too_long  too_long:1: longer than 1 MiB
+no_text   no_text:1: longer than 1 MiB
+END
+sed 's/;x/;/' too_long >longest
+rm db
+good 'loaded 1 ' load longest db
+good 'agree' check db longest
+rm db
+bad 'no_key:2' load no_key db
+good 'loaded 2 records' load two db
+same db two.db 'a first load that failed leaves something'
+
+printf 'minidb\r\n\002\0\0\0' >version2 # with the check of such a header
+printf '\x71\x30\xf0\xcd' >>version2
+while read -r name told; do
+    [ -f "$name" ] && cp "$name" copy
+    bad "$told" get "$name" one
+    bad "$told" check "$name" two
+    [ "$name" = absent ] || [ "$name" = empty ] || bad "$told" load two "$name"
+    [ -f "$name" ] && same "$name" copy "$name is changed"
+done <<'END'
+absent    absent: cannot be opened: No such file
+dir       dir: cannot be opened: Is a directory
+empty     empty: is empty, no minidb data file
+text      text: is no minidb data file
+one       one: is no minidb data file
+version2  version2: has version 2
+END
+bad 'cannot be opened as the log' --log dir get two.db one
+for words in '' 'load text' 'get db' 'check db text more' 'take db'; do
+    # shellcheck disable=SC2086
+    expect 2 usage $words
+done
+
+# Permissions are tried by a user whom they bind.
+user=()
+if [ "$(id -u)" = 0 ]; then
+    user=(setpriv --reuid 65534 --regid 65534 --clear-groups)
+    chmod 755 .
+fi
+"${user[@]}" "$minidb" >out 2>err
+if [ $? = 2 ]; then
+    # shellcheck disable=SC2317
+    as_user() { "${user[@]}" "$minidb_itself" "$@"; }
+    minidb_itself=$minidb minidb=as_user
+    cp torn db
+    chmod 444 db
+    chmod 000 one
+    bad 'one: cannot be opened: Permission denied' load one two.db
+    bad 'db: cannot be opened: Permission denied' load two db
+    good 'two;22' get db two
+    good 'agree' check db two
+    same db torn 'a torn end is cut off without permission'
+else
+    echo 'Not tried: permissions, as another user cannot run the program'
+fi
+
+[ "$failures" = 0 ] && echo 'all as expected'
+exit $((failures > 0))
