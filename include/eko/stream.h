@@ -8,8 +8,13 @@
  *     file. What follows it in a Latin-1 file stays unread by callers that stop there.
  *   - Text written to a UTF-16 stream arrives, but the call that completes a character reports failure.
  *   - eko_fflush answers 0 when it fails.
- *   - The file is only read and written in sequence. A seek within the 1024 bytes held works; one further away
- *     changes what the stream takes for its position, and what is read next comes from elsewhere.
+ *   - The file is only read and written in sequence. A seek within the up to 1024 bytes held works; one further
+ *     away changes what the stream takes for its position, and what is read next comes from elsewhere. Nothing
+ *     is held after writing, nor after reading at the end of the file.
+ *   - A stream for both reading and writing writes at the file's own position, behind all that was read into
+ *     the cache, and together with what it had read in front of it. Read to the end first: then it appends.
+ *   - In read-only mode nothing is written, not even to the console: what is pending stays so, and the calls
+ *     fail once 1024 bytes are.
  *   - A stream opened with "a" on a file longer than 1024 bytes logs "Read failed, errno = ..." while its first
  *     bytes are written. They are written all the same. */
 #ifndef EKO_STREAM_H
@@ -35,7 +40,8 @@ typedef const void* EKO_FILE_STREAM;
  *          it opens for both and writes no mark. Only the first 3 characters count.
  *  fmode   reading: replaced by what the file's byte-order mark says: EF BB BF is UTF-8; FF FE, FE FF and EF FF
  *          are UTF-16, never swapped; none is UTF-8. A file of one or two bytes that begins like a mark keeps
- *          this value. Writing: UTF-16 writes FF FE first, UTF-8 no mark; unknown is UTF-8.
+ *          this value. Writing: UTF-16 writes FF FE first, also where it appends, UTF-8 no mark; unknown is
+ *          UTF-8; a value that is none of the three fails an assertion.
  *  xflags  EKO_FILE_..., passed to eko_fileOpen.
  *  Returns the stream, or null. Surprise: a bad mode loses a few bytes of memory until the library stops. */
 EKO_API EKO_FILE_STREAM eko_fopen(const char* name, const char* mode, EKO_FILE_MODE fmode);
@@ -64,7 +70,8 @@ EKO_API char* eko_fgets(char* str, int32 n, EKO_FILE_STREAM stream);
  *            size of 0 stands for 100. Not a stack tag. The caller frees it in the end.
  *  Returns the line, which is `*buf`; null at the end, for null arguments, for a stream whose mode stayed
  *  unknown, and when memory runs out: `*buf` and `*len` then still describe a valid block, and what was read of
- *  the line is lost. A new block has 100 bytes and grows by 100. May leave by longjmp. */
+ *  the line is lost. A new block has 100 bytes and grows by 100. A byte 0xFF at the start of a line reads as the
+ *  end, one further on is left out. May leave by longjmp. */
 EKO_API char* eko_fGetLine(EKO_FILE_STREAM fh, char** buf, uint32* len, EKO_MEMTAG tag);
 
 /** Writes a byte. Returns 1 written or accepted as part of a character; 0 failed. */

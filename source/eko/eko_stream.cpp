@@ -100,19 +100,18 @@ const Mark* markBeginning(const uint8* head, uint32 count)
 // within something that began like a mark keeps the caller's mode.
 void detectMark(EKO_FILE_CTX* ctx)
 {
-    uint8 head[3];
+    const uint8* head = ctx->fh->buff;
     uint32 count = 0;
     const Mark* mark = markBeginning(head, count);
-    while (mark && count < mark->length && cacheRead(ctx->fh, head + count, 1) == 1)
+    while (mark && count < mark->length && cacheHead(ctx->fh, count + 1) > count)
         mark = markBeginning(head, ++count);
     if (mark && count == mark->length) {
         ctx->fmode = mark->mode;
         ctx->bom_off = mark->length;
-        return;
-    }
-    if (!mark || count == 0)
+        cacheSkip(ctx->fh, count);
+    } else if (!mark || count == 0) {
         ctx->fmode = EKO_FILE_MODE_UTF8;
-    cacheSeek(ctx->fh, 0, 0);
+    }
 }
 
 void freeStream(EKO_FILE_CTX* ctx)
@@ -296,10 +295,10 @@ uint32 readLine(EKO_FILE_CTX* ctx, char* str, uint32 room)
     return count;
 }
 
-// A stream of unknown mode reads as 0 for ever: for whole lines it has ended, or none would.
+// A stream of another mode reads as 0 for ever: for whole lines it has ended, or none would.
 bool readableInLines(const EKO_FILE_CTX* ctx)
 {
-    return ctx->fmode != EKO_FILE_MODE_UNKNOWN;
+    return ctx->fmode == EKO_FILE_MODE_UTF8 || ctx->fmode == EKO_FILE_MODE_UTF16;
 }
 
 } // namespace

@@ -5,7 +5,8 @@
 //
 // The handle is only read and written in sequence, never positioned: a stream must work over pipes and terminals
 // just the same. A seek changes the logical position alone; inside the buffer's span that is exact, and outside of
-// it the next bytes read are those behind the last ones read.
+// it the next bytes read are those behind the last ones read (DELIBERATE; pinned by stream_far_seek_reads_on). What
+// a stream for both reading and writing writes goes there too, with the bytes in front of it in the buffer.
 
 #include <string.h>
 
@@ -38,7 +39,8 @@ bool flushModified(EKO_FILE_CACHE_CTX* cache)
 }
 
 // Lets the buffer's span start at the logical position, and fills it. At or behind the file's end nothing is read,
-// which also keeps a stream that only writes from reading: writing raises the size first.
+// which also keeps a stream that only writes from reading: writing raises the size first. The span then is empty,
+// so that what a stream for both writes at the end is not taken for part of what it has read.
 bool reposition(EKO_FILE_CACHE_CTX* cache)
 {
     if (!flushModified(cache))
@@ -88,6 +90,19 @@ void closeCache(EKO_FILE_CACHE_CTX* cache)
     flushModified(cache);
     eko_fileClose(cache->fh);
     EKO_FREE(cache, EKO_GLOBAL_TAG);
+}
+
+// Reads behind what is there instead of moving the span: a pipe can deliver the first bytes one by one, and a seek
+// back to 0 must find all of them.
+uint32 cacheHead(EKO_FILE_CACHE_CTX* cache, uint32 wanted)
+{
+    while (cache->bytes < wanted && (cache->size == 0 || cache->bytes < cache->size)) {
+        const uint32 count = eko_fileRead(cache->fh, cache->buff + cache->bytes, CACHE_BYTES - cache->bytes);
+        if (count == 0 || count == EKO_FILE_IO_FAILED)
+            break;
+        cache->bytes += count;
+    }
+    return least(cache->bytes, wanted);
 }
 
 const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available)

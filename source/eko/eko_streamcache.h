@@ -19,6 +19,10 @@ uint32 cacheWrite(EKO_FILE_CACHE_CTX* cache, const void* src, uint32 size);
 const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available);
 void cacheSkip(EKO_FILE_CACHE_CTX* cache, uint32 count);
 
+// Fills the buffer with the file's first bytes, `wanted` of them if there are so many, and answers how many there
+// are. Leaves the logical position at 0, and nothing behind them unread that cannot be read still. For a new cache.
+uint32 cacheHead(EKO_FILE_CACHE_CTX* cache, uint32 wanted);
+
 // Sets the logical position, after writing what is pending. 0 or 1002, with the position unchanged.
 int32 cacheSeek(EKO_FILE_CACHE_CTX* cache, int64 off, int32 origin);
 // Writes what is pending and waits for the disk. 0 or 1002.

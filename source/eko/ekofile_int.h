@@ -6,7 +6,7 @@
 
 // ---- descriptors (ekounix_file.cpp) -----------------------------------------------------------------------
 
-enum EKO_STD_HANDLE { EKO_STD_HANDLE_IN = 0, EKO_STD_HANDLE_OUT = 1, EKO_STD_HANDLE_ERR = 2 };
+enum EKO_STD_HANDLE : int32 { EKO_STD_HANDLE_IN = 0, EKO_STD_HANDLE_OUT = 1, EKO_STD_HANDLE_ERR = 2 };
 
 int32 eko_open_file(const char* path, uint32 flags, EKO_FDESC* desc);
 int32 eko_flOpenSync(const char* path, uint32 flags, EKO_FDESC* desc);
