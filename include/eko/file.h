@@ -29,7 +29,9 @@ typedef struct EKOFTAB* EKO_FH;
 #define EKO_FILE_INMEMORY ((uint16)0x0040) /**< the file lives in memory, not on disk */
 #define EKO_FILE_NOSYNC ((uint16)0x0200)   /**< eko_fileSync does nothing */
 
-/* ---- handles -------------------------------------------------------------------------------------------- */
+/* ---- handles -------------------------------------------------------------------------------------------- *
+ *
+ * Null for a handle, or for the name of a file, is refused: 1002, EKO_FILE_IO_FAILED, no size, no time. */
 
 /** Opens a file.
  *  name    a path, passed to the system as it stands. Exactly "stdin", "stdout" and "stderr" are the process's
@@ -37,7 +39,9 @@ typedef struct EKOFTAB* EKO_FH;
  *          EKO_FILE_INMEMORY.
  *  flags   open flags of the system, O_RDONLY, O_CREAT and so on; O_TRUNC implies O_CREAT. New files get the
  *          mode 0666 less the umask. Descriptors are inherited by children unless O_CLOEXEC is among them.
- *  xflags  EKO_FILE_...
+ *  xflags  EKO_FILE_... In this version there are no files in memory and no mapped views yet: an open with
+ *          EKO_FILE_INMEMORY, or of a disk file with EKO_FILE_MAPPED, returns null. Standard streams are never
+ *          mapped.
  *  Returns the handle, or null: library not started, null name, no memory, refused by the system, or refused
  *  by read-only mode (any of write, read-write, create) or by diskless mode (any disk file). errno then tells
  *  the system's reason.

@@ -7,9 +7,12 @@
  * without a stamp.
  *
  * Log files, and the files that stand in for standard output or standard error, are stacks: an open pushes, a
- * close pops and the one below is written again. The same name, whatever its case, is one open file however
- * often it is pushed. A close too many pops the console itself, which is silent from then on. All calls may
- * come from any thread, not from a signal handler. */
+ * close pops and the one below is written again. The same name, whatever its case, is one open file of a stack
+ * however often it is pushed. A close too many pops the console itself, which is silent from then on. Nothing is
+ * written in read-only mode. All calls may come from any thread, not from a signal handler.
+ *
+ * What the library reports while a thread is already writing a report goes straight to the process's standard
+ * error, up to 1023 bytes of it. Reports of up to 1023 bytes need no memory. */
 #ifndef EKO_LOG_H
 #define EKO_LOG_H
 
@@ -42,15 +45,15 @@ EKO_API void eko_stdout_close(void);
 EKO_API int32 eko_stderr_open(const char* stderr_name);
 EKO_API void eko_stderr_close(void);
 
-/** A message put together in pieces and written as one. One thread at a time. */
+/** A message put together in pieces and written as one. One thread at a time; not across eko_term. */
 typedef const void* EKO_LOG_CHUNK;
 
 /** A new, empty one; null when the library is not started or without memory. */
 EKO_API EKO_LOG_CHUNK eko_log_chunk_init(void);
 /** Appends formatted text; nothing when an argument is null. A piece for which there is no memory is left out. */
 EKO_API void eko_log_chunk(EKO_LOG_CHUNK chunk, const char* format, ...) EKO_PRINTF_CHECK(2, 3);
-/** Appends a last piece, unless format is null, writes all to standard output and the log, unless there is
- *  nothing, and frees the chunk. */
+/** Appends a last piece, unless format is null, writes all to standard output and the log, unless there was
+ *  no piece, and frees the chunk. */
 EKO_API void eko_log_chunk_end(EKO_LOG_CHUNK chunk, const char* format, ...) EKO_PRINTF_CHECK(2, 3);
 
 EKO_EXTERN_C_END

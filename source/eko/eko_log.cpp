@@ -90,6 +90,8 @@ int32 reportNested(const char* format, va_list args)
 {
     char text[SHORT_TEXT];
     const int32 length = eko_vsnprintf(text, sizeof(text), format, args);
+    if (length < 0)
+        return 0;
     const ssize_t written = write(STDERR_FILENO, text, strlen(text));
     return written < 0 ? -1 : length;
 }

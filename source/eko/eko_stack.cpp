@@ -18,7 +18,8 @@ namespace {
 
 constexpr int16 NOT_SHARED = 0; // the stack's mutex serialises its tag
 
-// Whether an entry of that name (null for none) would be this one's.
+// Whether an entry of that name (null for none) would be this one's. DELIBERATE: case does not count, although it
+// does on disk; a log that two configurations spell differently is one file. Pinned by stack_names_share_a_stream.
 bool sameName(const char* a, const char* b)
 {
     return a && b ? strcasecmp(a, b) == 0 : a == b;

@@ -249,6 +249,8 @@ int32 eko_fileSeek(EKO_FH fh, EKO_FILE_OFFSET off, int32 origin)
     return fh && !fh->f_map ? eko_flSeek(fh->f_desc, off, origin) : EKO_FAILED;
 }
 
+// DELIBERATE: in read-only mode a write moves nothing and is no failure, here as in eko_fileSeekWrite, so that a
+// program can run against files that it must not change. Pinned by file_read_only_mode.
 uint32 eko_fileWrite(EKO_FH fh, const void* buf, uint32 size)
 {
     if (!fh)
