@@ -6,11 +6,16 @@
  *   - floats are computed in extended precision, rounded half up, with at most 19 fraction digits; the rest
  *     of a larger precision is not printed. Negative zero and NaN print without a minus;
  *   - a fixed-style float whose integer part is 18446744073709551615 or more makes the whole call fail;
+ *   - of an exponent of four digits, which only a long double has, the last three are printed;
  *   - %s of a null pointer prints "(null)", or nothing when the precision is below 6; %p of one "(nil)";
  *   - with z values are unsigned even for d, with t signed even for u and x;
  *   - with L an integer conversion takes no argument and prints 0, and %n stores nothing;
  *   - an unknown conversion prints nothing and takes no argument; a lone % at the end is ignored;
- *   - the ' flag puts the locale's thousands separator into the digits of d, i, u and floats, and of o, x.
+ *   - the ' flag puts the locale's thousands separator into the digits of d, i, u and floats, and of o, x;
+ *     separators count against the precision of an integer;
+ *   - the prefix 0 of %#o counts against the precision: 0 then is none, and zero, which has no prefix, prints
+ *     nothing with %#.0o;
+ *   - a width or precision above 2147483647 makes the whole call fail.
  * %n stores as many bits as its modifier says: 32 without one, the platform's width with l, z and t.
  *
  * The calls keep no state and may come from any thread, but read the locale: nobody may call setlocale

@@ -18,7 +18,7 @@
 #include "eko_format_int.h"
 #include "ekomem_int.h"
 
-// ---- conversions -------------------------------------------------------------------------------------------
+// ---- conversions ----------------------------------------------------------------------------------------
 
 enum KIND : uint8 { K_UNKNOWN, K_PERCENT, K_INTEGER, K_CHAR, K_STRING, K_POINTER, K_COUNT, K_FLOAT };
 
@@ -49,7 +49,7 @@ constexpr CONVERSION_ROW CONVERSION_ROWS[] = {
     {"g", {K_FLOAT, 0, F_GSTYLE}},
     {"G", {K_FLOAT, 0, F_GSTYLE | F_UPPER}},
     // DELIBERATE: a is f. There is no hexadecimal output of floats and callers rely on a readable number.
-    // Pinned by format_a_prints_as_f.
+    // Pinned by Format.a_prints_as_f.
     {"fa", {K_FLOAT, 0, 0}},
     {"FA", {K_FLOAT, 0, F_UPPER}},
 };
@@ -76,7 +76,7 @@ constexpr uint16 FLAGS[LAST_FLAG - FIRST_FLAG + 1] = {
     F_SPACE, 0, 0, F_ALT, 0, 0, 0, F_GROUP, 0, 0, 0, F_PLUS, 0, F_MINUS, 0, 0, F_ZERO,
 };
 
-// ---- parsing a directive -------------------------------------------------------------------------------------
+// ---- parsing a directive --------------------------------------------------------------------------------
 
 template <class C> inline bool isDigit(C c)
 {
@@ -165,7 +165,7 @@ template <class C> inline void parseModifier(FormatCtx<C>& ctx)
     }
 }
 
-// ---- strings, pointers, the count ------------------------------------------------------------------------------
+// ---- strings, pointers, the count -----------------------------------------------------------------------
 
 template <class C> size_t lengthToPrint(const FormatCtx<C>& ctx, const C* str)
 {
@@ -179,7 +179,7 @@ template <class C> void putString(FormatCtx<C>& ctx, const C* str)
     if (!str) {
         str = TEXT_NULL<C>;
         // DELIBERATE: all of "(null)" or nothing; callers never get a part of it to see.
-        // Pinned by format_null_arguments.
+        // Pinned by Format.null_arguments.
         const bool cut =
             ctx.precision != NO_PRECISION && static_cast<size_t>(ctx.precision) < FormatTraits<C>::length(str);
         if (cut)
@@ -238,11 +238,11 @@ template <class C> void storeCount(FormatCtx<C>& ctx)
     case C_PTRDIFF:
         return storeAs<ptrdiff_t>(ctx);
     case C_LDOUBLE:
-        return; // DELIBERATE: takes no argument, as %Ld. Pinned by format_n_stores_by_modifier.
+        return; // DELIBERATE: takes no argument, as %Ld. Pinned by Format.n_stores_by_modifier.
     }
 }
 
-// ---- the walk --------------------------------------------------------------------------------------------------
+// ---- the walk -------------------------------------------------------------------------------------------
 
 // Writes the directive. False when it fails, and the call with it.
 template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
@@ -250,7 +250,7 @@ template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
     switch (kind) {
     case K_PERCENT:
         // DELIBERATE: no width for this and for %c; callers rely on exactly one character.
-        // Pinned by format_c_and_percent_ignore_width.
+        // Pinned by Format.c_and_percent_ignore_width.
         putChar(*ctx.sctx, C('%'));
         return true;
     case K_CHAR:
@@ -277,7 +277,7 @@ template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
             ctx.precision = 1;
         return putFloat(ctx);
     case K_UNKNOWN:
-        return true; // DELIBERATE: silent, without an argument. Pinned by format_unknown_conversion_is_silent.
+        return true; // DELIBERATE: silent, without an argument. Pinned by Format.unknown_conversion_is_silent.
     }
     return true;
 }
@@ -341,7 +341,7 @@ template <class C> int formatV(C* str, size_t size, const C* fmt, va_list args)
     return formatInto(sink, fmt, args);
 }
 
-// ---- new and longer strings ------------------------------------------------------------------------------------
+// ---- new and longer strings -----------------------------------------------------------------------------
 // Quiet, for the exported calls to report when no argument list is open any more.
 
 // The bytes of a string of old + added characters and its terminator; false when that wraps.

@@ -58,7 +58,7 @@ template <class C> struct FormatCtx {
     typename FormatTraits<C>::Locale lc;
 };
 
-// ---- fixed texts -------------------------------------------------------------------------------------------
+// ---- fixed texts ----------------------------------------------------------------------------------------
 
 template <class C> inline constexpr C TEXT_NULL[] = {'(', 'n', 'u', 'l', 'l', ')', 0};
 template <class C> inline constexpr C TEXT_NIL[] = {'(', 'n', 'i', 'l', ')', 0};
@@ -69,7 +69,7 @@ template <class C> inline constexpr C TEXT_OCTAL[] = {'0', 0};
 template <class C> inline constexpr C TEXT_POINT[] = {'.', 0};
 template <class C> inline constexpr C TEXT_COMMA[] = {',', 0};
 
-// ---- the sink ----------------------------------------------------------------------------------------------
+// ---- the sink -------------------------------------------------------------------------------------------
 // Text is stored as far as it fits in front of the last place, which is the terminator's, and counted in full.
 
 template <class C> inline size_t roomIn(const StrCtx<C>& sink)
@@ -143,7 +143,7 @@ template <class C> inline void terminate(StrCtx<C>& sink)
         sink.str[sink.size - 1] = 0;
 }
 
-// ---- layout ------------------------------------------------------------------------------------------------
+// ---- layout ---------------------------------------------------------------------------------------------
 
 // What is missing to the width, not below 0. A field can be longer than an int32 says.
 template <class C> inline int32 paddingTo(const FormatCtx<C>& ctx, int64 fieldLen)
@@ -175,7 +175,7 @@ template <class C> inline C signFor(const FormatCtx<C>& ctx, bool negative)
     return ctx.flags & F_SPACE ? C(' ') : C(0);
 }
 
-// ---- digits and the locale ---------------------------------------------------------------------------------
+// ---- digits and the locale ------------------------------------------------------------------------------
 
 template <class C> inline const C* decimalPoint(FormatCtx<C>& ctx)
 {

@@ -58,7 +58,7 @@ template <class C> struct FltFormat {
     uint64 fracpart; // the fraction times 10 ^ precision
 };
 
-// ---- splitting the value -----------------------------------------------------------------------------------
+// ---- splitting the value --------------------------------------------------------------------------------
 
 // Carries a fraction that was rounded up to 1, and an integer part that is 10 into the exponent. It is 10 after
 // a carry, and also when the division by the power of ten was rounded up to it.
@@ -78,7 +78,7 @@ template <class C> void carry(FltFormat<C>& field, uint64 one)
 template <class C> bool splitValue(FormatCtx<C>& ctx, FltFormat<C>& field, long double value)
 {
     // DELIBERATE: the digits of a larger precision are not printed, and not counted. Callers rely on getting
-    // no digits that the arithmetic does not have. Pinned by format_float_has_at_most_19_fraction_digits.
+    // no digits that the arithmetic does not have. Pinned by Format.float_has_at_most_19_fraction_digits.
     if (ctx.precision > MAX_FRACTION_DIGITS)
         ctx.precision = MAX_FRACTION_DIGITS;
     long double u = value < 0.0L ? -value : value;
@@ -86,12 +86,13 @@ template <class C> bool splitValue(FormatCtx<C>& ctx, FltFormat<C>& field, long 
         u /= power_of_10(field.exponent);
     field.intpart = cast_double(u);
     // DELIBERATE: the whole call fails, it does not print such a value in another way. Callers rely on -1 as
-    // the sign of a value that is out of range. Pinned by format_fixed_float_beyond_64_bits_fails_the_call.
+    // the sign of a value that is out of range. Pinned by Format.fixed_float_beyond_64_bits_fails_the_call.
+    // A long double so small that its power of ten is 0 comes out as infinite here, and fails like that.
     if (field.intpart == UINT64_MAX)
         return false;
     const uint64 one = POWERS_OF_10[ctx.precision];
     // DELIBERATE: a half goes up, not to the even digit. Callers rely on 0.125 being 0.13.
-    // Pinned by format_float_half_goes_up.
+    // Pinned by Format.float_half_goes_up.
     field.fracpart = round_float((u - static_cast<long double>(field.intpart)) * static_cast<long double>(one));
     carry(field, one);
     return true;
@@ -120,7 +121,7 @@ template <class C> bool splitInStyle(FormatCtx<C>& ctx, FltFormat<C>& field, lon
     return splitValue(ctx, field, value);
 }
 
-// ---- the layout --------------------------------------------------------------------------------------------
+// ---- the layout -----------------------------------------------------------------------------------------
 
 // The letter, the sign and at least two digits.
 template <class C> void layOutExponent(const FormatCtx<C>& ctx, FltFormat<C>& field)
@@ -128,7 +129,7 @@ template <class C> void layOutExponent(const FormatCtx<C>& ctx, FltFormat<C>& fi
     int32 rest = field.exponent < 0 ? -field.exponent : field.exponent;
     int32 n = 0;
     // DELIBERATE: of four digits, which only a long double has, the first is lost. Callers rely on exponents
-    // of at most five characters. Pinned by format_exponent_keeps_three_digits.
+    // of at most five characters. Pinned by Format.exponent_keeps_three_digits.
     do {
         field.econvert[n++] = C('0' + rest % 10);
         rest /= 10;
@@ -170,7 +171,7 @@ template <class C> void layOutFloat(FormatCtx<C>& ctx, FltFormat<C>& field)
         field.padlen = -field.padlen;
 }
 
-// ---- the field ---------------------------------------------------------------------------------------------
+// ---- the field ------------------------------------------------------------------------------------------
 
 template <class C> void putFraction(FormatCtx<C>& ctx, const FltFormat<C>& field)
 {
@@ -223,7 +224,7 @@ template <class C> bool putFloat(FormatCtx<C>& ctx)
     if (ctx.precision == NO_PRECISION)
         ctx.precision = DEFAULT_PRECISION;
     // DELIBERATE: decided by comparing, so negative zero and NaN have no minus. Callers compare texts and rely
-    // on one zero. Pinned by format_negative_zero_and_nan_have_no_minus.
+    // on one zero. Pinned by Format.negative_zero_and_nan_have_no_minus.
     field.sign = signFor(ctx, value < 0.0L);
     if (const C* word = wordFor(ctx, value)) {
         putWord(ctx, field.sign, word, FormatTraits<C>::length(word));

@@ -32,10 +32,16 @@ int32 get_exponent(long double value)
     if (a == 0.0L)
         return 0;
     int32 exponent = 0;
-    for (long double x = 1.0L; x > a; x /= 10.0L)
+    long double x = 1.0L;
+    while (x > a) {
+        x /= 10.0L;
         --exponent;
-    for (long double x = 10.0L; x <= a; x *= 10.0L)
+    }
+    x = 10.0L;
+    while (x <= a) {
+        x *= 10.0L;
         ++exponent;
+    }
     return exponent;
 }
 
