@@ -42,7 +42,7 @@ EKO_API int32 eko_init(void);
  *  The last stop deletes all module state, mutexes, events and memory. Open file handles are not closed:
  *  their memory goes, their descriptors stay open, and eko_fileClose on them afterwards does nothing.
  *  What the console streams still hold is written out here: a process that ends without eko_term or
- *  eko_flush loses up to 1024 bytes of what it printed.
+ *  eko_flush loses up to 1024 bytes of what it printed, and one that forks before flushing prints them twice.
  *  Surprise: calls are counted down without a guard, below 0 too. */
 EKO_API void eko_term(void);
 
@@ -72,9 +72,11 @@ typedef void (*EKO_GLOBAL_DELETE_FCN)(void* data);
  *  name        case-sensitive; the registry keeps its own copy.
  *  size        bytes; the first caller's size and callbacks hold, those of later calls are ignored.
  *  create_fcn  run once on the new record, may be null. It runs under the registry's mutex and may itself
- *              fetch globals, but must not start, stop or look up the temporary directory.
+ *              fetch globals.
  *  delete_fcn  run when the library stops, in descending order of names, may be null. A record whose name
  *              sorts before "ekofile" outlives the file module, so its callback can open no file.
+ *              No callback may start or stop the library, look up the temporary directory, or leave by a jump:
+ *              locks are held around it. Memory taken in one comes from a tag without a jump buffer.
  *  pglobal     receives the record on success only.
  *  Returns 0; 1013 when name or pglobal is null or size is 0; 1003 when the record could not be made, the
  *  callback failed, or the library is not started or already stopping. The next call tries again, unless

@@ -35,7 +35,8 @@ typedef const void* EKO_SEM;
  *  had, or the type is neither ("Invalid semaphore type\n" is logged, and one slot is lost until stop). */
 EKO_API EKO_SEM eko_syncCreate_check(int16 type, const char* file, int32 line);
 
-/** Deletes a mutex or an event; EKO_SEM_INVALID and null are ignored. Nobody may hold it or wait on it. */
+/** Deletes a mutex or an event; EKO_SEM_INVALID and null are ignored. Nobody may hold it or wait on it. No other
+ *  handle is checked: deleting twice gives one slot to several later creations. */
 EKO_API void eko_syncDelete(EKO_SEM sem);
 
 /** Enters a mutex, waiting for it. A thread may enter again what it holds, and leaves as often.

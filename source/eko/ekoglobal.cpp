@@ -31,6 +31,13 @@ EKO_SEM eko_globals_sem = EKO_SEM_INVALID;
 bool terminating;           // eko_globalTerm runs: nothing is created any more
 GlobalSlot* publishedSlots; // of the library's own modules, those that hold a record
 
+// A create callback that runs; on the stack of its caller.
+struct RunningCreate {
+    const void* data;
+    const RunningCreate* outer; // the one whose callback led here
+};
+const RunningCreate* runningCreates;
+
 // After a failed growth the list is gone while max says there is room: nothing is found or added until the next
 // start.
 bool listLost()
@@ -59,9 +66,10 @@ EKO_GLOBAL_ENTRY* findGlobalEntry(const char* name, uint32* poffset)
     return nullptr;
 }
 
+// A callback that fetched a global may have lost the list.
 uint32 offsetOfRecord(const void* data)
 {
-    for (uint32 i = 0; i < eko_globals_num; ++i) {
+    for (uint32 i = 0; i < eko_globals_num && !listLost(); ++i) {
         if (eko_globals_list[i].data == data)
             return i;
     }
@@ -90,7 +98,7 @@ bool expand_list(uint32 offset, MemResult* result)
     return true;
 }
 
-// No module may find a record that is about to go, not even one that fetched it inside its own create callback.
+// No module may find a record that is about to go.
 void withdrawSlotsOf(const void* record)
 {
     for (GlobalSlot** link = &publishedSlots; *link;) {
@@ -127,6 +135,23 @@ void cleanupGlobalEntry(uint32 offset)
         removeEntry(offset);
 }
 
+int32 runCreate(EKO_GLOBAL_CREATE_FCN create_fcn, void* data)
+{
+    const RunningCreate self = {data, runningCreates};
+    runningCreates = &self;
+    const int32 status = create_fcn(data);
+    runningCreates = self.outer;
+    return status;
+}
+
+bool beingCreated(const void* data)
+{
+    const RunningCreate* create = runningCreates;
+    while (create && create->data != data)
+        create = create->outer;
+    return create != nullptr;
+}
+
 // Adds an entry at `offset` and runs its create callback; answers its record, or null with nothing added.
 void* addGlobalEntry(const char* name, size_t size, EKO_GLOBAL_CREATE_FCN create_fcn,
                      EKO_GLOBAL_DELETE_FCN delete_fcn, uint32 offset, MemResult* result)
@@ -143,7 +168,7 @@ void* addGlobalEntry(const char* name, size_t size, EKO_GLOBAL_CREATE_FCN create
         return nullptr;
     }
     void* data = entry->data;
-    const bool created = !create_fcn || create_fcn(data) == EKO_OK;
+    const bool created = !create_fcn || runCreate(create_fcn, data) == EKO_OK;
     offset = offsetOfRecord(data);
     if (offset == NOT_FOUND)
         return nullptr;
@@ -188,10 +213,12 @@ bool usable()
     return libraryStarted() && eko_globals_sem != EKO_SEM_INVALID;
 }
 
+// A module that fetches its own record inside its create callback gets it, but for the other threads it is not there
+// before the callback has succeeded.
 void publishSlot(GlobalSlot& slot, void* record)
 {
     const SemGuard lock(eko_globals_sem);
-    if (readUnlocked(slot.record))
+    if (beingCreated(record) || readUnlocked(slot.record))
         return;
     slot.next = publishedSlots;
     publishedSlots = &slot;
@@ -235,6 +262,7 @@ int32 eko_globalInit()
     eko_globals_num = 0;
     eko_globals_max = 0;
     terminating = false;
+    runningCreates = nullptr;
     eko_globals_sem = EKO_MUTEX_CREATE();
     return eko_globals_sem != EKO_SEM_INVALID ? EKO_OK : EKO_FAILED;
 }
