@@ -99,12 +99,12 @@ void* eko_malloc(size_t* size, EKO_MEM_INFO*)
     const size_t limit = readUnlocked(eko_memlimit);
     if (limit != 0 && readUnlocked(eko_mem_stats.in_use) + *size > limit)
         return nullptr;
-    return eko_membuffer ? takeBuffer(size) : malloc(*size);
+    return readUnlocked(eko_membuffer) ? takeBuffer(size) : malloc(*size);
 }
 
 void eko_free(void* ptr, EKO_MEM_INFO*)
 {
-    if (eko_membuffer) {
+    if (readUnlocked(eko_membuffer)) {
         EKO_ASSERT(ptr == eko_membuffer);
         eko_membuffer_used = 0;
     } else {

@@ -120,6 +120,15 @@ void unlinkTag(TAG_ENTRY* tag)
     (tag->t_next ? tag->t_next->t_prev : taglisttail) = tag->t_prev;
 }
 
+TAG_ENTRY* makeTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
+                   void* destroy_ctx, MemResult* result)
+{
+    TAG_ENTRY* tag = allocTag(jb, flags, type, destroy_fcn, destroy_ctx, result);
+    if (tag != EKO_TAG_INVALID)
+        linkTag(tag);
+    return tag;
+}
+
 // The calling thread's tag if it has one already.
 TAG_ENTRY* existingTLSTag()
 {
@@ -278,19 +287,17 @@ EKO_MEMTAG tryCreateTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_D
     if (!result)
         result = &ignored;
     *result = MemResult::refused;
-    if (!mem_eko_inited_get__race_condition_ok())
-        return EKO_TAG_INVALID;
-    TAG_ENTRY* tag = allocTag(jb, flags, type, destroy_fcn, destroy_ctx, result);
-    if (tag != EKO_TAG_INVALID)
-        linkTag(tag);
-    return tag;
+    if (!mem_eko_inited_get__race_condition_ok() || !tagGlobal)
+        return EKO_TAG_INVALID; // the last also while the library stops: a callback may not add to what is destroyed
+    return makeTag(jb, flags, type, destroy_fcn, destroy_ctx, result);
 }
 
-// The text fits the log's buffer on the stack, so nothing is allocated; inside a report nothing is said.
+// The text fits the 1024 bytes that the log has on the stack, a longer name being cut, so nothing is allocated;
+// inside a report nothing is said.
 void memReport(const char* file, uint32 line)
 {
     if (!insideReport())
-        eko_log("Out of memory. Called from %.400s:%u\n", file, line);
+        eko_log("Out of memory. Called from %.980s:%u\n", file, line);
 }
 
 void memFail(MemResult result, EKO_MEMTAG tt, const char* file, uint32 line)
@@ -354,11 +361,11 @@ void destroyGlobalTag()
 
 bool startTags()
 {
-    tagGlobal = tryCreateTag(nullptr, NOT_SHARED, BLOCK_ALLOCATOR, nullptr, nullptr);
-    if (tagGlobal == EKO_TAG_INVALID) {
-        tagGlobal = nullptr;
+    MemResult ignored;
+    TAG_ENTRY* tag = makeTag(nullptr, NOT_SHARED, BLOCK_ALLOCATOR, nullptr, nullptr, &ignored);
+    if (tag == EKO_TAG_INVALID)
         return false;
-    }
+    tagGlobal = tag;
     if (createMutexes())
         return true;
     destroyGlobalTag();
@@ -531,14 +538,14 @@ void eko_freeMem(const void* ptr, EKO_MEMTAG tt, const char* /*file*/, uint32 /*
 
 int32 eko_setMemLimit(void* ptr, size_t limit)
 {
-    if (mem_eko_inited_get__race_condition_ok() && (ptr || eko_membuffer))
+    if (mem_eko_inited_get__race_condition_ok() && (ptr || readUnlocked(eko_membuffer)))
         return EKO_FAILED;
     if (limit != 0 && limit < MIN_LIMIT)
         return EKO_FAILED;
     if (ptr && (limit == 0 || reinterpret_cast<uintptr_t>(ptr) % BLOCK_ALIGNMENT != 0))
         return EKO_FAILED; // no room for anything, or every block misaligned
     writeUnlocked(eko_memlimit, limit);
-    eko_membuffer = ptr;
+    writeUnlocked(eko_membuffer, ptr); // the null that it was already, when others may be reading it
     return EKO_OK;
 }
 
