@@ -58,6 +58,18 @@ expect 1 "no record with the key 'k4001'" get db k1 k4001 k2
 printf 'k1;value 1;1\nk2;value 2;4\n' >expected
 same out expected 'a missing key hides others'
 
+if "$minidb" get db k1 >/dev/full 2>err; then
+    failed 'a full standard output is not noticed'
+fi
+
+# Keys whose hashes are the same, and as many keys as the first table has slots.
+printf 'costarring;1\nliquid;2\ndeclinate;3\nmacallums;4\n' >twins
+good 'loaded 4 ' load twins twins.db
+good 'agree on all 4 ' check twins.db twins
+seq -f '%g;' 1024 >full
+good '1024 keys in all' load full full.db
+bad 'no record' get full.db 1025
+
 cp db before
 sed 's/^k1;.*/k1;changed/' text >changed
 good '4004 of them replace' load changed db
@@ -85,11 +97,11 @@ done
 
 # ---- check finds every kind of difference -----------------------------------------------------------------
 
-sed -e 2d -e '5s/value/Value/' text >variant
+sed -e 2d -e '5s/value/Value/' -e '6s/$/0/' text >variant
 echo 'new;line' >>variant
-expect 1 '1 missing, 1 different, 1 extra' check before variant
-printf "minidb: %s\n" "differs: 'k5'" "not in the text: 'k2'" "not in the data file: 'new'" \
-    'before and variant differ: 1 missing, 1 different, 1 extra' | sort >expected
+expect 1 '1 missing, 2 different, 1 extra' check before variant
+printf "minidb: %s\n" "differs: 'k5'" "differs: 'k6'" "not in the text: 'k2'" "not in the data file: 'new'" \
+    'before and variant differ: 1 missing, 2 different, 1 extra' | sort >expected
 sort err >out
 same out expected 'the differences are told in other words'
 
@@ -126,6 +138,8 @@ for ((cut = 0; cut < 16; ++cut)); do
 done
 head -c 16 /dev/zero >db
 good 'loaded 3 records' load three db
+head -c 17 /dev/zero >db
+bad 'is no minidb data file' load three db
 
 # Killed as it writes beyond 64 KiB; and refused there, which takes the file back to what it was.
 rm db

@@ -151,7 +151,6 @@ FOUND storeNext(STORE* store, EKO_FILE_OFFSET* at, PAIR* pair)
             return FOUND_FAULT;
         }
     }
-    *at = start;
     return FOUND_TORN;
 }
 
