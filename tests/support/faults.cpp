@@ -10,6 +10,18 @@ void* __real_realloc(void* ptr, size_t size);
 void* __wrap_malloc(size_t size);
 void* __wrap_calloc(size_t count, size_t size);
 void* __wrap_realloc(void* ptr, size_t size);
+
+// Under a sanitizer too a request that is too large fails, instead of ending the process.
+const char* __asan_default_options();
+const char* __tsan_default_options();
+const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+const char* __tsan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
 }
 
 namespace {
