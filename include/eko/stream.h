@@ -15,8 +15,8 @@
  *     the cache, and together with what it had read in front of it. Read to the end first: then it appends.
  *   - In read-only mode nothing is written, not even to the console: what is pending stays so, and the calls
  *     fail once 1024 bytes are.
- *   - A stream opened with "a" on a file longer than 1024 bytes logs "Read failed, errno = ..." while its first
- *     bytes are written. They are written all the same. */
+ *   - A stream for writing alone logs "Read failed, errno = 9" where its position is inside the length that the
+ *     file had: with "a" after each 1024 bytes, and after a seek back. All is written all the same. */
 #ifndef EKO_STREAM_H
 #define EKO_STREAM_H
 

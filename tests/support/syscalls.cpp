@@ -1,0 +1,96 @@
+#include "support/syscalls.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "ekoint.h"
+
+namespace {
+
+const char* faulty; // the call that has a fault, or null
+int faultError;
+size_t faultMost;
+uint32 faultCalls;
+
+bool hit(const char* call)
+{
+    if (!faulty || strcmp(faulty, call) != 0)
+        return false;
+    __atomic_fetch_add(&faultCalls, 1, __ATOMIC_RELAXED);
+    return true;
+}
+
+bool fails(const char* call)
+{
+    if (!hit(call) || faultError == 0)
+        return false;
+    errno = faultError;
+    return true;
+}
+
+size_t allowed(const char* call, size_t size)
+{
+    return faulty && strcmp(faulty, call) == 0 && size > faultMost ? faultMost : size;
+}
+
+} // namespace
+
+CallFault::CallFault(const char* call, int error, size_t most)
+{
+    faulty = call;
+    faultError = error;
+    faultMost = most;
+    faultCalls = 0;
+}
+
+CallFault::~CallFault()
+{
+    faulty = nullptr;
+}
+
+uint32 CallFault::calls() const
+{
+    return __atomic_load_n(&faultCalls, __ATOMIC_RELAXED);
+}
+
+uint32 openDescriptors()
+{
+    uint32 count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (dir && readdir(dir))
+        ++count;
+    if (dir)
+        closedir(dir);
+    return count - 3; // itself, "." and ".."
+}
+
+// NAME(PARAMS) of the linker's --wrap: FAILED when the fault is on it, else the real one with ARGS.
+#define WRAP(type, name, params, args, failed) \
+    extern "C" type __real_##name params; \
+    extern "C" type __wrap_##name params; \
+    type __wrap_##name params \
+    { \
+        return fails(#name) ? failed : __real_##name args; \
+    }
+
+WRAP(int, open64, (const char* path, int flags, mode_t mode), (path, flags, mode), -1)
+WRAP(ssize_t, read, (int fd, void* buf, size_t n), (fd, buf, allowed("read", n)), -1)
+WRAP(ssize_t, write, (int fd, const void* buf, size_t n), (fd, buf, allowed("write", n)), -1)
+WRAP(ssize_t, pread64, (int fd, void* buf, size_t n, off64_t off), (fd, buf, allowed("pread64", n), off), -1)
+WRAP(ssize_t, pwrite64, (int fd, const void* buf, size_t n, off64_t off), (fd, buf, allowed("pwrite64", n), off),
+     -1)
+WRAP(off64_t, lseek64, (int fd, off64_t off, int whence), (fd, off, whence), -1)
+WRAP(int, fsync, (int fd), (fd), -1)
+WRAP(int, ftruncate64, (int fd, off64_t size), (fd, size), -1)
+WRAP(int, fstat64, (int fd, struct stat64* st), (fd, st), -1)
+WRAP(int, stat64, (const char* path, struct stat64* st), (path, st), -1)
+WRAP(int, flock, (int fd, int how), (fd, how), -1)
+WRAP(void*, mmap64, (void* at, size_t n, int prot, int flags, int fd, off64_t off), (at, n, prot, flags, fd, off),
+     MAP_FAILED)
+WRAP(struct tm*, localtime_r, (const time_t* time, struct tm* res), (time, res), nullptr)
+WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line), (type, file, line), EKO_SEM_INVALID)

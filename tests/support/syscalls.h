@@ -1,0 +1,26 @@
+// syscalls.h - makes system calls fail. A test that includes this needs, in its first lines and behind two slashes,
+//     LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
+//     LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
+//     LINK: --wrap=eko_syncCreate_check
+#ifndef EKO_TESTS_SYSCALLS_H
+#define EKO_TESTS_SYSCALLS_H
+
+#include <stddef.h>
+
+#include "base.h"
+
+// While alive, each call of that name (one of those above) fails with errno `error`, or with an `error` of 0 moves
+// at most `most` bytes. One at a time, and no other thread running when it comes or goes.
+class CallFault {
+public:
+    explicit CallFault(const char* call, int error, size_t most = 0);
+    ~CallFault();
+    CallFault(const CallFault&) = delete;
+    CallFault& operator=(const CallFault&) = delete;
+    uint32 calls() const; // made so far
+};
+
+// Descriptors that the process has open.
+uint32 openDescriptors();
+
+#endif
