@@ -328,7 +328,8 @@ TEST_F(FileTest, file_faults)
     std::thread([fh] { // the failed locks left the mutex
         EXPECT_EQ(eko_fileLock(fh), 0);
         eko_fileUnlock(fh);
-    }).join();
+    })
+        .join();
     EXPECT_EQ(content(), "0123456789");
 
     struct {

@@ -1,0 +1,433 @@
+// Reports, the stacks that redirect them, chunks, and reports when memory, a file or a mutex is what is broken.
+//
+// LINK: --wrap=malloc --wrap=calloc --wrap=realloc
+// LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
+// LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
+// LINK: --wrap=eko_syncCreate_check
+#include <errno.h>
+#include <pty.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "ekotext_int.h"
+#include "support/faults.h"
+#include "support/fixture.h"
+#include "support/syscalls.h"
+
+namespace {
+
+class LogTest : public EkoTest {
+protected:
+    void SetUp() override
+    {
+        EkoTest::SetUp();
+        descriptors_ = openDescriptors();
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(openDescriptors(), descriptors_);
+        eko_background = 0;
+        EkoTest::TearDown();
+    }
+    std::string content(const char* name = "log") { return readFile(dir_.file(name)); }
+
+    TempDir dir_;
+    std::string name_ = dir_.file("log");
+
+private:
+    uint32 descriptors_ = 0;
+};
+
+constexpr const char* STAMP = "\\[[0-3]\\d-[A-Z][a-z]{2}-2\\d{3} [0-2]\\d:[0-5]\\d:[0-6]\\d\\]";
+
+// The text of a log without its stamps, one at the start of each line; all of it when one is not well formed.
+std::string unstamped(const std::string& log)
+{
+    static const std::regex stamp(STAMP + std::string("  "));
+    std::string text, line;
+    for (std::istringstream lines(log); std::getline(lines, line); text += line.substr(24) + "\n") {
+        if (!std::regex_match(line.substr(0, 24), stamp))
+            return log;
+    }
+    return text;
+}
+
+// Whether that is one report of exhausted memory, from a file of that name.
+::testing::AssertionResult isOneReport(const std::string& said, const std::string& file)
+{
+    if (std::regex_match(said, std::regex("Out of memory. Called from source/eko/" + file + ":\\d+\n")))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "said: " << said;
+}
+
+// ---- where reports go -------------------------------------------------------------------------------------
+
+TEST(LogBare, log_outside_of_start_and_stop)
+{
+    TempDir dir;
+    for (int round = 0; round < 2; ++round) {
+        CapturedFd out(1), err(2);
+        EXPECT_EQ(eko_log("x=%d", 5), 3);
+        EXPECT_EQ(eko_log_err("y=%d", 60), 4);
+        EXPECT_EQ(eko_printf("nothing"), 0);
+        for (auto open : {eko_log_open, eko_stdout_open, eko_stderr_open})
+            EXPECT_EQ(open(dir.file("log").c_str()), 1002);
+        for (auto call :
+             {eko_log_close, eko_stdout_close, eko_stderr_close, eko_flush, eko_flushErr, eko_log_flush})
+            call();
+        EXPECT_EQ(eko_log_create(dir.file("log").c_str(), ""), 1002);
+        EXPECT_EQ(eko_log_chunk_init(), nullptr);
+        EXPECT_EQ(out.take(), "x=5");
+        EXPECT_EQ(err.take(), "y=60");
+        EXPECT_EQ(readFile(dir.file("log")), "");
+        EXPECT_EQ(eko_init(), 0);
+        eko_term();
+    }
+}
+
+TEST_F(LogTest, log_lines_have_a_stamp)
+{
+    CapturedFd out(1), err(2);
+    EXPECT_EQ(eko_log("no log open\n"), 12);
+    EXPECT_EQ(eko_log_open(name_.c_str()), 0);
+    EXPECT_EQ(eko_log("ready"), 5);
+    EXPECT_EQ(content().size(), 22 + 2 + 5u); // the line's end is the caller's
+    EXPECT_EQ(eko_log(" %s\n", "set"), 5);
+    EXPECT_EQ(eko_log_err("go\n"), 3);
+    EXPECT_EQ(eko_log("x%f\n", 1e20), 0); // cannot be formatted
+    EXPECT_EQ(eko_log("%s", ""), 0);
+    eko_log_close();
+    EXPECT_EQ(out.take(), "no log open\nready set\n");
+    EXPECT_EQ(err.take(), "go\n");
+    EXPECT_TRUE(std::regex_match(content(), std::regex(std::string(STAMP) + "  ready" + STAMP + "   set\n" + STAMP +
+                                                       "  go\n" + STAMP + "  ")))
+        << content();
+}
+
+TEST_F(LogTest, log_without_a_time)
+{
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    CallFault fault("localtime_r", EOVERFLOW);
+    logged([] { eko_log("when\n"); });
+    EXPECT_EQ(content(), "  when\n");
+    eko_log_close();
+}
+
+TEST_F(LogTest, log_in_the_background)
+{
+    CapturedFd out(1), err(2);
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    ASSERT_EQ(eko_stdout_open(dir_.file("out").c_str()), 0);
+    eko_background = 1;
+    EXPECT_EQ(eko_log("to stdout\n"), 0);
+    EXPECT_EQ(eko_log_err("to stderr\n"), 0);
+    EXPECT_EQ(unstamped(content()), "to stdout\nto stderr\n");
+    EXPECT_EQ(eko_printf("printed"), 7); // only reports are silenced
+    eko_log_flush();
+    EXPECT_EQ(content("out"), "");
+    eko_background = 0;
+    eko_log_flush();
+    EXPECT_EQ(content("out"), "printed");
+    eko_stdout_close();
+    eko_log_close();
+    EXPECT_EQ(out.take() + err.take(), "");
+}
+
+TEST_F(LogTest, log_console_fails)
+{
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    CapturedFd err(2);
+    const std::string console = logged([&] {
+        const int saved = dup(1);
+        close(1);
+        EXPECT_EQ(eko_log("kept\n"), 5);
+        EXPECT_EQ(err.take(), "Write failed, errno = 9\n");
+        for (int i = 0; i < 9; ++i)
+            EXPECT_EQ(eko_log("%0128d\n", i), i < 7 ? 129 : -1); // until 1024 bytes wait
+        dup2(saved, 1);
+        close(saved);
+    });
+    EXPECT_EQ(console.size(), 1024u);
+    EXPECT_EQ(console.substr(0, 6), "kept\n0");
+    EXPECT_EQ(unstamped(content()).size(), 5 + 9 * 129u);
+    eko_log_close();
+}
+
+TEST_F(LogTest, log_create_hides_the_open)
+{
+    const std::string root = dir_.file("db");
+    EXPECT_EQ(eko_log_create(root.c_str(), "server.log"), 0);
+    EXPECT_EQ(logged([] { eko_log("x\n"); }), "x\n");
+    eko_log_close();
+    EXPECT_EQ(unstamped(content("dbserver.log")), "x\n");
+    EXPECT_EQ(eko_log_create((dir_.path() + "/").c_str(), "own.log"), 0);
+    eko_log_close();
+    EXPECT_EQ(access(dir_.file("own.log").c_str(), F_OK), 0);
+    EXPECT_EQ(eko_log_create((root + "/none/").c_str(), "server.log"), 0); // no such directory
+    EXPECT_EQ(eko_log_stack.root, nullptr);
+    EXPECT_TRUE(isOneReport(logged([&] {
+                                FailNthOnTag fault(EKO_THREAD_TAG, 1);
+                                EXPECT_EQ(eko_log_create(root.c_str(), "server.log"), 1002);
+                            }),
+                            "eko_log.cpp"));
+}
+
+// ---- long texts, chunks -----------------------------------------------------------------------------------
+
+TEST_F(LogTest, log_texts_of_every_length)
+{
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    std::string all;
+    const std::string console = logged([&] {
+        for (int32 length : {1, 1022, 1023, 1024, 1025, 2048, 100000}) {
+            const std::string line = std::string(size_t(length - 1), char('a' + length % 26)) + "\n";
+            EXPECT_EQ(eko_log("%s", line.c_str()), length);
+            all += line;
+        }
+    });
+    eko_log_close();
+    EXPECT_EQ(console, all);
+    EXPECT_EQ(unstamped(content()), all);
+}
+
+TEST_F(LogTest, log_chunks)
+{
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    EKO_LOG_CHUNK chunk = eko_log_chunk_init();
+    EXPECT_EQ(logged([&] {
+                  eko_log_chunk(chunk, "%s, ", "one");
+                  eko_log_chunk(chunk, "%s", "");
+                  eko_log_chunk(chunk, nullptr);
+                  eko_log_chunk(nullptr, "lost");
+                  eko_log_chunk(chunk, "%d%s", 2, std::string(2000, '.').c_str());
+                  eko_log_chunk(chunk, "x%f", 1e20); // cannot be formatted: left out
+                  EXPECT_EQ(content(), "");
+                  eko_log_chunk_end(chunk, "%c\n", '3');
+              }),
+              "one, 2" + std::string(2000, '.') + "3\n");
+    EXPECT_EQ(unstamped(content()), "one, 2" + std::string(2000, '.') + "3\n");
+    const std::string before = content();
+    EXPECT_EQ(logged([] { // nothing to write
+                  eko_log_chunk_end(eko_log_chunk_init(), nullptr);
+                  eko_log_chunk_end(nullptr, "lost");
+              }),
+              "");
+    EXPECT_EQ(content(), before);
+    eko_log_close();
+
+    const std::string said = logged([&] { // pieces without memory are left out
+        chunk = eko_log_chunk_init();
+        for (uint32 n = 1; n <= 3; ++n) {
+            FailNthOnTag fault(EKO_GLOBAL_TAG, n % 2); // the first and the third; 0 is none
+            eko_log_chunk(chunk, "<%u>", n);
+        }
+        eko_log_chunk_end(chunk, "\n");
+        FailNthOnTag fault(EKO_GLOBAL_TAG, 1);
+        EXPECT_EQ(eko_log_chunk_init(), nullptr);
+    });
+    EXPECT_TRUE(std::regex_match(said, std::regex("(Out of memory[^\n]*\n){2}<2>\nOut of memory[^\n]*\n"))) << said;
+}
+
+// ---- stacks -----------------------------------------------------------------------------------------------
+
+TEST_F(LogTest, stack_names_share_a_stream)
+{
+    const std::string upper = dir_.path() + "/LOG";
+    logged([&] {
+        const uint32 descriptors = openDescriptors();
+        for (const std::string& name : {name_, upper, name_}) {
+            ASSERT_EQ(eko_log_open(name.c_str()), 0);
+            EXPECT_EQ(openDescriptors(), descriptors + 1);
+            eko_log("%s\n", name == upper ? "upper" : "lower");
+        }
+        ASSERT_EQ(eko_log_open(dir_.file("other").c_str()), 0);
+        eko_log("other\n");
+        for (uint32 left : {1u, 1u, 1u, 0u}) {
+            eko_log_close();
+            EXPECT_EQ(openDescriptors(), descriptors + left);
+            eko_log("left %u\n", left);
+        }
+        eko_log_close(); // one too many: nothing
+    });
+    EXPECT_EQ(unstamped(content()), "lower\nupper\nlower\nleft 1\nleft 1\nleft 1\n");
+    EXPECT_EQ(unstamped(content("other")), "other\n");
+    EXPECT_EQ(access(upper.c_str(), F_OK), -1);
+}
+
+TEST_F(LogTest, stack_redirects_and_silences)
+{
+    CapturedFd out(1), err(2);
+    ASSERT_EQ(eko_stdout_open(dir_.file("out").c_str()), 0);
+    EXPECT_EQ(eko_printf("to a %s", "file"), 9);
+    EXPECT_EQ(eko_log(" reported"), 9);
+    for (const char* none : {static_cast<const char*>(nullptr), ""}) {
+        ASSERT_EQ(eko_stdout_open(none), 0);
+        EXPECT_EQ(eko_printf("silent"), 0);
+        EXPECT_EQ(eko_log("silent"), 0);
+        EXPECT_EQ(eko_printfErr("E"), 1);
+    }
+    printf("by C");
+    eko_flush();                             // the C library's, when silenced
+    EXPECT_EQ(eko_stdout_open("stdout"), 0); // the one at the bottom
+    EXPECT_EQ(eko_printf("+ours"), 5);
+    for (int i = 0; i < 3; ++i)
+        eko_stdout_close();
+    EXPECT_EQ(eko_printf(" again"), 6);
+    eko_stdout_close();
+    EXPECT_EQ(content("out"), "to a file reported again");
+    EXPECT_EQ(eko_stderr_open(dir_.file("err").c_str()), 0);
+    EXPECT_EQ(eko_log_err("to a file"), 9);
+    eko_stderr_close();
+    EXPECT_EQ(content("err"), "to a file");
+    EXPECT_EQ(eko_log_open((dir_.path() + "/none/log").c_str()), 1002);
+    eko_flush();
+    eko_flushErr();
+    EXPECT_EQ(out.take(), "by C+ours");
+    EXPECT_EQ(err.take(), "EE");
+    acceptUsage(); // the console's formatting buffer
+}
+
+TEST_F(LogTest, stack_popped_once_too_often_is_silent)
+{
+    EXPECT_EQ(logged([] {
+                  eko_stdout_close();
+                  EXPECT_EQ(eko_printf("lost"), 0);
+                  EXPECT_EQ(eko_log("lost"), 0);
+                  eko_stdout_close();
+                  EXPECT_EQ(eko_stdout_open("stdout"), 0);
+                  EXPECT_EQ(eko_log("back"), 4);
+              }),
+              "back");
+    acceptUsage();
+}
+
+// A console that is a terminal is never read, although it could be, however much is written.
+TEST_F(LogTest, stack_console_is_not_read)
+{
+    int master, slave;
+    termios raw = {}; // no echo, nothing changed
+    raw.c_cflag = CS8 | CREAD;
+    raw.c_cc[VMIN] = 1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, &raw, nullptr), 0);
+    ASSERT_EQ(write(master, "typed\n", 6), 6);
+    const int saved = dup(1);
+    dup2(slave, 1);
+    for (int i = 0; i < 30; ++i)
+        eko_printf("%0100d", i);
+    eko_flush();
+    dup2(saved, 1);
+    char buf[16] = {};
+    EXPECT_EQ(read(slave, buf, sizeof(buf)), 6); // still there
+    EXPECT_STREQ(buf, "typed\n");
+    std::string seen;
+    while (seen.size() < 3000) {
+        char part[4096];
+        const ssize_t count = read(master, part, sizeof(part));
+        ASSERT_GT(count, 0);
+        seen.append(part, size_t(count));
+    }
+    EXPECT_EQ(seen.substr(2998), "29");
+    for (int fd : {master, slave, saved})
+        close(fd);
+    acceptUsage(); // the console's formatting buffer
+}
+
+// ---- what must not stop a report --------------------------------------------------------------------------
+
+TEST_F(LogTest, log_out_of_memory)
+{
+    FailNthAlloc heap(1, FailNthAlloc::ALL_FROM_THERE);
+    void* record = nullptr;
+    ASSERT_EQ(eko_globalGet("ekofile", sizeof(EKO_MEMTAG), nullptr, nullptr, &record), 0);
+    const EKO_MEMTAG tags[] = {eko_log_stack.tag, EKO_GLOBAL_TAG, *static_cast<EKO_MEMTAG*>(record)};
+    const uint32 requests[] = {3, 2, 2}; // entry, info, name; stream, cache; handle, name
+    for (size_t t = 0; t < 3; ++t) {
+        for (uint32 n = 1; n <= requests[t]; ++n) {
+            SCOPED_TRACE(testing::Message() << "request " << n << " on tag " << t);
+            EXPECT_TRUE(isOneReport(logged([&] {
+                                        FailNthOnTag fault(tags[t], n, FailNthAlloc::ALL_FROM_THERE);
+                                        EXPECT_EQ(eko_log_open(name_.c_str()), 1003);
+                                        EXPECT_TRUE(fault.fired());
+                                    }),
+                                    "eko_stack.cpp"));
+            EXPECT_EQ(eko_log_stack.root, nullptr);
+        }
+    }
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    for (const EKO_MEMTAG tag : {EKO_THREAD_TAG, EKO_GLOBAL_TAG}) { // a short report needs none
+        FailNthOnTag fault(tag, 1, FailNthAlloc::ALL_FROM_THERE);
+        EXPECT_EQ(logged([] { EXPECT_EQ(eko_log("%01022d\n", 7), 1023); }).size(), 1023u);
+        EXPECT_FALSE(fault.fired());
+    }
+    EXPECT_TRUE(isOneReport(logged([] {
+                                FailNthOnTag fault(EKO_THREAD_TAG, 1, FailNthAlloc::ALL_FROM_THERE);
+                                EXPECT_EQ(eko_log("%01024d\n", 7), 0);
+                            }),
+                            "eko_log.cpp"));
+    EXPECT_TRUE(isOneReport(logged([] {
+                                FailNthOnTag fault(EKO_GLOBAL_TAG, 1, FailNthAlloc::ALL_FROM_THERE);
+                                EXPECT_EQ(eko_printf("%d", 7), -1);
+                            }),
+                            "eko_stack.cpp"));
+    eko_log_close();
+}
+
+// A report's own trouble goes straight to standard error, without the locks in use.
+TEST_F(LogTest, log_report_inside_a_report)
+{
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    const EKO_SEM good = eko_log_stack.sem, bad = EKO_EVENT_CREATE();
+    CapturedFd err(2);
+    eko_log_stack.sem = bad;
+    EXPECT_EQ(logged([] { EXPECT_EQ(eko_log("outer\n"), 6); }), "outer\n");
+    eko_log_stack.sem = eko_stdout_stack.sem; // and the console's lock is free again
+    EXPECT_EQ(logged([] { EXPECT_EQ(eko_log("next\n"), 5); }), "next\n");
+    eko_log_stack.sem = good;
+    EXPECT_EQ(err.take(), "Invalid mutex\nInvalid mutex\n"); // entering and leaving
+    EXPECT_EQ(unstamped(content()), "outer\nnext\n");
+    eko_syncDelete(bad);
+    eko_log_close();
+}
+
+TEST_F(LogTest, log_threads_do_not_interleave)
+{
+    constexpr int THREADS = 4, LINES = 100;
+    ASSERT_EQ(eko_log_open(name_.c_str()), 0);
+    std::string console;
+    {
+        CallFault noSync("fsync", EINVAL); // quicker, and of no consequence
+        console = logged([] {
+            std::vector<std::thread> threads;
+            for (int t = 0; t < THREADS; ++t) {
+                threads.emplace_back([t] {
+                    for (int i = 0; i < LINES; ++i)
+                        eko_log("%s %d\n", std::string(i % 3 ? 50 : 1500, char('a' + t)).c_str(), i);
+                    eko_releaseTLSTag();
+                });
+            }
+            for (std::thread& thread : threads)
+                thread.join();
+        });
+    }
+    eko_log_close();
+    for (const std::string& text : {console, unstamped(content())}) {
+        int next[THREADS] = {};
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            ASSERT_FALSE(line.empty());
+            const int t = line[0] - 'a';
+            ASSERT_TRUE(t >= 0 && t < THREADS) << line;
+            const int i = next[t]++;
+            ASSERT_EQ(line, std::string(i % 3 ? 50 : 1500, line[0]) + " " + std::to_string(i));
+        }
+        for (int count : next)
+            EXPECT_EQ(count, LINES);
+    }
+}
+
+} // namespace
