@@ -1,0 +1,360 @@
+// Start and stop: which module is started, stopped and undone when, who counts, what a failed start leaves behind.
+//
+// Every start and stop call of a module is wrapped: it is written to a trace and can be made to fail.
+// LINK: --wrap=_Z12eko_syncInitv --wrap=_Z11eko_memInitv --wrap=_Z14eko_globalInitv --wrap=_Z10eko_osInitv
+// LINK: --wrap=_Z17eko_fileStackInitP14EKO_FILE_STACKPKc --wrap=_Z17eko_fileStackTermP14EKO_FILE_STACK
+// LINK: --wrap=_Z10eko_osTermv --wrap=_Z14eko_globalTermv --wrap=_Z16eko_syncShutdownv --wrap=_Z11eko_memTermv
+// LINK: --wrap=_Z12eko_syncTermv --wrap=eko_syncCreate_check --wrap=getrlimit --wrap=setrlimit
+// LINK: --wrap=malloc --wrap=calloc --wrap=realloc
+#include <errno.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ekotext_int.h"
+#include "support/faults.h"
+#include "support/fixture.h"
+
+extern char* eko_tmp;
+
+namespace {
+
+std::string trace;      // of the calls below; they run inside the critical section
+std::string failing;    // the one that fails
+uint32 createsLeft = 0; // semaphores that can still be created before one fails; 0: all can
+
+// Notes a call; a stop is marked when it runs while the library says that it is terminating.
+bool noted(const std::string& call)
+{
+    trace += call + (eko_terminating ? "! " : " ");
+    return call != failing;
+}
+
+const char* stackName(const EKO_FILE_STACK* stack)
+{
+    return stack == &eko_stdout_stack ? "stdout" : stack == &eko_stderr_stack ? "stderr" : "log";
+}
+
+} // namespace
+
+#define TRACED_START(name, mangled) \
+    extern "C" int32 __real_##mangled(); \
+    extern "C" int32 __wrap_##mangled(); \
+    extern "C" int32 __wrap_##mangled() \
+    { \
+        return noted(name) ? __real_##mangled() : 1002; \
+    }
+#define TRACED_STOP(name, mangled) \
+    extern "C" void __real_##mangled(); \
+    extern "C" void __wrap_##mangled(); \
+    extern "C" void __wrap_##mangled() \
+    { \
+        noted(name); \
+        __real_##mangled(); \
+    }
+
+TRACED_START("sync", _Z12eko_syncInitv)
+TRACED_START("mem", _Z11eko_memInitv)
+TRACED_START("global", _Z14eko_globalInitv)
+TRACED_START("os", _Z10eko_osInitv)
+TRACED_STOP("osTerm", _Z10eko_osTermv)
+TRACED_STOP("globalTerm", _Z14eko_globalTermv)
+TRACED_STOP("syncShutdown", _Z16eko_syncShutdownv)
+TRACED_STOP("memTerm", _Z11eko_memTermv)
+TRACED_STOP("syncTerm", _Z12eko_syncTermv)
+
+extern "C" {
+int32 __real__Z17eko_fileStackInitP14EKO_FILE_STACKPKc(EKO_FILE_STACK* stack, const char* name);
+int32 __wrap__Z17eko_fileStackInitP14EKO_FILE_STACKPKc(EKO_FILE_STACK* stack, const char* name);
+void __real__Z17eko_fileStackTermP14EKO_FILE_STACK(EKO_FILE_STACK* stack);
+void __wrap__Z17eko_fileStackTermP14EKO_FILE_STACK(EKO_FILE_STACK* stack);
+EKO_SEM __real_eko_syncCreate_check(int16 type, const char* file, int32 line);
+EKO_SEM __wrap_eko_syncCreate_check(int16 type, const char* file, int32 line);
+int __real_getrlimit(__rlimit_resource_t resource, rlimit* limit);
+int __wrap_getrlimit(__rlimit_resource_t resource, rlimit* limit);
+int __real_setrlimit(__rlimit_resource_t resource, const rlimit* limit);
+int __wrap_setrlimit(__rlimit_resource_t resource, const rlimit* limit);
+}
+
+int32 __wrap__Z17eko_fileStackInitP14EKO_FILE_STACKPKc(EKO_FILE_STACK* stack, const char* name)
+{
+    EXPECT_STREQ(name, stack == &eko_log_stack ? nullptr : stackName(stack));
+    return noted(stackName(stack)) ? __real__Z17eko_fileStackInitP14EKO_FILE_STACKPKc(stack, name) : 1003;
+}
+
+void __wrap__Z17eko_fileStackTermP14EKO_FILE_STACK(EKO_FILE_STACK* stack)
+{
+    noted(stackName(stack) + std::string("Term"));
+    __real__Z17eko_fileStackTermP14EKO_FILE_STACK(stack);
+}
+
+EKO_SEM __wrap_eko_syncCreate_check(int16 type, const char* file, int32 line)
+{
+    if (createsLeft && --createsLeft == 0)
+        return EKO_SEM_INVALID;
+    return __real_eko_syncCreate_check(type, file, line);
+}
+
+namespace {
+
+// ---- failed starts ----------------------------------------------------------------------------------------
+
+// Fails to start, saying nothing and leaving the count as it was.
+void expectSilentFailure(const std::string& what)
+{
+    CapturedFd out(1), err(2);
+    EXPECT_EQ(eko_init(), 1002) << what;
+    EXPECT_EQ(eko_inited, 0) << what;
+    EXPECT_EQ(out.take() + err.take(), "") << what;
+}
+
+// Starts, works and stops as if nothing had been.
+void expectStart()
+{
+    failing = trace = "";
+    ASSERT_EQ(eko_init(), 0);
+    EXPECT_EQ(trace, "sync mem global os stdout stderr log ");
+    EXPECT_EQ(logged([] { eko_log("up\n"); }), "up\n");
+    eko_term();
+    EXPECT_EQ(eko_inited, 0);
+}
+
+TEST(Lifecycle, lifecycle_failed_step_undoes_the_earlier_ones)
+{
+    const struct {
+        const char* step;
+        const char* trace;
+    } cases[] = {
+        {"sync", "sync "},
+        {"mem", "sync mem syncTerm "},
+        {"global", "sync mem global syncShutdown memTerm syncTerm "},
+        {"os", "sync mem global os globalTerm syncShutdown memTerm syncTerm "},
+        {"stdout", "sync mem global os stdout osTerm globalTerm syncShutdown memTerm syncTerm "},
+        {"stderr", "sync mem global os stdout stderr stdoutTerm osTerm globalTerm syncShutdown memTerm syncTerm "},
+        {"log", "sync mem global os stdout stderr log "
+                "stderrTerm stdoutTerm osTerm globalTerm syncShutdown memTerm syncTerm "},
+    };
+    for (const auto& c : cases) {
+        failing = c.step;
+        trace = "";
+        expectSilentFailure(c.step);
+        EXPECT_EQ(trace, c.trace);
+    }
+    expectStart();
+}
+
+TEST(Lifecycle, lifecycle_start_without_a_semaphore_or_memory)
+{
+    int failures = 0;
+    for (uint32 n = 1;; ++n) {
+        createsLeft = n;
+        if (eko_init() == 0)
+            break;
+        createsLeft = n;
+        expectSilentFailure("semaphore " + std::to_string(n));
+        ++failures;
+    }
+    createsLeft = 0;
+    eko_term();
+    EXPECT_GE(failures, 8);          // four of memory, the registry's, one of each stack
+    for (int n = 0; n < 1100; ++n) { // more often than there are keys for the threads' tags
+        FailNthAlloc fault(1, FailNthAlloc::ALL_FROM_THERE);
+        ASSERT_EQ(eko_init(), 1002) << n;
+        ASSERT_TRUE(fault.fired());
+    }
+    expectStart();
+}
+
+TEST(Lifecycle, lifecycle_start_without_a_key)
+{
+    std::vector<pthread_key_t> keys;
+    for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0;)
+        keys.push_back(key);
+    trace = "";
+    expectSilentFailure("no key");
+    EXPECT_EQ(trace, "sync mem syncTerm ");
+    for (const pthread_key_t key : keys)
+        pthread_key_delete(key);
+    expectStart();
+}
+
+// ---- counting ---------------------------------------------------------------------------------------------
+
+TEST(Lifecycle, lifecycle_last_term_stops)
+{
+    ASSERT_EQ(eko_init(), 0);
+    trace = "";
+    ASSERT_EQ(eko_init(), 0);
+    EXPECT_EQ(eko_inited, 2);
+    eko_term();
+    EXPECT_EQ(eko_inited, 1);
+    EXPECT_EQ(trace, ""); // counted, no more
+    EXPECT_EQ(eko_printf("held back"), 9);
+    CapturedFd out(1);
+    eko_term();
+    EXPECT_EQ(eko_inited, 0);
+    EXPECT_EQ(out.take(), "held back");
+    EXPECT_EQ(EKO_MUTEX_CREATE(), EKO_SEM_INVALID);
+    expectStart();
+}
+
+// A stray term and the init after it start nothing; in between and after, the library is not started.
+TEST(Lifecycle, lifecycle_stray_term)
+{
+    for (const int32 count : {-1, 0}) {
+        trace = "";
+        if (count < 0)
+            eko_term();
+        else
+            EXPECT_EQ(eko_init(), 0);
+        EXPECT_EQ(trace, "");
+        EXPECT_EQ(eko_inited, count);
+        void* record;
+        EXPECT_EQ(EKO_MUTEX_CREATE(), EKO_SEM_INVALID);
+        EXPECT_EQ(eko_globalGet("x", 1, nullptr, nullptr, &record), 1003);
+        EXPECT_EQ(EKO_ALLOC(8, EKO_GLOBAL_TAG), nullptr);
+    }
+    expectStart();
+}
+
+TEST(Lifecycle, lifecycle_stops_log_first)
+{
+    ASSERT_EQ(eko_init(), 0);
+    trace = "";
+    eko_tmp = EKO_STRDUP("/somewhere", EKO_GLOBAL_TAG);
+    eko_term();
+    EXPECT_EQ(trace, "logTerm stdoutTerm stderrTerm osTerm! globalTerm! syncShutdown! memTerm! syncTerm! ");
+    EXPECT_EQ(eko_terminating, 0);
+    EXPECT_EQ(eko_tmp, nullptr);
+    expectStart();
+}
+
+TEST(Lifecycle, lifecycle_threads_start_it_once)
+{
+    pthread_barrier_t meet;
+    pthread_barrier_init(&meet, nullptr, 8);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&meet] {
+            pthread_barrier_wait(&meet);
+            EXPECT_EQ(eko_init(), 0);
+            const EKO_SEM sem = EKO_MUTEX_CREATE(); // started, whoever came first
+            EXPECT_NE(sem, EKO_SEM_INVALID);
+            eko_syncDelete(sem);
+            pthread_barrier_wait(&meet);
+            eko_term();
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(trace, "sync mem global os stdout stderr log "
+                     "logTerm stdoutTerm stderrTerm osTerm! globalTerm! syncShutdown! memTerm! syncTerm! ");
+    EXPECT_EQ(eko_inited, 0);
+}
+
+// ---- the operating system's layer -------------------------------------------------------------------------
+
+rlimit* pretended = nullptr; // what the system answers and is told; null: the real limits
+int limitErrors = 0;         // bit 0: reading fails, bit 1: writing fails
+int limitWrites = 0;
+
+TEST(Lifecycle, lifecycle_raises_the_limit_of_open_files)
+{
+    const struct {
+        rlim_t soft, hard, raised;
+    } cases[] = {{256, 4096, 4096},           {4096, 4096, 4096},          {256, RLIM_INFINITY, 1024},
+                 {2048, RLIM_INFINITY, 2048}, {1024, RLIM_INFINITY, 1024}, {1500, 65536, 65536}};
+    rlimit limit;
+    pretended = &limit;
+    for (const auto& c : cases) {
+        limit = {c.soft, c.hard};
+        limitWrites = 0;
+        EXPECT_EQ(eko_osInit(), 0);
+        EXPECT_EQ(limit.rlim_cur, c.raised);
+        EXPECT_EQ(limit.rlim_max, c.hard);
+        EXPECT_EQ(limitWrites, 1);
+    }
+    for (limitErrors = 1; limitErrors <= 2; ++limitErrors)
+        EXPECT_EQ(eko_osInit(), 0);
+    pretended = nullptr;
+
+    rlimit real;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &real), 0);
+    real.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &real), 0);
+    EXPECT_EQ(eko_osInit(), 0);
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &real), 0);
+    EXPECT_EQ(real.rlim_cur, real.rlim_max == RLIM_INFINITY ? 1024 : real.rlim_max);
+}
+
+TEST(Lifecycle, lifecycle_broken_pipe_is_a_status)
+{
+    signal(SIGPIPE, SIG_DFL);
+    ASSERT_EQ(eko_init(), 0);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    EXPECT_EQ(write(ends[1], "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    close(ends[1]);
+    eko_term();
+}
+
+// ---- the rest ---------------------------------------------------------------------------------------------
+
+TEST(Lifecycle, lifecycle_modes_outlive_the_stop)
+{
+    ASSERT_EQ(eko_init(), 0);
+    EXPECT_EQ(eko_readonly + eko_diskless, 0);
+    eko_rdonly();
+    EXPECT_EQ(eko_readonly, 1);
+    EXPECT_EQ(eko_diskless, 0);
+    eko_nodisk();
+    eko_term();
+    ASSERT_EQ(eko_init(), 0);
+    EXPECT_EQ(eko_readonly, 1);
+    EXPECT_EQ(eko_diskless, 1);
+    eko_term();
+    eko_readonly = eko_diskless = 0;
+}
+
+TEST(Lifecycle, lifecycle_version)
+{
+    int16 major = -1, minor = -1, build = -1;
+    eko_version(nullptr, nullptr, nullptr);
+    eko_version(nullptr, nullptr, &build);
+    EXPECT_EQ(build, 1000);
+    eko_version(&major, &minor, nullptr);
+    EXPECT_EQ(major, 12);
+    EXPECT_EQ(minor, 0);
+    EXPECT_EQ(eko_isPurifyRunning(), 0);
+}
+
+TEST(Lifecycle, lifecycle_assertion_prints_the_claim_and_aborts)
+{
+    EKO_ASSERT(1 + 1 == 2);
+    EXPECT_EXIT(EKO_ASSERT(1 + 1 == 3), testing::KilledBySignal(SIGABRT), "assertion failed: 1 \\+ 1 == 3\n");
+}
+
+} // namespace
+
+int __wrap_getrlimit(__rlimit_resource_t resource, rlimit* limit)
+{
+    if (!pretended || resource != RLIMIT_NOFILE)
+        return __real_getrlimit(resource, limit);
+    *limit = *pretended;
+    return limitErrors & 1 ? -1 : 0;
+}
+
+int __wrap_setrlimit(__rlimit_resource_t resource, const rlimit* limit)
+{
+    if (!pretended || resource != RLIMIT_NOFILE)
+        return __real_setrlimit(resource, limit);
+    ++limitWrites;
+    *pretended = *limit;
+    return limitErrors & 2 ? -1 : 0;
+}
