@@ -21,26 +21,11 @@
 
 namespace {
 
-class LogTest : public EkoTest {
+class LogTest : public DiskTest {
 protected:
-    void SetUp() override
-    {
-        EkoTest::SetUp();
-        descriptors_ = openDescriptors();
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(openDescriptors(), descriptors_);
-        eko_background = 0;
-        EkoTest::TearDown();
-    }
     std::string content(const char* name = "log") { return readFile(dir_.file(name)); }
 
-    TempDir dir_;
     std::string name_ = dir_.file("log");
-
-private:
-    uint32 descriptors_ = 0;
 };
 
 constexpr const char* STAMP = "\\[[0-3]\\d-[A-Z][a-z]{2}-2\\d{3} [0-2]\\d:[0-5]\\d:[0-6]\\d\\]";
@@ -55,14 +40,6 @@ std::string unstamped(const std::string& log)
             return log;
     }
     return text;
-}
-
-// Whether that is one report of exhausted memory, from a file of that name.
-::testing::AssertionResult isOneReport(const std::string& said, const std::string& file)
-{
-    if (std::regex_match(said, std::regex("Out of memory. Called from source/eko/" + file + ":\\d+\n")))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "said: " << said;
 }
 
 // ---- where reports go -------------------------------------------------------------------------------------

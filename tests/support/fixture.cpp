@@ -1,5 +1,6 @@
 #include "support/fixture.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <stdio.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "ekomem_int.h"
@@ -57,6 +59,32 @@ void EkoTest::TearDown()
 void EkoTest::acceptUsage()
 {
     before_ = currentUsage();
+}
+
+void DiskTest::SetUp()
+{
+    EkoTest::SetUp();
+    descriptors_ = openDescriptors();
+}
+
+void DiskTest::TearDown()
+{
+    EXPECT_EQ(openDescriptors(), descriptors_);
+    eko_readonly = 0;
+    eko_diskless = 0;
+    eko_background = 0;
+    EkoTest::TearDown();
+}
+
+uint32 openDescriptors()
+{
+    uint32 count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (dir && readdir(dir))
+        ++count;
+    if (dir)
+        closedir(dir);
+    return count - 3; // itself, "." and ".."
 }
 
 TempDir::TempDir()
@@ -117,4 +145,11 @@ std::string CapturedFd::take()
     EXPECT_EQ(count, static_cast<ssize_t>(text.size()));
     taken_ = st.st_size;
     return text;
+}
+
+::testing::AssertionResult isOneReport(const std::string& said, const std::string& file)
+{
+    if (std::regex_match(said, std::regex("Out of memory. Called from source/eko/" + file + ":\\d+\n")))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "said: " << said;
 }

@@ -48,6 +48,22 @@ private:
     std::string path_;
 };
 
+// An EkoTest with a directory of its own, that must also end with as many open descriptors. The modes that a test has
+// set are off again when the library stops.
+class DiskTest : public EkoTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    TempDir dir_;
+
+private:
+    uint32 descriptors_ = 0;
+};
+
+// Descriptors that the process has open.
+uint32 openDescriptors();
+
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes);
 
@@ -75,5 +91,8 @@ template <class Action> std::string logged(Action action)
     eko_flush();
     return out.take();
 }
+
+// Whether that is one report of exhausted memory, and nothing else, made by the library's source file of that name.
+::testing::AssertionResult isOneReport(const std::string& said, const std::string& file);
 
 #endif

@@ -9,8 +9,8 @@
 
 #include "base.h"
 
-// While alive, each call of that name (one of those above) fails with errno `error`, or with an `error` of 0 moves
-// at most `most` bytes. One at a time, and no other thread running when it comes or goes.
+// While alive, each call of that name (one of those above) fails with errno `error`, or with an `error` of 0 takes a
+// millisecond and moves at most `most` bytes. One at a time, and no other thread running when it comes or goes.
 class CallFault {
 public:
     explicit CallFault(const char* call, int error, size_t most = 0);
@@ -19,8 +19,5 @@ public:
     CallFault& operator=(const CallFault&) = delete;
     uint32 calls() const; // made so far
 };
-
-// Descriptors that the process has open.
-uint32 openDescriptors();
 
 #endif
