@@ -116,12 +116,11 @@ static bool getOne(STORE* store, const INDEX* index, const char* key, EKO_FILE_S
     PAIR pair;
     if (storeNext(store, &at, &pair) != FOUND_ONE)
         return false;
-    eko_fprintf(out, "%.*s;%.*s\n", (int)pair.keyLen, pair.key, (int)pair.valueLen, pair.value);
-    return true;
+    return eko_fprintf(out, "%.*s;%.*s\n", (int)pair.keyLen, pair.key, (int)pair.valueLen, pair.value) > 0;
 }
 
 /* Records are data, not messages: they go to standard output, but not into the log. A stream of our own over it
- * can tell at the end whether all was written. */
+ * can tell at the end whether all was written; without memory to format one, the library has told. */
 static bool getAll(STORE* store, const INDEX* index, int count, char** keys)
 {
     EKO_FILE_STREAM out = eko_fopen_std("stdout");
