@@ -214,10 +214,9 @@ To* tryNewCopy(const From* src, int32 errorBehavior, EKO_MEMTAG tag, MemResult* 
 {
     *result = MemResult::refused;
     Output<To> out = counting<To>();
-    size_t bytes;
-    if (!src || convert(out, src, errorBehavior) != UTF8_OKAY ||
-        __builtin_mul_overflow(out.used + 1, sizeof(To), &bytes))
+    if (!src || convert(out, src, errorBehavior) != UTF8_OKAY)
         return nullptr;
+    const size_t bytes = (out.used + 1) * sizeof(To); // cannot wrap: counting() stops short of that
     auto* copy = static_cast<To*>(tryGetMem(bytes, tag, EKO_MEM_PLAIN, nullptr, result));
     if (!copy)
         return nullptr;
