@@ -5,6 +5,7 @@
 // LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
 // LINK: --wrap=eko_syncCreate_check
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -413,6 +414,23 @@ TEST_F(StreamTest, stream_seek_writes_what_is_pending)
     EXPECT_EQ(eko_fgetc(s), -1); // from behind all that was read; nothing is held any more
     eko_fclose(s);
     EXPECT_EQ(content(), "firstsecondthirdfX"); // with what was read in front of it
+}
+
+// However long the file is that stands behind one, and although it could be read.
+TEST_F(StreamTest, stream_standard_streams_are_only_written)
+{
+    const std::string old = pattern(3000);
+    writeFile(name_, old);
+    const int saved = dup(1), fd = open(name_.c_str(), O_RDWR);
+    dup2(fd, 1);
+    EKO_FILE_STREAM s = eko_fopen_std("stdout");
+    EXPECT_EQ(eko_fputs(std::string(2000, 'n').c_str(), s), 2000);
+    eko_fclose(s);
+    EXPECT_EQ(write(1, ".", 1), 1); // still open
+    dup2(saved, 1);
+    close(saved);
+    close(fd);
+    EXPECT_EQ(content(), std::string(2000, 'n') + "." + old.substr(2001));
 }
 
 // Refills inside the old length fail, and say so; the text arrives.

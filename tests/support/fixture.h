@@ -92,6 +92,9 @@ template <class Action> std::string logged(Action action)
     return out.take();
 }
 
+// Whether the whole text matches, as an extended regular expression.
+::testing::AssertionResult matches(const std::string& text, const std::string& pattern);
+
 // Whether that is one report of exhausted memory, and nothing else, made by the library's source file of that name.
 ::testing::AssertionResult isOneReport(const std::string& said, const std::string& file);
 
