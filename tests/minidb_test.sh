@@ -61,6 +61,13 @@ same out expected 'a missing key hides others'
 if "$minidb" get db k1 >/dev/full 2>err; then
     failed 'a full standard output is not noticed'
 fi
+cp db before
+for closed in '>&- 2>err' '<&- >&- 2>&-'; do
+    if eval "\"\$minidb\" get db k1 $closed"; then
+        failed 'a closed standard output is not noticed'
+    fi
+    same before db 'what is printed goes into the data file'
+done
 
 # Keys whose hashes are the same, and as many keys as the first table has slots.
 printf 'costarring;1\nliquid;2\ndeclinate;3\nmacallums;4\n' >twins
@@ -70,7 +77,6 @@ seq -f '%g;' 1024 >full
 good '1024 keys in all' load full full.db
 bad 'no record' get full.db 1025
 
-cp db before
 sed 's/^k1;.*/k1;changed/' text >changed
 good '4004 of them replace' load changed db
 good 'k1;changed' get db k1

@@ -1,5 +1,5 @@
 /* main.c - the commands of minidb. */
-#include <stdio.h>
+#include <fcntl.h>
 #include <string.h>
 
 #include "minidb.h"
@@ -105,22 +105,25 @@ static bool load(const char* textName, const char* storeName)
 
 /* ---- get ---------------------------------------------------------------------------------------------------- */
 
-static bool getOne(STORE* store, const INDEX* index, const char* key, EKO_FILE_STREAM out)
+/* FOUND_END when there is none; FOUND_FAULT when going on makes no sense. */
+static FOUND getOne(STORE* store, const INDEX* index, const char* key, EKO_FILE_STREAM out)
 {
     const ENTRY* entry = indexFind(index, key, (uint32)strlen(key));
     if (!entry) {
         complain("%s: no record with the key '%s'", store->name, key);
-        return false;
+        return FOUND_END;
     }
     EKO_FILE_OFFSET at = entry->at;
     PAIR pair;
     if (storeNext(store, &at, &pair) != FOUND_ONE)
-        return false;
-    return eko_fprintf(out, "%.*s;%.*s\n", (int)pair.keyLen, pair.key, (int)pair.valueLen, pair.value) > 0;
+        return FOUND_FAULT;
+    const int32 printed =
+        eko_fprintf(out, "%.*s;%.*s\n", (int)pair.keyLen, pair.key, (int)pair.valueLen, pair.value);
+    return printed > 0 ? FOUND_ONE : FOUND_FAULT;
 }
 
 /* Records are data, not messages: they go to standard output, but not into the log. A stream of our own over it
- * can tell at the end whether all was written; without memory to format one, the library has told. */
+ * can tell at the end whether all was written. */
 static bool getAll(STORE* store, const INDEX* index, int count, char** keys)
 {
     EKO_FILE_STREAM out = eko_fopen_std("stdout");
@@ -128,15 +131,18 @@ static bool getAll(STORE* store, const INDEX* index, int count, char** keys)
         complain("no standard output");
         return false;
     }
-    bool done = true;
-    for (int i = 0; i < count; ++i)
-        done = getOne(store, index, keys[i], out) && done;
+    FOUND found = FOUND_ONE;
+    bool all = true;
+    for (int i = 0; i < count && found != FOUND_FAULT; ++i) {
+        found = getOne(store, index, keys[i], out);
+        all = all && found == FOUND_ONE;
+    }
     if (eko_fseek(out, 0, 1) != 0) {
         complain("cannot write to standard output");
-        done = false;
+        all = false;
     }
     eko_fclose(out);
-    return done;
+    return all;
 }
 
 static bool get(const char* storeName, int count, char** keys)
@@ -265,8 +271,22 @@ static int runLogged(const char* logName, int count, char** words)
     return result;
 }
 
+/* Started with one of the descriptors 0 to 2 closed, the first file opened would get its number, and what is
+ * printed would go into the data file. So the free ones are taken, by something that refuses to be written. */
+static bool fillStandardDescriptors(void)
+{
+    EKO_FDESC desc;
+    do
+        if (eko_flOpen("/dev/null", O_RDONLY, 0, &desc) != 0)
+            return false;
+    while ((intptr_t)desc <= 2);
+    return eko_flClose(desc) == 0;
+}
+
 int main(int argc, char** argv)
 {
+    if (!fillStandardDescriptors())
+        return 1;
     if (eko_init() != 0) {
         complain("the library does not start");
         return 1;
