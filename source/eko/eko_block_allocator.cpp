@@ -281,6 +281,16 @@ void block_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
 
 } // namespace
 
+#if EKO_CHECKED
+bool block_allocator_owns(ALLOCATOR alctr, const void* ptr)
+{
+    const BLOCK_CHUNK_HDR* chunk = stateOf(alctr)->chunks;
+    while (chunk && !within(ptr, chunk, largeBlockSize(chunk)))
+        chunk = chunk->next;
+    return chunk != nullptr;
+}
+#endif
+
 ALLOCATOR block_allocator_create(ALLOCATOR_FCNS* fcns)
 {
     ALLOCATOR state = eko_allocSmallBlock(sizeof(BLOCK_ALLOCATOR_ENTRY));

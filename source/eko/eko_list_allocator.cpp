@@ -411,6 +411,21 @@ void create_static_list_allocator(void* alctr, uint32 size, ALLOCATOR_FCNS* fcns
     fcns->mem_info_fcn = nullptr;
 }
 
+#if EKO_CHECKED
+bool list_allocator_owns(ALLOCATOR alctr, const void* ptr)
+{
+    const LIST_CHUNK_HDR* chunk = stateOf(alctr)->chunks;
+    while (chunk && !within(ptr, chunk, CHUNK_HDR + chunk->size))
+        chunk = chunk->next;
+    return chunk != nullptr;
+}
+
+size_t largeBlockSize(const void* ptr)
+{
+    return largeHeaderOf(const_cast<void*>(ptr))->size - LARGE_HDR;
+}
+#endif
+
 // ---- large blocks -----------------------------------------------------------------------------------------
 
 void* eko_allocLargeBlock(size_t* size, EKO_MEM_INFO* mem_info)

@@ -137,6 +137,20 @@ void stack_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
 
 } // namespace
 
+#if EKO_CHECKED
+static bool holds(const STACK_CHUNK_HDR* chunk, const void* ptr)
+{
+    while (chunk && !within(ptr, chunk, CHUNK_HDR + chunk->offset))
+        chunk = chunk->next;
+    return chunk != nullptr;
+}
+
+bool stack_allocator_owns(ALLOCATOR alctr, const void* ptr)
+{
+    return holds(stateOf(alctr)->partial_chunks, ptr) || holds(stateOf(alctr)->full_chunks, ptr);
+}
+#endif
+
 ALLOCATOR stack_allocator_create(ALLOCATOR_FCNS* fcns)
 {
     auto* state = static_cast<STACK_ALLOCATOR_ENTRY*>(eko_allocSmallBlock(sizeof(STACK_ALLOCATOR_ENTRY)));

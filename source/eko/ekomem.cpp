@@ -14,6 +14,7 @@
 // exported calls report a failure and may then jump out of the library, so they hold nothing at that point.
 
 #include <string.h>
+#include <unistd.h>
 
 #include "ekolog_int.h"
 #include "ekomem_int.h"
@@ -62,12 +63,43 @@ constexpr AllocatorCreate ALLOCATOR_CREATES[] = {block_allocator_create, list_al
                                                  stack_allocator_create, legacy_allocator_create};
 constexpr uint32 ALLOCATOR_TYPES = sizeof(ALLOCATOR_CREATES) / sizeof(ALLOCATOR_CREATES[0]);
 
-AllocatorCreate select_allocator(EKO_ALLOCATOR_TYPE type)
+uint32 select_allocator(EKO_ALLOCATOR_TYPE type)
 {
     const uint32 chosen = static_cast<uint32>(eko_isPurifyRunning() ? LEGACY_ALLOCATOR : type);
     EKO_ASSERT(chosen < ALLOCATOR_TYPES);
-    return ALLOCATOR_CREATES[chosen];
+    return chosen;
 }
+
+#if EKO_CHECKED
+using AllocatorOwns = bool (*)(ALLOCATOR alctr, const void* ptr);
+constexpr AllocatorOwns ALLOCATOR_OWNS[] = {block_allocator_owns, list_allocator_owns, stack_allocator_owns,
+                                            nullptr};
+
+void rememberType(TAG_ENTRY* tag, uint32 type)
+{
+    tag->t_type = static_cast<EKO_ALLOCATOR_TYPE>(type);
+}
+
+// Whether a block may be freed or extended on that tag; says so when not. Locks and files may be held, so that
+// neither the log nor memory is used. The legacy allocator looks for itself.
+bool ownedBy(const TAG_ENTRY* tag, const void* ptr)
+{
+    const AllocatorOwns owns = ALLOCATOR_OWNS[tag->t_type];
+    if (!owns || owns(tag->t_allocator, ptr))
+        return true;
+    char text[80];
+    eko_snprintf(text, sizeof(text), "Block %p is not of the tag it is given to\n", ptr);
+    const ssize_t written = write(STDERR_FILENO, text, strlen(text));
+    static_cast<void>(written);
+    return false;
+}
+#else
+void rememberType(TAG_ENTRY*, uint32) {}
+bool ownedBy(const TAG_ENTRY*, const void*)
+{
+    return true;
+}
+#endif
 
 void freeEntry(TAG_ENTRY* tag)
 {
@@ -78,16 +110,17 @@ void freeEntry(TAG_ENTRY* tag)
 TAG_ENTRY* allocTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
                     void* destroy_ctx, MemResult* result)
 {
-    const AllocatorCreate create = select_allocator(type);
+    const uint32 chosen = select_allocator(type);
     TAG_ENTRY* tag = tryZeroed<TAG_ENTRY>(&static_list_tag, result);
     if (!tag)
         return EKO_TAG_INVALID;
-    tag->t_allocator = create(&tag->t_fcns);
+    tag->t_allocator = ALLOCATOR_CREATES[chosen](&tag->t_fcns);
     if (!tag->t_allocator) {
         *result = MemResult::exhausted;
         freeEntry(tag);
         return EKO_TAG_INVALID;
     }
+    rememberType(tag, chosen);
     tag->t_jmpbuf = jb;
     tag->t_destroy_fcn = destroy_fcn;
     tag->t_destroy_ctx = destroy_ctx;
@@ -274,6 +307,8 @@ void* tryExtendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, MemResult* re
     void* block;
     {
         const SemGuard lock(tag->t_sem);
+        if (!ownedBy(tag, ptr))
+            return nullptr;
         block = tag->t_fcns.realloc_fcn(const_cast<void*>(ptr), newsize, tag->t_allocator);
     }
     *result = block ? MemResult::done : MemResult::exhausted;
@@ -327,6 +362,7 @@ namespace {
 void startStaticTag()
 {
     memset(&static_list_tag, 0, sizeof(static_list_tag));
+    rememberType(&static_list_tag, LIST_ALLOCATOR);
     static_list_tag.t_sem = EKO_SEM_INVALID;
     static_list_tag.t_allocator = static_list_allocator;
     create_static_list_allocator(static_list_allocator, sizeof(static_list_tag.t_allocator),
@@ -531,7 +567,8 @@ void eko_freeMem(const void* ptr, EKO_MEMTAG tt, const char* /*file*/, uint32 /*
     if (!tag)
         return;
     const SemGuard lock(semForFreeing(tag));
-    tag->t_fcns.free_fcn(const_cast<void*>(ptr), tag->t_allocator);
+    if (ownedBy(tag, ptr))
+        tag->t_fcns.free_fcn(const_cast<void*>(ptr), tag->t_allocator);
 }
 
 // ---- limit and figures of the process ---------------------------------------------------------------------

@@ -62,6 +62,9 @@ struct TAG_ENTRY {
     ALLOCATOR_FCNS t_fcns;
     EKO_DESTROY_FCN t_destroy_fcn;
     void* t_destroy_ctx;
+#if EKO_CHECKED
+    EKO_ALLOCATOR_TYPE t_type;
+#endif
 };
 
 // Tags alive, and the record behind a caller's value (null when there is none), for tests.
@@ -88,6 +91,21 @@ void* eko_allocLargeBlock(size_t* size, EKO_MEM_INFO* mem_info);
 void* eko_reallocLargeBlock(void* ptr, size_t size, EKO_MEM_INFO* mem_info);
 void eko_freeLargeBlock(void* ptr, EKO_MEM_INFO* mem_info);
 bool largeBlocksInUse();
+
+#if EKO_CHECKED
+// Whether a block lies in a chunk of that allocator: false for one of another tag.
+bool block_allocator_owns(ALLOCATOR alctr, const void* ptr);
+bool list_allocator_owns(ALLOCATOR alctr, const void* ptr);
+bool stack_allocator_owns(ALLOCATOR alctr, const void* ptr);
+
+// Bytes of a large block.
+size_t largeBlockSize(const void* ptr);
+
+inline bool within(const void* ptr, const void* start, size_t size)
+{
+    return reinterpret_cast<uintptr_t>(ptr) - reinterpret_cast<uintptr_t>(start) <= size; // its end: of no size
+}
+#endif
 
 extern EKO_SEM largeBlockSem;
 
