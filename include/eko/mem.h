@@ -22,7 +22,12 @@
  *   released everything; where the library allocates for itself it reports, never jumps, and fails with its
  *   status.
  *   A jump buffer must be cleared, with eko_resetTag(NULL, tag), before the function that filled it returns,
- *   and a tag that has one belongs to one thread. */
+ *   and a tag that has one belongs to one thread. In C++ nothing with a destructor may be alive between the
+ *   call of setjmp and the request.
+ *
+ * Threads
+ *   Any call may come from any thread, as far as the tag allows it. Nobody may be using a tag while it is
+ *   destroyed, nor its blocks while it is emptied. A report keeps 980 characters of the caller's file name. */
 #ifndef EKO_MEM_H
 #define EKO_MEM_H
 
@@ -47,8 +52,10 @@ typedef enum EKO_ALLOCATOR_TYPE {
                               free prints "Attempting to free previously freed memory" and does nothing else */
 } EKO_ALLOCATOR_TYPE;
 
-/** Called with its context when a tag is destroyed, before any memory is freed. When the library stops, it
- *  may touch nothing but its own tag. */
+/** Called with its context when a tag is destroyed, before any memory is freed and with no lock held; not when
+ *  the tag is only emptied. It must not destroy the tag. When the library stops, tags that are left are
+ *  destroyed in the order of their creation; the callback then may touch nothing but its own tag: the other
+ *  two kinds and new tags are refused, and starting or stopping the library hangs. */
 typedef void (*EKO_DESTROY_FCN)(void* ctx);
 
 /** Bytes now, and the highest that number has been. */
@@ -145,11 +152,12 @@ EKO_API extern size_t eko_memlimit;
 EKO_API extern void* eko_membuffer;
 EKO_API extern EKO_MEM_INFO eko_mem_stats;
 
-/** Limits the memory of all tags together, legacy tags excepted.
+/** Limits the memory of all tags together, legacy tags excepted. A plain limit may be changed at any time, also
+ *  to less than is in use: then nothing more is taken from the system.
  *  ptr    null for the system heap; else a buffer, aligned to 8 bytes (16 is better), that serves for
  *         everything. It can only be given before eko_init and must outlive the last eko_term.
  *  limit  bytes, at least 4195328; with a buffer its size, of which the part divisible by 8 is used. 0 lifts a
- *         limit and is refused with a buffer.
+ *         limit and is refused with a buffer, as is any limit while the library runs in a buffer.
  *  Returns 0, or 1002 when refused. The limit counts what tags hold; memory is taken from the system 4 MiB at
  *  a time, so the process can hold that much more. */
 EKO_API int32 eko_setMemLimit(void* ptr, size_t limit);
