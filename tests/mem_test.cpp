@@ -187,9 +187,39 @@ TEST_F(EkoTest, extendMem_clears_the_end_frees_and_allocates)
     EXPECT_EQ(block, before); // so that the block did not have to move
     EXPECT_EQ(EKO_EXTEND(block, 0, tag), nullptr);
     EXPECT_EQ(handedOut(tag), 0u);
+    EKO_FREE(memset(EKO_ALLOC(10, tag), 'x', 10), tag);
     EXPECT_EQ(std::string(static_cast<char*>(EKO_ZEXTEND(nullptr, 10, tag, 0)), 10), std::string(10, '\0'));
     EKO_TAG_DESTROY(tag);
 }
+
+#if EKO_CHECKED
+TEST_F(EkoTest, block_given_to_the_wrong_tag_stays_where_it_is)
+{
+    const EKO_MEMTAG others[] = {EKO_TAG_CREATE(BLOCK_ALLOCATOR), EKO_TAG_CREATE(LIST_ALLOCATOR), EKO_GLOBAL_TAG};
+    for (const EKO_ALLOCATOR_TYPE type : TYPES) {
+        const EKO_MEMTAG tag = EKO_TAG_CREATE(type);
+        for (const EKO_MEMTAG other : others) {
+            EKO_ALLOC(40, other);
+            for (const size_t size : {size_t{40}, size_t{40000}}) {
+                char* block = static_cast<char*>(EKO_ALLOC(size, tag));
+                memset(block, 'x', size);
+                CapturedFd err(2);
+                EKO_FREE(block, other);
+                EXPECT_NE(err.take().find(" is not of the tag it is given to\n"), std::string::npos);
+                EXPECT_EQ(EKO_EXTEND(block, 80, other), nullptr);
+                EXPECT_NE(err.take(), "");
+                EXPECT_EQ(std::string(block, size), std::string(size, 'x'));
+                EKO_FREE(block, tag);
+                EXPECT_EQ(err.take(), "");
+            }
+        }
+        EKO_TAG_DESTROY(tag);
+    }
+    EKO_TAG_DESTROY(others[0]);
+    EKO_TAG_DESTROY(others[1]);
+    acceptUsage(); // what was taken on the global tag
+}
+#endif
 
 // ---- tags -------------------------------------------------------------------------------------------------
 
@@ -207,6 +237,9 @@ TEST(MemStopped, calls_do_nothing)
         EKO_TAG_DESTROY(EKO_GLOBAL_TAG);
         eko_resetTag(nullptr, EKO_GLOBAL_TAG);
         eko_releaseTLSTag();
+        alignas(16) static char buffer[16];
+        EXPECT_EQ(eko_setMemLimit(buffer, 4195328), 0); // only a stopped library takes one
+        EXPECT_EQ(eko_setMemLimit(nullptr, 0), 0);
         EXPECT_EQ(out.take(), "");
         eko_term();
     }
@@ -323,15 +356,19 @@ TEST_F(EkoTest, tag_creation_fails_cleanly_at_every_step)
 
 TEST_F(EkoTest, tag_to_be_shared_needs_its_mutex)
 {
+    const size_t before = usage();
     for (const EKO_ALLOCATOR_TYPE type : TYPES) {
-        mutexToFail = 1;
-        EXPECT_EQ(EKO_TAG_CREATE_SHARED(type), EKO_TAG_INVALID);
+        for (int i = 0; i < 200; ++i) { // enough to see a record that is lost
+            mutexToFail = 1;
+            EXPECT_EQ(logged([=] { EXPECT_EQ(EKO_TAG_CREATE_SHARED(type), EKO_TAG_INVALID); }), "");
+        }
         mutexToFail = 1;
         const EKO_MEMTAG alone = EKO_TAG_CREATE(type); // asks for none
         EXPECT_EQ(mutexToFail, 1u);
         mutexToFail = 0;
         EKO_TAG_DESTROY(alone);
     }
+    EXPECT_EQ(usage(), before);
 }
 
 TEST(MemStart, fails_cleanly_at_every_step)
@@ -725,6 +762,12 @@ TEST(MemLimit, callers_buffer_is_all_the_memory_there_is)
                 ;
         });
         EXPECT_EQ(said, "Out of memory. Called from a.c:1\nOut of memory. Called from a.c:2\n");
+        // Not even when the figures, which can drift, say that there is room.
+        const size_t now = std::exchange(eko_mem_stats.in_use, 0);
+        EKO_MEM_INFO info = {};
+        size_t second = 4100000;
+        EXPECT_EQ(eko_allocLargeBlock(&second, &info), nullptr);
+        eko_mem_stats.in_use = now;
         eko_term();
         EXPECT_FALSE(noHeap.fired());
     }
@@ -749,6 +792,8 @@ TEST(MemLimit, callers_buffer_is_used_to_its_end)
     ASSERT_EQ(eko_init(), 0);
     std::vector<char*> blocks;
     logged([&] {
+        // The fields of a stack's chunk cannot count what this is rounded up to.
+        EXPECT_EQ(EKO_ALLOC(0xFFFFFFFD, EKO_TAG_CREATE(STACK_ALLOCATOR)), nullptr);
         for (const EKO_ALLOCATOR_TYPE type : {LIST_ALLOCATOR, BLOCK_ALLOCATOR, STACK_ALLOCATOR, LIST_ALLOCATOR})
             blocks.push_back(static_cast<char*>(EKO_ALLOC(BLOCK, EKO_TAG_CREATE(type))));
     });
