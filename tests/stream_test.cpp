@@ -268,8 +268,13 @@ TEST_F(StreamTest, stream_push_back)
     eko_fungetc('!', s);
     char buf[10];
     EXPECT_STREQ(eko_fgets(buf, 10, s), "!\x98\x80\x61");
-    eko_fungetc('?', s);
-    EXPECT_EQ(eko_fseek(s, 0, 0), 0); // forgets it
+    eko_fclose(s);
+    s = eko_fopen(name_.c_str(), "r", UTF8);
+    for (int32 i = 0; i < 2; ++i) {
+        EXPECT_EQ(eko_fgetc(s), int8(0xF0));
+        eko_fungetc('?', s);
+        EXPECT_EQ(eko_fseek(s, 0, 0), 0); // forgets it, and what is left of the character
+    }
     eko_fclose(s);
     s = reading("text\nmore");
     eko_fungetc('\n', s);
@@ -633,13 +638,15 @@ TEST_F(StreamTest, stream_formats)
     EXPECT_EQ(eko_fprintf(s, "%d-%s", 12, "ab"), 5);
     EXPECT_EQ(eko_fprintf(s, "%s", ""), 0);
     EXPECT_EQ(eko_fprintf(s, "x%f", 1e20), -1);
-    EXPECT_EQ(eko_fprintf(s, "%3000d", 7), 3000);
+    for (int32 width : {6, 7, 3000}) // buffers that are one byte short, and many
+        EXPECT_EQ(eko_fprintf(s, "%*d", width, 7), width);
     EXPECT_EQ(eko_fprintf(s, "%c", 0), 1);
     EXPECT_EQ(eko_fprintf(nullptr, "x"), -1);
     EXPECT_EQ(eko_fputs("x", nullptr), -1);
     EXPECT_EQ(eko_fputc('x', nullptr), 0);
     eko_fclose(s);
-    EXPECT_EQ(content(), "12-ab" + std::string(2999, ' ') + "7\0"s);
+    EXPECT_EQ(content(),
+              "12-ab" + std::string(5, ' ') + "7" + std::string(6, ' ') + "7" + std::string(2999, ' ') + "7\0"s);
 }
 
 } // namespace
