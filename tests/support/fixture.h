@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "eko.h"
 
@@ -97,5 +99,27 @@ template <class Action> std::string logged(Action action)
 
 // Whether that is one report of exhausted memory, and nothing else, made by the library's source file of that name.
 ::testing::AssertionResult isOneReport(const std::string& said, const std::string& file);
+
+// Runs `action` with 0, 1, ... in that many threads, which begin together, and waits for them.
+template <class Action> void inThreads(uint32 count, Action action)
+{
+    pthread_barrier_t start;
+    pthread_barrier_init(&start, nullptr, count);
+    std::vector<std::thread> threads;
+    for (uint32 i = 0; i < count; ++i)
+        threads.emplace_back([&start, &action, i] {
+            pthread_barrier_wait(&start);
+            action(i);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    pthread_barrier_destroy(&start);
+}
+
+// In a test's file, in front of the body of what replaces the function of that name, which stays as __real_NAME.
+#define EKO_WRAP(result, name, params) \
+    extern "C" result __real_##name params; \
+    extern "C" result __wrap_##name params; \
+    result __wrap_##name params
 
 #endif
