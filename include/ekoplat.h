@@ -28,8 +28,11 @@
 /** Lets the compiler check a printf-style call: `fmt` is the position of the format, `args` of the first
  *  argument after it (0 for a va_list). */
 #define EKO_PRINTF_CHECK(fmt, args) __attribute__((format(printf, fmt, args)))
+/** Marks what does not return. */
+#define EKO_NORETURN __attribute__((noreturn))
 #else
 #define EKO_API
+#define EKO_NORETURN
 #define EKO_PRINTF_CHECK(fmt, args)
 #endif
 
@@ -41,7 +44,7 @@ typedef int64 time64_t;
 typedef const void* EKO_FDESC;
 #define EKO_FDESC_NONE ((EKO_FDESC)(intptr_t)-1)
 
-/** A running iteration over a directory. */
+/** A running iteration over a directory. No call of this version makes one yet. */
 typedef const void* EKO_DIR;
 
 #endif

@@ -4,9 +4,12 @@
  * last stop do work, so that several components of a process can each keep their own pair.
  *
  * Rules for a whole process:
- *   - No thread may call the library until eko_init has returned 0, nor while the last eko_term runs. All
- *     other threads have ended, or have stopped using the library, before the last eko_term: it destroys
- *     every mutex, event and block of memory, those in use included.
+ *   - Before eko_init has returned 0 and after the last eko_term, calls that need the library fail, as each
+ *     says. Usable then: the modes, eko_version, formatting and conversion into buffers, logs, clocks, atomics,
+ *     thread-local storage, descriptors, the critical section, and eko_setMemLimit, which is meant for then.
+ *   - Nothing may be called by any other thread while the first eko_init or the last eko_term runs. All other
+ *     threads have ended, or have stopped using the library, before the last eko_term: it destroys every mutex,
+ *     event and block of memory, those in use included. A thread started detached cannot tell when it has.
  *   - The library never ends the process by itself, except for a failed assertion of one of its own
  *     invariants, which prints the expression and aborts.
  *   - Starting ignores SIGPIPE and raises the soft limit of open files; both are inherited by children. */
@@ -40,7 +43,8 @@ EKO_API int32 eko_init(void);
 
 /** Ends one use of the library; the last one stops it.
  *  The last stop deletes all module state, mutexes, events and memory. Open file handles are not closed:
- *  their memory goes, their descriptors stay open, and eko_fileClose on them afterwards does nothing.
+ *  their memory goes, their descriptors stay open, and streams lose what is pending. Afterwards no handle,
+ *  stream, tag, block or log chunk may be used; only eko_fileClose does nothing, safely.
  *  What the console streams still hold is written out here: a process that ends without eko_term or
  *  eko_flush loses up to 1024 bytes of what it printed, and one that forks before flushing prints them twice.
  *  Surprise: calls are counted down without a guard, below 0 too. */
@@ -75,7 +79,7 @@ typedef void (*EKO_GLOBAL_DELETE_FCN)(void* data);
  *              fetch globals.
  *  delete_fcn  run when the library stops, in descending order of names, may be null. A record whose name
  *              sorts before "ekofile" outlives the file module, so its callback can open no file.
- *              No callback may start or stop the library, look up the temporary directory, or leave by a jump:
+ *              No callback may start or stop the library, or leave by a jump:
  *              locks are held around it. Memory taken in one comes from a tag without a jump buffer.
  *  pglobal     receives the record on success only.
  *  Returns 0; 1013 when name or pglobal is null or size is 0; 1003 when the record could not be made, the

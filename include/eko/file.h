@@ -37,14 +37,15 @@ typedef struct EKOFTAB* EKO_FH;
  *  name    a path, passed to the system as it stands. Exactly "stdin", "stdout" and "stderr" are the process's
  *          own streams, whatever the mode of the library; closing them leaves the descriptor open. Not so with
  *          EKO_FILE_INMEMORY.
- *  flags   open flags of the system, O_RDONLY, O_CREAT and so on; O_TRUNC implies O_CREAT. New files get the
- *          mode 0666 less the umask. Descriptors are inherited by children unless O_CLOEXEC is among them.
+ *  flags   open flags of the system, from <fcntl.h>: O_RDONLY, O_CREAT and so on; O_TRUNC implies O_CREAT. New
+ *          files get the mode 0666 less the umask. Descriptors are inherited by children unless O_CLOEXEC is among
+ *          them.
  *  xflags  EKO_FILE_... In this version there are no files in memory and no mapped views yet: an open with
  *          EKO_FILE_INMEMORY, or of a disk file with EKO_FILE_MAPPED, returns null. Standard streams are never
  *          mapped.
  *  Returns the handle, or null: library not started, null name, no memory, refused by the system, or refused
  *  by read-only mode (any of write, read-write, create) or by diskless mode (any disk file). errno then tells
- *  the system's reason.
+ *  the system's reason, and is left alone where the library itself refuses. A directory opens for reading.
  *  eko_fileOpenW takes the name as a wide string. */
 EKO_API EKO_FH eko_fileOpen(const char* name, uint32 flags, uint16 xflags);
 EKO_API EKO_FH eko_fileOpenW(const wchar_t* name, uint32 flags, uint16 xflags);
@@ -52,8 +53,8 @@ EKO_API EKO_FH eko_fileOpenW(const wchar_t* name, uint32 flags, uint16 xflags);
 /** Closes a handle; null is ignored. Unlock it first: closing destroys the mutex of a held lock. */
 EKO_API void eko_fileClose(EKO_FH fh);
 
-/** Moves the current position; origin as for lseek. Returns 0; 1002 when refused, and always for a mapped
- *  handle. */
+/** Moves the current position; origin as for lseek, and `off` may be a negative number cast to its type. Returns 0;
+ *  1002 when refused, and always for a mapped handle. */
 EKO_API int32 eko_fileSeek(EKO_FH fh, EKO_FILE_OFFSET off, int32 origin);
 
 /** Moves bytes at the current position. Returns the bytes moved, which may be fewer than asked, 0 at the end of
@@ -63,7 +64,8 @@ EKO_API int32 eko_fileSeek(EKO_FH fh, EKO_FILE_OFFSET off, int32 origin);
 EKO_API uint32 eko_fileWrite(EKO_FH fh, const void* buf, uint32 size);
 EKO_API uint32 eko_fileRead(EKO_FH fh, void* buf, uint32 size);
 
-/** Moves bytes at `off`, leaving the current position alone; at the current position for EKO_FILE_NO_OFFSET.
+/** Moves bytes at `off`, leaving the current position alone; for EKO_FILE_NO_OFFSET at the current
+ *  position, which then moves.
  *  Returns as the two calls above, except that a mapped handle works and that a failure logs
  *  "Failed to seek and %s, errno = %d\n". */
 EKO_API uint32 eko_fileSeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32 size);
@@ -80,7 +82,9 @@ EKO_API EKO_FILE_OFFSET eko_fileLengthStat(const char* name, uint16 xflags);
 EKO_API int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size);
 
 /** Locks a file against other processes and against other threads of this one that lock through the same
- *  handle: threads wait for each other, another process, or another handle of this one, is refused at once.
+ *  handle: threads wait for each other, another process, or another handle of this one, is refused at once. It is
+ *  an advisory lock (flock) on the whole file: it stops only those who lock, and children that inherit the handle
+ *  have it too.
  *  Returns 0, or 1002 when refused. A thread may lock again what it has locked; but the lock against other
  *  processes does not count, it ends with the first unlock. eko_fileUnlock by a thread that holds no lock
  *  frees another's. */

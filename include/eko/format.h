@@ -10,6 +10,8 @@
  *   - %s of a null pointer prints "(null)", or nothing when the precision is below 6; %p of one "(nil)";
  *   - with z values are unsigned even for d, with t signed even for u and x;
  *   - with L an integer conversion takes no argument and prints 0, and %n stores nothing;
+ *   - l changes nothing for s and c: %ls takes a char string, whatever compilers think. Wide text is converted
+ *     with eko_convToUTF8 first;
  *   - an unknown conversion prints nothing and takes no argument; a lone % at the end is ignored;
  *   - the ' flag puts the locale's thousands separator into the digits of d, i, u and floats, and of o, x;
  *     separators count against the precision of an integer;
@@ -27,7 +29,7 @@
 
 EKO_EXTERN_C_BEGIN
 
-/** Formats into `str`, of `size` bytes, always terminated when size is not 0.
+/** Formats into `str`, of `size` bytes, always terminated when size is not 0. The format is never null.
  *  str  may be null, to measure.
  *  Returns the length of the whole text without its terminator, of which size - 1 bytes were stored; -1 when
  *  the format fails or the text has 0x7FFFFFFF bytes or more. The text in front of a failing directive is

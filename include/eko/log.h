@@ -20,26 +20,28 @@
 
 EKO_EXTERN_C_BEGIN
 
-/** Report to standard output, or standard error, and the log. Return the bytes written to the console; 0 when
- *  it is silent or the text cannot be formatted; negative when writing failed. */
+/** Report to standard output, or standard error, and the log. The format is never null. Return the bytes written to
+ *  the console; 0 when it is silent or the text cannot be formatted; negative when writing failed. */
 EKO_API int32 eko_log(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
 EKO_API int32 eko_logV(const char* format, va_list args) EKO_PRINTF_CHECK(1, 0);
 EKO_API int32 eko_log_err(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
 EKO_API int32 eko_log_errV(const char* format, va_list args) EKO_PRINTF_CHECK(1, 0);
 
-/** Opens a log file, emptying it. Null or "" pushes none: the log is silent until closed.
+/** Opens a log file, emptying it unless it is on the stack already. Null or "" pushes none: the log is silent until
+ *  closed. A failure pushes nothing: no close is due then.
  *  Returns 0; 1002 when the library is not started or the file cannot be opened; 1003 without memory. */
 EKO_API int32 eko_log_open(const char* name);
 /** Returns to the log that was open before. */
 EKO_API void eko_log_close(void);
 /** Opens the log file whose name is docroot and name, one right behind the other: no separator is put between.
- *  Returns 0 even when the file cannot be opened; 1002 when the name cannot be built. */
+ *  Neither may be null: it would read as "(null)". Returns 1002 when the name cannot be built, else 0. Surprise: 0
+ *  also when the file cannot be opened; nothing is pushed then, and a matching close pops the log below. */
 EKO_API int32 eko_log_create(const char* docroot, const char* name);
 /** Flushes the console, unless eko_background is set, and the log. */
 EKO_API void eko_log_flush(void);
 
-/** Let a file stand in for standard output, or standard error; null or "" silences it. Results as
- *  eko_log_open. */
+/** Let a file stand in for standard output, or standard error; null or "" silences it. Emptying
+ *  and results as eko_log_open. "stdout" and "stderr" bring back a console that was popped. */
 EKO_API int32 eko_stdout_open(const char* stdout_name);
 EKO_API void eko_stdout_close(void);
 EKO_API int32 eko_stderr_open(const char* stderr_name);

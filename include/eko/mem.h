@@ -11,13 +11,15 @@
  *   your own        from eko_createTagEx. Without flag 1 it is to be used by one thread at a time.
  * A block is freed with the tag it was taken from; another tag is not detected.
  *
- * Blocks are aligned to 8 bytes, on every platform. No request may exceed 0xFFFFFFFD bytes.
+ * Blocks are aligned to 8 bytes, on every platform: too little for types that want 16, such as long double. No
+ * request may exceed 0xFFFFFFFD bytes.
  *
  * Running out of memory
  *   A request that cannot be met, because memory or the limit is exhausted, writes one line
- *   "Out of memory. Called from %s:%u\n" with the caller's position to the log, then leaves by
+ *   "Out of memory. Called from %s:%u\n" with the caller's position, or one inside the library for calls that
+ *   take none, to the log, then leaves by
  *   longjmp(jb, 1) when the tag has a jump buffer, else answers null. A request that is refused (size 0 or
- *   above the ceiling, copy without data, library not started) answers null without a line or a jump.
+ *   above the ceiling, copy without data, library not started, no such tag) answers null without a line or a jump.
  *   Library calls that allocate on a tag given by the caller report and jump in the same way, after they have
  *   released everything; where the library allocates for itself it reports, never jumps, and fails with its
  *   status.
@@ -72,7 +74,7 @@ typedef struct EKO_TAG_MEM_INFO {
     EKO_MEM_INFO capacity; /**< held by the allocator for that */
 } EKO_TAG_MEM_INFO;
 
-/** Modes of eko_getMem. Exactly these combinations of the bits are used. */
+/** Modes of eko_getMem. Exactly these combinations of the bits are used; others are not refused. */
 #define EKO_MEM_PLAIN 1    /**< contents undefined */
 #define EKO_MEM_ZERO 3     /**< set to zero */
 #define EKO_MEM_COPY 5     /**< `size` bytes copied from `data` */

@@ -6,7 +6,9 @@
  * Surprises that callers rely on:
  *   - Characters are read as signed: byte 0x80..0xFF come as -128..-1, and so byte 0xFF reads as the end of the
  *     file. What follows it in a Latin-1 file stays unread by callers that stop there.
- *   - Text written to a UTF-16 stream arrives, but the call that completes a character reports failure.
+ *   - A byte that completes a character of a UTF-16 stream is written, and yet eko_fputc answers 0 for it. So
+ *     eko_fputs and eko_fprintf stop behind the first character. Write UTF-16 with eko_fputc, byte by byte, and
+ *     take no notice of its result.
  *   - eko_fflush answers 0 when it fails.
  *   - The file is only read and written in sequence. A seek within the up to 1024 bytes held works; one further
  *     away changes what the stream takes for its position, and what is read next comes from elsewhere. Nothing
@@ -43,7 +45,9 @@ typedef const void* EKO_FILE_STREAM;
  *          this value. Writing: UTF-16 writes FF FE first, also where it appends, UTF-8 no mark; unknown is
  *          UTF-8; a value that is none of the three fails an assertion.
  *  xflags  EKO_FILE_..., passed to eko_fileOpen.
- *  Returns the stream, or null. Surprise: a bad mode loses a few bytes of memory until the library stops. */
+ *  Returns the stream, or null: library not started, null name, bad mode, no memory, or refused as by eko_fileOpen,
+ *  whose errno stays. A directory opens for reading, and reads as empty. Surprise: a bad mode loses a few bytes of
+ *  memory until the library stops. */
 EKO_API EKO_FILE_STREAM eko_fopen(const char* name, const char* mode, EKO_FILE_MODE fmode);
 EKO_API EKO_FILE_STREAM eko_fopenEx(const char* name, const char* mode, EKO_FILE_MODE fmode, uint16 xflags);
 
@@ -74,7 +78,8 @@ EKO_API char* eko_fgets(char* str, int32 n, EKO_FILE_STREAM stream);
  *  end, one further on is left out. May leave by longjmp. */
 EKO_API char* eko_fGetLine(EKO_FILE_STREAM fh, char** buf, uint32* len, EKO_MEMTAG tag);
 
-/** Writes a byte. Returns 1 written or accepted as part of a character; 0 failed. */
+/** Writes a byte. For a null stream, string or format, this and the next three answer 0, -1, -1, -1. Returns 1
+ *  written or accepted as part of a character; 0 failed. */
 EKO_API int32 eko_fputc(int32 c, EKO_FILE_STREAM stream);
 /** Writes a string. Returns its length, or -1 at the first failed byte. */
 EKO_API int32 eko_fputs(const char* str, EKO_FILE_STREAM stream);
@@ -96,7 +101,8 @@ EKO_API int32 eko_fseek(EKO_FILE_STREAM stream, int32 off, int32 origin);
 
 /** Formats to standard output, or standard error, or the file that stands in for it. Returns as eko_fprintf; 0
  *  when it is silenced or the library is not started. The text is written when 1024 bytes are full, when
- *  flushed, or by eko_term; exit and fork know nothing of it. */
+ *  flushed, or by eko_term; exit, fork and the C library's own stdout know nothing of it: to mix it with printf,
+ *  flush both. */
 EKO_API int32 eko_printf(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
 EKO_API int32 eko_printfV(const char* format, va_list args) EKO_PRINTF_CHECK(1, 0);
 EKO_API int32 eko_printfErr(const char* format, ...) EKO_PRINTF_CHECK(1, 2);

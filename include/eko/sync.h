@@ -62,16 +62,15 @@ EKO_API void eko_syncResume(EKO_SEM sem);
  *  is logged for the latter). */
 EKO_API int16 eko_syncWait(EKO_SEM sem, uint32 timeout);
 
-/** Enters and leaves the one critical section of the library, which start, stop and the look-up of the
- *  temporary directory use too. Works before eko_init. Not recursive: entering twice deadlocks, and so does
- *  eko_init or eko_term inside it. */
+/** Enters and leaves the one critical section of the library, which start and stop use too. Works before eko_init.
+ *  Not recursive: entering twice deadlocks, and so does eko_init or eko_term inside it. */
 EKO_API void eko_enterCritSec(void);
 EKO_API void eko_exitCritSec(void);
 
 /** Waits on a POSIX condition variable, whose mutex the caller holds, for at most `t` milliseconds by the
- *  wall clock. Returns 1001 when the time ran out; 0 otherwise, which includes wake-ups without a signal and
- *  every error of the system's call. Surprise: a deadline whose nanoseconds come to exactly one second is
- *  handed on uncarried; the system refuses it, and that too reads as 0. */
+ *  wall clock; 0xFFFFFFFF is not special here. Returns 1001 when the time ran out; 0 otherwise, which includes
+ *  wake-ups without a signal and every error of the system's call. Surprise: a deadline whose nanoseconds come to
+ *  exactly one second is handed on uncarried; the system refuses it, and that too reads as 0. */
 EKO_API int16 eko_posix_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, uint32 t);
 
 EKO_EXTERN_C_END

@@ -19,20 +19,23 @@ typedef int32 (*EKO_THREAD_FCN)(void* arg);
 
 /** Starts a thread with SIGINT, SIGTERM and SIGCHLD blocked; the caller's own mask is unchanged.
  *  stacksize  bytes; 0, or less than the system's least size, gives the default.
- *  pTID       receives the thread's identifier; the thread is then to be joined. Null starts it detached.
+ *  fcn        not null.
+ *  pTID       receives the thread's identifier, on success only; the thread is then to be joined. Null starts it
+ *             detached: nothing tells when it has left the library, so it should not live at the last eko_term.
  *  priority, name  accepted and not used; see eko_threadSetPriority.
  *  Returns 0; 1002 when the library is not started or the thread cannot be made. */
 EKO_API int16 eko_threadBeginEx(EKO_THREAD_FCN fcn, uint32 stacksize, void* arg, pthread_t* pTID, int32 priority,
                                 const char* name);
 
 /** Puts a thread to a quarter (low), the middle (normal) or three quarters (high) of the range of its
- *  scheduling policy. Returns 0; -1 when its scheduling cannot be read; 1002 for another priority or when the
- *  system refuses. */
+ *  scheduling policy. Returns 0; -1 when its scheduling cannot be read, as that of a thread that has ended; 1002
+ *  for another priority or when the system refuses. */
 EKO_API int16 eko_threadSetPriority(pthread_t tid, int32 priority);
 
 /** Ends the calling thread, destroying its memory tag first. Does not return: the thread is unwound, so no
- *  caller up to the thread's function may be noexcept, or swallow every exception. */
-EKO_API void eko_threadEnd(int32 rc);
+ *  caller up to the thread's function may be noexcept, or swallow every exception. On the main thread it waits for
+ *  the others, and the process then ends with 0. */
+EKO_NORETURN EKO_API void eko_threadEnd(int32 rc);
 
 /** The calling thread's identifier. */
 EKO_API pthread_t eko_threadId(void);
@@ -42,7 +45,8 @@ EKO_API int32 eko_threadJoin(pthread_t pTID);
 
 /* ---- thread-local storage ------------------------------------------------------------------------------ */
 
-/** Makes a key, null in every thread, without a destructor. Returns 0; 1013 for null; 1003 none left. */
+/** Makes a key, null in every thread, without a destructor. It is the caller's: it needs no eko_init and survives
+ *  eko_term. Returns 0; 1013 for null; 1003 none left. */
 EKO_API int32 eko_tlsCreateKey(pthread_key_t* pkey);
 /** Returns 0, or 1003 when the key cannot be destroyed. */
 EKO_API int32 eko_tlsDestroyKey(pthread_key_t key);
@@ -63,7 +67,7 @@ EKO_API uint32 eko_atomicDecrUInt32WithVal(volatile uint32* data);
 
 /* ---- clocks, by the wall clock ------------------------------------------------------------------------- */
 
-/** Sleeps for that many milliseconds, signals notwithstanding. */
+/** Sleeps for that many milliseconds, signals notwithstanding; 0xFFFFFFFF is not special here. */
 EKO_API void eko_sleep(uint32 recMillisecs);
 /** The current time in seconds, as a seed. */
 EKO_API int32 eko_seed(void);
@@ -71,8 +75,8 @@ EKO_API int32 eko_seed(void);
 EKO_API time64_t eko_timeSecs(void);
 EKO_API uint64 eko_timeMilliSecs(void);
 EKO_API uint64 eko_timeNanoSecs(void);
-/** Breaks a time down into local time. Returns `res`, or null when the year cannot be represented.
- *  Where time_t has 32 bits, the time is narrowed to them. */
+/** Breaks a time down into local time. Returns `res`, which must not be null, or null when the year cannot be
+ *  represented. Where time_t has 32 bits, the time is narrowed to them. */
 EKO_API struct tm* eko_timeLocaltime(time64_t tm, struct tm* res);
 
 /** Number of processors online. */

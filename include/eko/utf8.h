@@ -22,7 +22,7 @@ EKO_EXTERN_C_BEGIN
 /** Result codes of the conversion. */
 typedef enum EKO_UTF8_RESULT {
     UTF8_OKAY = 0,
-    UTF8_OUTOFSPACE = 1,    /**< the result does not fit */
+    UTF8_OUTOFSPACE = 1,    /**< the result does not fit; the calls below say so by EKO_UTF8_FAILED */
     UTF8_INVALID = 2,       /**< not a code point, or not UTF-8 */
     UTF8_NEED_SURROGATE = 3 /**< half of a surrogate pair, which alone is no character */
 } EKO_UTF8_RESULT;
