@@ -36,6 +36,11 @@ if(EKO_CHECKED)
     target_compile_definitions(eko_own_code INTERFACE EKO_CHECKED=1)
 endif()
 
+# Among the sanitizers' additions gcc loses track of what is set. The other builds keep this warning.
+if(EKO_SANITIZE)
+    target_compile_options(eko_own_code INTERFACE $<$<C_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+endif()
+
 # In a 32-bit build plain doubles are computed as in a 64-bit one. What wants extended precision says so with
 # long double.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
