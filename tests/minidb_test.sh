@@ -164,13 +164,14 @@ same db two.db 'a load that failed leaves something'
 head -c "$((whole - 1))" three.db >db
 cp db torn
 coproc HOLDER { exec flock db sh -c 'echo held; read -r _'; }
+holder=$HOLDER_PID # the shell forgets it when the process ends
 read -r held <&"${HOLDER[0]}"
 [ "$held" = held ] || failed 'cannot hold the lock'
 bad 'in use' load three db
 good 'two;22' get db two
 same db torn 'a torn end is cut off in spite of the lock'
 echo >&"${HOLDER[1]}"
-wait "$HOLDER_PID" 2>/dev/null
+wait "$holder"
 
 # ---- damage -----------------------------------------------------------------------------------------------
 
