@@ -9,7 +9,7 @@
  *                   the same thread: freed by another one they go to that thread's tag, which corrupts both
  *                   and is not detected. It lives until eko_threadEnd, eko_releaseTLSTag or eko_term.
  *   your own        from eko_createTagEx. Without flag 1 it is to be used by one thread at a time.
- * A block is freed with the tag it was taken from; another tag is not detected.
+ * A block is freed with the tag it was taken from; another tag is not detected, except by a build with EKO_CHECKED.
  *
  * Blocks are aligned to 8 bytes, on every platform: too little for types that want 16, such as long double. No
  * request may exceed 0xFFFFFFFD bytes.

@@ -35,7 +35,7 @@ EKO_API int16 eko_threadSetPriority(pthread_t tid, int32 priority);
 /** Ends the calling thread, destroying its memory tag first. Does not return: the thread is unwound, so no
  *  caller up to the thread's function may be noexcept, or swallow every exception. On the main thread it waits for
  *  the others, and the process then ends with 0. */
-EKO_NORETURN EKO_API void eko_threadEnd(int32 rc);
+EKO_API EKO_NORETURN void eko_threadEnd(int32 rc);
 
 /** The calling thread's identifier. */
 EKO_API pthread_t eko_threadId(void);

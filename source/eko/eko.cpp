@@ -6,9 +6,8 @@
 
 #include <errno.h>
 #include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
 
+#include "ekolog_int.h"
 #include "ekotext_int.h"
 
 int32 eko_inited;
@@ -157,13 +156,9 @@ int32 eko_isPurifyRunning(void)
 
 // ---- assertions, errno ------------------------------------------------------------------------------------
 
-// Formatted and written without memory, locks or streams: any of them may be what is broken.
 void eko_assertFailed(const char* expr, const char* file, int line)
 {
-    char text[512];
-    eko_snprintf(text, sizeof(text), "%s:%d: assertion failed: %s\n", file, line, expr);
-    const ssize_t written = write(STDERR_FILENO, text, strlen(text));
-    static_cast<void>(written);
+    sayDirectly("%s:%d: assertion failed: %s\n", file, line, expr);
     abort();
 }
 

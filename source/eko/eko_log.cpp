@@ -85,8 +85,7 @@ int32 _eko_log_str(bool write_stderr, const char* str)
 
 // ---- formatting -------------------------------------------------------------------------------------------
 
-// A report from inside a report: no locks, no memory, no stream.
-int32 reportNested(const char* format, va_list args)
+int32 sayDirectlyV(const char* format, va_list args)
 {
     char text[SHORT_TEXT];
     const int32 length = eko_vsnprintf(text, sizeof(text), format, args);
@@ -116,7 +115,7 @@ int32 _eko_logV(bool write_stderr, const char* format, va_list args)
     if (!libraryStarted())
         return vfprintf(write_stderr ? stderr : stdout, format, args);
     if (insideReport())
-        return reportNested(format, args);
+        return sayDirectlyV(format, args);
     char text[SHORT_TEXT];
     va_list firstPass;
     va_copy(firstPass, args);
@@ -145,6 +144,15 @@ void closeOn(EKO_FILE_STACK& stack)
 bool insideReport()
 {
     return reportDepth > 0;
+}
+
+int32 sayDirectly(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int32 count = sayDirectlyV(format, args);
+    va_end(args);
+    return count;
 }
 
 // ---- reports ----------------------------------------------------------------------------------------------

@@ -84,12 +84,6 @@ int32 pushEntry(EKO_FILE_STACK* stack, const char* name)
     return EKO_OK;
 }
 
-int32 push(EKO_FILE_STACK* stack, const char* name)
-{
-    const StackGuard lock(*stack);
-    return pushEntry(stack, name && *name ? name : nullptr);
-}
-
 int32 printTo(EKO_FILE_STACK& stack, const char* format, va_list args)
 {
     MemResult result = MemResult::done;
@@ -136,7 +130,9 @@ EKO_FILE_STREAM topFile(const EKO_FILE_STACK* stack)
     return stack->root ? stack->root->info->file : nullptr;
 }
 
-// A failed start of the library prints nothing, so nothing is reported here.
+// A failed start of the library prints nothing, so nothing is reported here. Nobody else knows the stack yet, and
+// the first one's file creates the file module's record: the stack's mutex is not held over that, the registry's
+// comes first.
 int32 eko_fileStackInit(EKO_FILE_STACK* stack, const char* initname)
 {
     stack->root = nullptr;
@@ -144,7 +140,7 @@ int32 eko_fileStackInit(EKO_FILE_STACK* stack, const char* initname)
     stack->sem = EKO_MUTEX_CREATE();
     int32 status = stack->tag != EKO_TAG_INVALID && stack->sem != EKO_SEM_INVALID ? EKO_OK : EKO_FAILED;
     if (status == EKO_OK && initname)
-        status = push(stack, initname);
+        status = pushEntry(stack, initname);
     if (status != EKO_OK)
         eko_fileStackTerm(stack);
     return status;
@@ -164,7 +160,11 @@ int32 eko_fileStackOpen(EKO_FILE_STACK* stack, const char* name)
 {
     if (stack->tag == EKO_TAG_INVALID)
         return EKO_FAILED;
-    const int32 status = push(stack, name);
+    int32 status;
+    {
+        const StackGuard lock(*stack);
+        status = pushEntry(stack, name && *name ? name : nullptr);
+    }
     if (status == EKO_NO_MEMORY)
         memReport(__FILE__, __LINE__);
     return status;

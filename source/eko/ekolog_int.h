@@ -8,4 +8,8 @@
 // lock, the stream or the memory that it is about may be in use by the outer one.
 bool insideReport();
 
+// Formats up to 1023 bytes and writes them to descriptor 2: no locks, no memory, no stream. For what is wrong with
+// those. Returns the length of the whole text; 0 when it cannot be formatted, -1 when it cannot be written.
+int32 sayDirectly(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
+
 #endif

@@ -14,7 +14,6 @@
 // exported calls report a failure and may then jump out of the library, so they hold nothing at that point.
 
 #include <string.h>
-#include <unistd.h>
 
 #include "ekolog_int.h"
 #include "ekomem_int.h"
@@ -87,10 +86,7 @@ bool ownedBy(const TAG_ENTRY* tag, const void* ptr)
     const AllocatorOwns owns = ALLOCATOR_OWNS[tag->t_type];
     if (!owns || owns(tag->t_allocator, ptr))
         return true;
-    char text[80];
-    eko_snprintf(text, sizeof(text), "Block %p is not of the tag it is given to\n", ptr);
-    const ssize_t written = write(STDERR_FILENO, text, strlen(text));
-    static_cast<void>(written);
+    sayDirectly("Block %p is not of the tag it is given to\n", ptr);
     return false;
 }
 #else

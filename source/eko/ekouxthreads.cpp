@@ -20,8 +20,8 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/time.h>
-#include <unistd.h>
 
+#include "ekolog_int.h"
 #include "ekomem_int.h"
 
 namespace {
@@ -218,27 +218,22 @@ void checkLeaver(const EKO_MUTEX_ENTRY& m)
     if (eko_count_get__race_condition_ok(m) < 1 || !pthread_equal(eko_id_get__race_condition_ok(m), pthread_self()))
         eko_log_err("Mutex left by a thread that does not hold it\n");
 }
-// The log has stopped before the table does.
-void checkNotHeld(const EKO_SEM_ENTRY& slot)
+// Not by the log, which stops before the table does.
+void checkNotHeld(const EKO_SEM_ENTRY& slot, const char* when)
 {
-    if (slot.type != EKO_SEM_MUTEX || eko_count_get__race_condition_ok(slot.obj.m) <= 0)
-        return;
-    char text[80];
-    eko_snprintf(text, sizeof(text), "Mutex %p still held at the stop of the library\n",
-                 static_cast<const void*>(&slot));
-    const ssize_t written = write(STDERR_FILENO, text, strlen(text));
-    static_cast<void>(written);
+    if (slot.type == EKO_SEM_MUTEX && eko_count_get__race_condition_ok(slot.obj.m) > 0)
+        sayDirectly("Mutex %p still held at %s\n", static_cast<const void*>(&slot), when);
 }
 #else
 void checkLeaver(const EKO_MUTEX_ENTRY&) {}
-void checkNotHeld(const EKO_SEM_ENTRY&) {}
+void checkNotHeld(const EKO_SEM_ENTRY&, const char*) {}
 #endif
 
 void freeRow(EKO_SEM_TABLE& row)
 {
     for (int32 i = 0; i < SLOTS_PER_ROW; ++i) {
         if (row.entry[i].avail == SLOT_IN_USE) {
-            checkNotHeld(row.entry[i]);
+            checkNotHeld(row.entry[i], "the stop of the library");
             psemDelete(&row.entry[i]);
         }
     }
@@ -317,6 +312,7 @@ void eko_syncDelete(EKO_SEM sem)
         return;
     EKO_SEM_ENTRY* slot = slotOf(sem);
     EKO_SEM_TABLE* row = slot->owner;
+    checkNotHeld(*slot, "its deletion");
     psemDelete(slot);
     slot->type = NO_TYPE;
     giveSlotBack(slot, row);
