@@ -10,9 +10,10 @@ nm=$1 library=$2 include=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# One line per declaration: its name, "documented" or "bare", and where it is. A declaration begins with EKO_API
-# at the start of a line and ends with a semicolon; its name is the word in front of the first parenthesis, or of
-# the semicolon. An empty line, or any line of something else, ends a run of declarations.
+# One line per declaration: its name, "documented" or "bare", and where it is. A declaration begins with a line
+# that starts with EKO_API, or with other marks in capitals and EKO_API, and ends with a semicolon; its name is the
+# word in front of the first parenthesis, or of the semicolon. An empty line, or any line of something else, ends a
+# run of declarations.
 find "$include" -name '*.h' -exec awk '
     FNR == 1 { inComment = inDeclaration = documented = 0 }
     inDeclaration { text = text " " $0 }
@@ -22,7 +23,7 @@ find "$include" -name '*.h' -exec awk '
         inComment = !/\*\//
         next
     }
-    !inDeclaration && /^EKO_API[ \t]/ { inDeclaration = 1; text = $0; where = FILENAME ":" FNR }
+    !inDeclaration && /^([A-Z_]+ )*EKO_API([ \t]|$)/ { inDeclaration = 1; text = $0; where = FILENAME ":" FNR }
     !inDeclaration { documented = 0; next }
     text ~ /;/ {
         inDeclaration = 0
