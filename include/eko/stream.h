@@ -6,6 +6,7 @@
  * Surprises that callers rely on:
  *   - Characters are read as signed: byte 0x80..0xFF come as -128..-1, and so byte 0xFF reads as the end of the
  *     file. What follows it in a Latin-1 file stays unread by callers that stop there.
+ *   - A byte 0 inside a line is read like any other, so the line seems to end there; no call tells its length.
  *   - A byte that completes a character of a UTF-16 stream is written, and yet eko_fputc answers 0 for it. So
  *     eko_fputs and eko_fprintf stop behind the first character. Write UTF-16 with eko_fputc, byte by byte, and
  *     take no notice of its result.
@@ -15,6 +16,7 @@
  *     is held after writing, nor after reading at the end of the file.
  *   - A stream for both reading and writing writes at the file's own position, behind all that was read into
  *     the cache, and together with what it had read in front of it. Read to the end first: then it appends.
+ *   - Each failed write says "Write failed, errno = %d" on standard error, and what is pending stays so.
  *   - In read-only mode nothing is written, not even to the console: what is pending stays so, and the calls
  *     fail once 1024 bytes are.
  *   - A stream for writing alone logs "Read failed, errno = 9" where its position is inside the length that the

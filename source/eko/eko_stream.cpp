@@ -14,6 +14,7 @@ constexpr int32 END_OF_FILE = -1;
 constexpr size_t MODE_CHARS = 3; // of a mode string that count
 constexpr int32 LONE_LOW_SURROGATE = '.';
 constexpr uint32 LINE_STEP = 100; // eko_fGetLine starts with this and grows by it
+constexpr uint32 LONG_LINE = 65536;
 
 EKO_FILE_CTX* contextOf(EKO_FILE_STREAM stream)
 {
@@ -335,19 +336,33 @@ namespace {
 struct DYNAMIC_LINE {
     EKO_FILE_CTX* fh;
     char* line;
-    uint32 len;
+    uint32 len;      // what the caller is told
+    uint32 reserved; // what the block really has, from the first long step on
 };
 
+bool extendLine(DYNAMIC_LINE* dl, uint32 size, EKO_MEMTAG tag, MemResult* result)
+{
+    if (size < dl->len) // wrapped
+        return false;
+    char* grown = static_cast<char*>(tryExtendMem(dl->line, size, tag, result));
+    if (!grown)
+        return false;
+    dl->line = grown;
+    dl->reserved = size;
+    return true;
+}
+
+// Grows by a step. For a long line more is reserved than told, or each step might copy all of it.
 MemResult growLine(DYNAMIC_LINE* dl, EKO_MEMTAG tag)
 {
     if (dl->len > UINT32_MAX - LINE_STEP)
         return MemResult::refused;
-    MemResult result;
-    char* grown = static_cast<char*>(tryExtendMem(dl->line, dl->len + LINE_STEP, tag, &result));
-    if (grown) {
-        dl->line = grown;
-        dl->len += LINE_STEP;
-    }
+    const uint32 wanted = dl->len + LINE_STEP;
+    MemResult result = MemResult::done;
+    if (wanted > dl->reserved && !(wanted >= LONG_LINE && extendLine(dl, wanted + wanted / 2, tag, &result)))
+        extendLine(dl, wanted, tag, &result);
+    if (result == MemResult::done)
+        dl->len = wanted;
     return result;
 }
 
@@ -391,7 +406,7 @@ char* eko_fGetLine(EKO_FILE_STREAM fh, char** buf, uint32* len, EKO_MEMTAG tag)
 {
     if (!fh || !buf || !len || !readableInLines(contextOf(fh)))
         return nullptr;
-    DYNAMIC_LINE dl = {contextOf(fh), *buf, *len};
+    DYNAMIC_LINE dl = {contextOf(fh), *buf, *len, 0};
     bool found = false;
     MemResult result = firstBuffer(&dl, tag);
     if (result == MemResult::done) {
