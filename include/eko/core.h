@@ -7,7 +7,7 @@
  *   - Before eko_init has returned 0 and after the last eko_term, calls that need the library fail, as each
  *     says. Usable then: the modes, eko_version, formatting and conversion into buffers, logs, clocks, atomics,
  *     thread-local storage, descriptors, the critical section, and eko_setMemLimit, which is meant for then.
- *   - Nothing may be called by any other thread while the first eko_init or the last eko_term runs. All other
+ *   - No other thread may call anything but eko_init while the first eko_init or the last eko_term runs. All other
  *     threads have ended, or have stopped using the library, before the last eko_term: it destroys every mutex,
  *     event and block of memory, those in use included. A thread started detached cannot tell when it has.
  *   - The library never ends the process by itself, except for a failed assertion of one of its own

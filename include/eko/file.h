@@ -83,8 +83,8 @@ EKO_API int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size);
 
 /** Locks a file against other processes and against other threads of this one that lock through the same
  *  handle: threads wait for each other, another process, or another handle of this one, is refused at once. It is
- *  an advisory lock (flock) on the whole file: it stops only those who lock, however the file is open, and children that inherit the handle
- *  have it too.
+ *  an advisory lock (flock) on the whole file: it stops only those who lock, any mode of opening serves, and
+ *  children that inherit the handle have it too.
  *  Returns 0, or 1002 when refused. A thread may lock again what it has locked; but the lock against other
  *  processes does not count, it ends with the first unlock. eko_fileUnlock by a thread that holds no lock
  *  frees another's. */

@@ -213,8 +213,8 @@ bool usable()
     return libraryStarted() && eko_globals_sem != EKO_SEM_INVALID;
 }
 
-// A module that fetches its own record inside its create callback gets it, but for the other threads it is not there
-// before the callback has succeeded.
+// A module that fetches its own record inside its create callback gets it, but for the other threads it is not
+// there before the callback has succeeded.
 void publishSlot(GlobalSlot& slot, void* record)
 {
     const SemGuard lock(eko_globals_sem);

@@ -319,7 +319,7 @@ EKO_MEMTAG tryCreateTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_D
         result = &ignored;
     *result = MemResult::refused;
     if (!mem_eko_inited_get__race_condition_ok() || !tagGlobal)
-        return EKO_TAG_INVALID; // the last also while the library stops: a callback may not add to what is destroyed
+        return EKO_TAG_INVALID; // while the library stops, too: a callback may not add to what is destroyed
     return makeTag(jb, flags, type, destroy_fcn, destroy_ctx, result);
 }
 
