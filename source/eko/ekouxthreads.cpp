@@ -119,9 +119,12 @@ EKO_SEM_ENTRY* slotOf(EKO_SEM sem)
     return static_cast<EKO_SEM_ENTRY*>(const_cast<void*>(sem));
 }
 
-// The slot of a handle of that type; otherwise logs `complaint` and answers null.
+// The slot of a handle of that type; otherwise logs `complaint` and answers null. While the table does not run, null
+// without a look at the handle.
 EKO_SEM_ENTRY* checkedSlot(EKO_SEM sem, int16 type, const char* complaint)
 {
+    if (!running())
+        return nullptr;
     if (isHandle(sem) && slotOf(sem)->type == type)
         return slotOf(sem);
     eko_log("%s", complaint);
@@ -322,8 +325,6 @@ void eko_syncDelete(EKO_SEM sem)
 
 void eko_syncEnterExcl(EKO_SEM sem)
 {
-    if (!running())
-        return;
     EKO_SEM_ENTRY* slot = mutexSlot(sem);
     if (!slot)
         return;
@@ -342,8 +343,6 @@ void eko_syncEnterExcl(EKO_SEM sem)
 // the next enter works because id is 0. Pinned by sync_exit_does_not_check_the_caller.
 void eko_syncExitExcl(EKO_SEM sem)
 {
-    if (!running())
-        return;
     EKO_SEM_ENTRY* slot = mutexSlot(sem);
     if (!slot)
         return;
@@ -359,8 +358,6 @@ void eko_syncExitExcl(EKO_SEM sem)
 
 void eko_syncStart(EKO_SEM sem)
 {
-    if (!running())
-        return;
     EKO_SEM_ENTRY* slot = eventSlot(sem);
     if (slot)
         writeUnlocked(slot->obj.e.flag, static_cast<int16>(0)); // without the event's mutex, on purpose
@@ -368,8 +365,6 @@ void eko_syncStart(EKO_SEM sem)
 
 void eko_syncResume(EKO_SEM sem)
 {
-    if (!running())
-        return;
     EKO_SEM_ENTRY* slot = eventSlot(sem);
     if (!slot)
         return;
@@ -382,8 +377,6 @@ void eko_syncResume(EKO_SEM sem)
 // and count on at least that long. Pinned by sync_wait_restarts_its_period.
 int16 eko_syncWait(EKO_SEM sem, uint32 timeout)
 {
-    if (!running())
-        return EKO_FAILED;
     EKO_SEM_ENTRY* slot = eventSlot(sem);
     if (!slot)
         return EKO_FAILED;
