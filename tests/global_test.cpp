@@ -2,290 +2,185 @@
 // LINK: --wrap=malloc --wrap=calloc --wrap=realloc
 #include <string.h>
 
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <map>
 
 #include "support/faults.h"
 #include "support/fixture.h"
 
 namespace {
 
-// What the records of these tests are: who made them.
-struct Record {
-    char name[16];
-};
-
 std::string deleted; // names, as their delete callbacks run
 int created = 0;
 
 void noteDeletion(void* data)
 {
-    deleted += static_cast<Record*>(data)->name;
+    deleted += static_cast<char*>(data);
 }
 
-int32 noteCreation(void*)
+int32 noteCreation(void* data)
 {
+    EXPECT_EQ(*static_cast<char*>(data), 0);
     ++created;
     return 0;
 }
 
 // The record of that name, which it bears from then on; null when the status is 1003.
-Record* fetch(const char* name, EKO_GLOBAL_CREATE_FCN create = nullptr, EKO_GLOBAL_DELETE_FCN remove = noteDeletion)
+char* fetch(const std::string& name, EKO_GLOBAL_CREATE_FCN create = nullptr,
+            EKO_GLOBAL_DELETE_FCN remove = noteDeletion)
 {
     void* record = &created; // untouched on failure
-    const int32 status = eko_globalGet(name, sizeof(Record), create, remove, &record);
+    const int32 status = eko_globalGet(name.c_str(), 16, create, remove, &record);
     if (status != 0) {
         EXPECT_EQ(status, 1003);
         EXPECT_EQ(record, &created);
         return nullptr;
     }
-    snprintf(static_cast<Record*>(record)->name, sizeof(Record::name), "%s", name);
-    return static_cast<Record*>(record);
+    return strcpy(static_cast<char*>(record), name.c_str());
 }
 
-// Starts the library, and stops it in the middle of a test that looks at what stopping does.
-class Global : public testing::Test {
+class Global : public EkoTest {
 protected:
-    void SetUp() override { ASSERT_EQ(eko_init(), 0); }
-    void TearDown() override { eko_term(); }
-    void restart()
+    // Stops the library, which deletes these.
+    void expectDeleted(const std::string& names)
     {
+        deleted.clear();
         eko_term();
+        EXPECT_EQ(deleted, names);
+        EXPECT_EQ(fetch("a"), nullptr); // nothing is made now
         ASSERT_EQ(eko_init(), 0);
     }
 };
 
-TEST_F(Global, global_same_name_is_the_same_record)
+TEST_F(Global, global_first_caller_decides)
 {
     char name[] = "a";
-    void* first = nullptr;
+    void* first = &created;
+    EXPECT_EQ(eko_globalGet(nullptr, 8, noteCreation, nullptr, &first), 1013);
+    EXPECT_EQ(eko_globalGet(name, 0, noteCreation, nullptr, &first), 1013);
+    EXPECT_EQ(eko_globalGet(name, 8, noteCreation, nullptr, nullptr), 1013);
+    EXPECT_EQ(first, &created);
+    EXPECT_EQ(created, 0);
     ASSERT_EQ(eko_globalGet(name, 4000, noteCreation, nullptr, &first), 0);
-    for (int i = 0; i < 4000; ++i)
-        ASSERT_EQ(static_cast<char*>(first)[i], 0);
+    EXPECT_EQ(std::string(static_cast<char*>(first), 4000), std::string(4000, '\0'));
     name[0] = 'b'; // the registry has its own copy
     EXPECT_EQ(fetch("a", noteCreation), first);
     EXPECT_EQ(created, 1);
-    EXPECT_NE(fetch("A", noteCreation), first);
-    EXPECT_NE(fetch("aa", noteCreation), first);
-    EXPECT_EQ(created, 3);
-    restart();
-    EXPECT_EQ(deleted, "aaA"); // the first caller's callbacks hold: "a" has none
-    EXPECT_STREQ(fetch("a", noteCreation)->name, "a");
-    EXPECT_EQ(created, 4);
+    expectDeleted(""); // without its callback
 }
 
-TEST_F(Global, global_bad_arguments_create_nothing)
+// The list grows by five, the library's own record "ekofile" counting. A name takes two blocks, and one more when
+// the list grows: losing the first one then is another test's.
+TEST_F(Global, global_sorted_whatever_the_order_and_the_memory)
 {
-    const Usage before = currentUsage();
-    void* record = &created;
-    EXPECT_EQ(eko_globalGet(nullptr, 8, noteCreation, nullptr, &record), 1013);
-    EXPECT_EQ(eko_globalGet("a", 0, noteCreation, nullptr, &record), 1013);
-    EXPECT_EQ(eko_globalGet("a", 8, noteCreation, nullptr, nullptr), 1013);
-    EXPECT_EQ(record, &created);
-    EXPECT_EQ(created, 0);
-    EXPECT_EQ(currentUsage(), before);
-}
-
-TEST(GlobalStopped, global_nothing_before_start_or_after_stop)
-{
-    EXPECT_EQ(fetch("a"), nullptr);
-    ASSERT_EQ(eko_init(), 0);
-    EXPECT_NE(fetch("a"), nullptr);
-    eko_term();
-    EXPECT_EQ(fetch("a"), nullptr);
-    EXPECT_EQ(deleted, "a");
-}
-
-// The library's own record, "ekofile", is one of the first five. Without a growth a creation takes two blocks, with
-// one it takes three: so a third request exists only at the 6th and the 11th name.
-TEST_F(Global, global_sorted_and_grown_by_five)
-{
-    const char* names[] = {"b", "a", "c", "zz", "ekofilf", "ekofild", "B", "z", "f", "ba", "", "m"};
-    std::vector<Record*> records;
-    int count = 1;
-    for (const char* name : names) {
-        ++count;
-        bool third;
-        {
-            const FailNthOnTag fault(EKO_GLOBAL_TAG, 3);
-            CapturedFd out(1);
-            third = !fetch(name);
-            EXPECT_EQ(fault.fired(), third);
+    std::map<std::string, char*, std::greater<>> records;
+    for (uint32 i = 0; i < 60; ++i) {
+        const std::string name = std::string(i % 4, 'e') + std::to_string(i * 37 % 60);
+        const bool grows = (i + 1) % 5 == 0;
+        for (uint32 n = grows ? 3 : 1; n <= 3; ++n) {
+            const Usage before = currentUsage();
+            const std::string said = logged([&] {
+                const FailNthOnTag fault(EKO_GLOBAL_TAG, n);
+                EXPECT_EQ(fetch(name, noteCreation) == nullptr, n < 3 || grows) << name;
+                EXPECT_EQ(fault.fired(), n < 3 || grows);
+            });
+            EXPECT_TRUE((n == 3 && !grows) || isOneReport(said, "ekoglobal.cpp"));
+            EXPECT_TRUE(n == 3 || currentUsage() == before);
         }
-        EXPECT_EQ(third, count == 6 || count == 11) << name;
-        records.push_back(fetch(name));
+        records[name] = fetch(name, noteCreation);
     }
-    for (size_t i = 0; i < records.size(); ++i)
-        EXPECT_EQ(fetch(names[i]), records[i]) << names[i];
-    restart();
-    EXPECT_EQ(deleted, "zzzmfekofilfekofildcbabaB");
-}
-
-TEST_F(Global, global_failed_create_callback_is_tried_again)
-{
-    const Usage before = currentUsage();
-    const auto refuse = [](void* data) -> int32 {
-        EXPECT_EQ(static_cast<Record*>(data)->name[0], 0);
-        static_cast<Record*>(data)->name[0] = 'x';
-        return ++created < 3 ? 5 : 0;
-    };
-    EXPECT_EQ(fetch("a", refuse), nullptr);
-    EXPECT_EQ(fetch("a", refuse), nullptr);
-    EXPECT_EQ(currentUsage(), before);
-    EXPECT_EQ(deleted, ""); // nor is it deleted
-    EXPECT_NE(fetch("a", refuse), nullptr);
-    restart();
-    EXPECT_EQ(deleted, "a");
-}
-
-// Moves the entry that is being made, and the whole list.
-void fetchAround()
-{
-    for (const char* name : {"a", "z", "b", "y", "c", "x"})
-        EXPECT_NE(fetch(name), nullptr);
+    EXPECT_EQ(created, 60);
+    std::string names;
+    for (const auto& [name, record] : records) {
+        EXPECT_STREQ(record, name.c_str());
+        EXPECT_EQ(fetch(name), record);
+        names += name;
+    }
+    expectDeleted(names);
 }
 
 TEST_F(Global, global_create_callback_fetches_others)
 {
-    EXPECT_NE(fetch("m",
-                    [](void*) -> int32 {
-                        fetchAround();
-                        return 0;
-                    }),
-              nullptr);
-    EXPECT_EQ(fetch("n",
-                    [](void*) -> int32 {
-                        EXPECT_NE(fetch("d"), nullptr);
-                        EXPECT_NE(fetch("o"), nullptr);
-                        return 1;
-                    }),
-              nullptr);
-    restart();
-    EXPECT_EQ(deleted, "zyxomdcba");
+    const auto fetchAround = [](void*) -> int32 { // moves the entry that is being made, and the whole list
+        for (const char* name : {"a", "z", "b", "y", "c", "x"})
+            EXPECT_NE(fetch(name), nullptr);
+        return 0;
+    };
+    const auto refuse = [](void* data) -> int32 {
+        EXPECT_NE(fetch("d"), nullptr);
+        EXPECT_NE(fetch("o"), nullptr);
+        noteCreation(data);
+        strcpy(static_cast<char*>(data), "x");
+        return created < 3 ? 5 : 0;
+    };
+    EXPECT_NE(fetch("m", fetchAround), nullptr);
+    EXPECT_EQ(fetch("n", refuse), nullptr);
+    const Usage before = currentUsage();
+    EXPECT_EQ(fetch("n", refuse), nullptr);
+    EXPECT_EQ(currentUsage(), before);
+    expectDeleted("zyxomdcba");
+    EXPECT_NE(fetch("n", refuse), nullptr);
+    expectDeleted("ond");
 }
 
-TEST_F(Global, global_delete_callback_fetches_others)
-{
-    static Record* a;
-    a = fetch("a");
-    fetch("c", nullptr, [](void*) {
-        EXPECT_EQ(fetch("a"), a);
-        EXPECT_EQ(fetch("new", noteCreation), nullptr);
-        EXPECT_EQ(fetch("d"), nullptr); // deleted already
-        deleted += 'c';
-    });
-    fetch("d");
-    restart();
-    EXPECT_EQ(deleted, "dca");
-    EXPECT_EQ(created, 0);
-}
-
-int32 slotStatus = 0;
+int32 slotStatus = 1;
 int32 slotCreate(void* data);
-GlobalSlot slot = {"ekotest", sizeof(Record), slotCreate, noteDeletion, nullptr, nullptr};
+GlobalSlot slot = {"ekotest", 16, slotCreate, noteDeletion, nullptr, nullptr};
 
 int32 slotCreate(void* data)
 {
     EXPECT_EQ(globalRecord(slot), data); // its own record
     EXPECT_EQ(slot.record, nullptr);     // which the other threads do not see yet
-    snprintf(static_cast<Record*>(data)->name, sizeof(Record::name), "slot");
+    eko_sleep(slotStatus ? 0 : 5);       // in which they come
+    strcpy(static_cast<char*>(data), "slot");
+    ++created;
     return slotStatus;
 }
 
-TEST_F(Global, global_slot_is_found_while_its_record_lives)
+TEST_F(Global, global_is_made_once_and_found_while_it_lives)
 {
-    slotStatus = 1;
     EXPECT_EQ(globalRecord(slot), nullptr);
     EXPECT_EQ(slot.record, nullptr);
     slotStatus = 0;
-    inThreads(4, [](uint32) { EXPECT_STREQ(static_cast<Record*>(globalRecord(slot))->name, "slot"); });
+    inThreads(8, [](uint32) { EXPECT_STREQ(static_cast<char*>(globalRecord(slot)), "slot"); });
+    EXPECT_EQ(created, 2);
     EXPECT_NE(slot.record, nullptr);
-    fetch("ekotest2", nullptr, [](void*) { EXPECT_NE(globalRecord(slot), nullptr); });
-    fetch("a", nullptr, [](void*) { EXPECT_EQ(globalRecord(slot), nullptr); });
-    restart();
-    EXPECT_EQ(deleted, "slot");
-    EXPECT_EQ(slot.record, nullptr);
-}
-
-TEST_F(Global, global_threads_share_the_first_record)
-{
-    static Record* shared;
-    shared = nullptr;
-    inThreads(8, [](uint32) {
-        void* record = nullptr;
-        const auto slowly = [](void* data) -> int32 {
-            eko_sleep(5); // in which the others come
-            shared = static_cast<Record*>(data);
-            return noteCreation(data);
-        };
-        EXPECT_EQ(eko_globalGet("a", 8, slowly, nullptr, &record), 0);
-        EXPECT_TRUE(record && record == shared); // complete
+    fetch("d");
+    fetch("f", nullptr, [](void*) {
+        EXPECT_NE(globalRecord(slot), nullptr);
+        EXPECT_STREQ(fetch("d"), "d");
+        EXPECT_EQ(fetch("new", noteCreation), nullptr);
     });
-    EXPECT_EQ(created, 1);
+    fetch("a", nullptr, [](void*) { EXPECT_EQ(globalRecord(slot), nullptr); });
+    expectDeleted("slotd");
+    EXPECT_EQ(slot.record, nullptr);
+    EXPECT_EQ(created, 2);
 }
 
-TEST_F(Global, global_out_of_memory_at_every_request)
-{
-    int failures = 0;
-    for (uint32 n = 1;; ++n) {
-        const Usage before = currentUsage();
-        Record* record = nullptr;
-        bool fired;
-        const std::string said = logged([&] {
-            const FailNthOnTag fault(EKO_GLOBAL_TAG, n);
-            record = fetch("a", noteCreation);
-            fired = fault.fired();
-        });
-        EXPECT_EQ(record == nullptr, fired);
-        if (!fired)
-            break;
-        ++failures;
-        EXPECT_TRUE(isOneReport(said, "ekoglobal.cpp"));
-        EXPECT_EQ(currentUsage(), before);
-        EXPECT_EQ(created, 0);
-    }
-    EXPECT_EQ(failures, 2);
-    EXPECT_EQ(created, 1);
-}
-
-// The sixth name, whose list cannot be had.
-bool failGrowth()
-{
-    const FailNthOnTag fault(EKO_GLOBAL_TAG, 1);
-    return !fetch("e") && fault.fired();
-}
-
+// The sixth name, whose list cannot be had, alone and inside the fifth one's create callback.
 TEST_F(Global, global_failed_growth_needs_a_restart)
 {
-    for (const char* name : {"a", "b", "c", "d"})
-        EXPECT_NE(fetch(name), nullptr);
-    const std::string said = logged([] { EXPECT_TRUE(failGrowth()); });
-    EXPECT_TRUE(isOneReport(said, "ekoglobal.cpp"));
-    for (const char* name : {"a", "e", "ekofile"})
-        EXPECT_EQ(fetch(name), nullptr) << name;
-    restart();
-    EXPECT_EQ(deleted, ""); // they were lost
-    EXPECT_NE(fetch("a"), nullptr);
-    restart();
-    EXPECT_EQ(deleted, "a");
-}
-
-// The fifth name, whose create callback asks for the sixth.
-TEST_F(Global, global_growth_fails_inside_a_create_callback)
-{
-    for (const char* name : {"a", "b", "c"})
-        EXPECT_NE(fetch(name), nullptr);
-    const auto growInside = [](void*) -> int32 {
-        EXPECT_TRUE(failGrowth());
+    const EKO_GLOBAL_CREATE_FCN failGrowth = [](void*) -> int32 {
+        const FailNthOnTag fault(EKO_GLOBAL_TAG, 1);
+        EXPECT_EQ(fetch("e"), nullptr);
+        EXPECT_TRUE(fault.fired());
         return 0;
     };
-    eko_background = 1; // the report stays off the console
-    EXPECT_EQ(fetch("d", growInside), nullptr);
-    eko_background = 0;
-    EXPECT_EQ(fetch("a"), nullptr);
-    restart();
-    EXPECT_EQ(deleted, "");
-    EXPECT_NE(fetch("d"), nullptr);
+    for (const bool inside : {false, true}) {
+        for (const char* name : {"a", "b", "c"})
+            EXPECT_NE(fetch(name), nullptr);
+        const std::string said = logged([&] {
+            EXPECT_EQ(fetch("d", inside ? failGrowth : nullptr) == nullptr, inside);
+            if (!inside)
+                failGrowth(nullptr);
+        });
+        EXPECT_TRUE(isOneReport(said, "ekoglobal.cpp"));
+        for (const char* name : {"a", "e", "ekofile"})
+            EXPECT_EQ(fetch(name), nullptr) << name;
+        expectDeleted(""); // they were lost
+        EXPECT_NE(fetch("a"), nullptr);
+        expectDeleted("a");
+    }
 }
 
 } // namespace

@@ -11,9 +11,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
-
 #include "ekotext_int.h"
 #include "support/faults.h"
 #include "support/fixture.h"
@@ -26,7 +23,7 @@ std::string trace;      // of the calls below; they run inside the critical sect
 std::string failing;    // the one that fails
 uint32 createsLeft = 0; // semaphores that can still be created before one fails; 0: all can
 
-rlimit* pretended = nullptr; // what the system answers and is told; null: the real limits
+rlimit limit = {1024, 1024}; // what the system answers and is told
 int limitErrors = 0;         // bit 0: reading fails, bit 1: writing fails
 int limitWrites = 0;
 
@@ -52,8 +49,7 @@ const char* stackName(const EKO_FILE_STACK* stack)
 #define TRACED_STOP(name, mangled) \
     EKO_WRAP(void, mangled, ()) \
     { \
-        noted(name); \
-        __real_##mangled(); \
+        noted(name), __real_##mangled(); \
     }
 TRACED_START("sync", _Z12eko_syncInitv)
 TRACED_START("mem", _Z11eko_memInitv)
@@ -79,155 +75,120 @@ EKO_WRAP(void, _Z17eko_fileStackTermP14EKO_FILE_STACK, (EKO_FILE_STACK * stack))
 
 EKO_WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line))
 {
-    if (createsLeft && --createsLeft == 0)
-        return EKO_SEM_INVALID;
-    return __real_eko_syncCreate_check(type, file, line);
+    const bool fails = createsLeft && --createsLeft == 0;
+    return fails ? EKO_SEM_INVALID : __real_eko_syncCreate_check(type, file, line);
 }
 
-EKO_WRAP(int, getrlimit, (__rlimit_resource_t resource, rlimit* limit))
+EKO_WRAP(int, getrlimit, (__rlimit_resource_t resource, rlimit* answer))
 {
-    if (!pretended || resource != RLIMIT_NOFILE)
-        return __real_getrlimit(resource, limit);
-    *limit = *pretended;
+    EXPECT_EQ(resource, RLIMIT_NOFILE);
+    *answer = limit;
     return limitErrors & 1 ? -1 : 0;
 }
 
-EKO_WRAP(int, setrlimit, (__rlimit_resource_t resource, const rlimit* limit))
+EKO_WRAP(int, setrlimit, (__rlimit_resource_t, const rlimit* told))
 {
-    if (!pretended || resource != RLIMIT_NOFILE)
-        return __real_setrlimit(resource, limit);
     ++limitWrites;
-    *pretended = *limit;
+    limit = *told;
     return limitErrors & 2 ? -1 : 0;
 }
 
 namespace {
 
+constexpr char START[] = "sync mem global os stdout stderr log ";
+constexpr char STOP[] = "logTerm stdoutTerm stderrTerm osTerm! globalTerm! syncShutdown! memTerm! syncTerm! ";
+
 // Fails to start, saying nothing and leaving the count as it was.
-void expectSilentFailure(const std::string& what)
+void expectSilentFailure(const std::string& calls)
 {
     CapturedFd out(1), err(2);
-    EXPECT_EQ(eko_init(), 1002) << what;
-    EXPECT_EQ(eko_inited, 0) << what;
-    EXPECT_EQ(out.take() + err.take(), "") << what;
+    trace = "";
+    EXPECT_EQ(eko_init(), 1002) << calls;
+    EXPECT_EQ(eko_inited, 0) << calls;
+    EXPECT_EQ(out.take() + err.take(), "") << calls;
+    EXPECT_EQ(trace.substr(0, calls.size()), calls);
 }
 
-// Starts, works and stops as if nothing had been.
-void expectStart()
-{
-    failing = trace = "";
-    ASSERT_EQ(eko_init(), 0);
-    EXPECT_EQ(trace, "sync mem global os stdout stderr log ");
-    EXPECT_EQ(logged([] { eko_log("up\n"); }), "up\n");
-    eko_term();
-    EXPECT_EQ(eko_inited, 0);
-}
-
-TEST(Lifecycle, lifecycle_failed_step_undoes_the_earlier_ones)
-{
-    const struct {
-        const char* step;
-        const char* trace;
-    } cases[] = {
-        {"sync", "sync "},
-        {"mem", "sync mem syncTerm "},
-        {"global", "sync mem global syncShutdown memTerm syncTerm "},
-        {"os", "sync mem global os globalTerm syncShutdown memTerm syncTerm "},
-        {"stdout", "sync mem global os stdout osTerm globalTerm syncShutdown memTerm syncTerm "},
-        {"stderr", "sync mem global os stdout stderr stdoutTerm osTerm globalTerm syncShutdown memTerm syncTerm "},
-        {"log", "sync mem global os stdout stderr log "
-                "stderrTerm stdoutTerm osTerm globalTerm syncShutdown memTerm syncTerm "},
-    };
-    for (const auto& c : cases) {
-        failing = c.step;
-        trace = "";
-        expectSilentFailure(c.step);
-        EXPECT_EQ(trace, c.trace);
-    }
-    expectStart();
-}
-
-TEST(Lifecycle, lifecycle_start_without_semaphores_memory_or_keys)
-{
-    int failures = 0;
-    for (uint32 n = 1;; ++n) {
-        createsLeft = n;
-        CapturedFd out(1), err(2);
-        if (eko_init() == 0)
-            break;
-        ++failures;
+// Starts, works and stops as if nothing had been before.
+class Lifecycle : public testing::Test {
+protected:
+    void TearDown() override
+    {
+        failing = trace = "";
+        ASSERT_EQ(eko_init(), 0);
+        EXPECT_EQ(eko_printf("held back"), 9);
+        EXPECT_EQ(logged([] { eko_log("up\n"); }), "held backup\n");
+        eko_term();
+        EXPECT_EQ(trace, std::string(START) + STOP);
         EXPECT_EQ(eko_inited, 0);
-        EXPECT_EQ(out.take() + err.take(), "");
     }
-    createsLeft = 0;
-    eko_term();
-    EXPECT_GE(failures, 8);          // four of memory, the registry's, one of each stack
+};
+
+TEST_F(Lifecycle, lifecycle_failed_step_undoes_the_earlier_ones)
+{
+    const std::string starts[] = {"sync ", "mem ", "global ", "os ", "stdout ", "stderr ", "log "};
+    const std::string undone = "stderrTerm stdoutTerm osTerm globalTerm syncShutdown memTerm syncTerm ";
+    const char* undoneFrom[] = {"", "syncT", "syncS", "glo", "os", "stdout", "stderr"};
+    std::string calls;
+    for (int i = 0; i < 7; ++i) {
+        calls += starts[i];
+        failing = starts[i].substr(0, starts[i].size() - 1);
+        expectSilentFailure(calls + (i ? undone.substr(undone.find(undoneFrom[i])) : ""));
+    }
+}
+
+TEST_F(Lifecycle, lifecycle_start_without_semaphores_memory_or_keys)
+{
+    for (uint32 n = 1; n <= 8; ++n) { // four of memory, the registry's, one of each stack
+        createsLeft = n;
+        expectSilentFailure("sync mem ");
+    }
     for (int n = 0; n < 1100; ++n) { // more often than there are keys for the threads' tags
-        FailNthAlloc fault(1, FailNthAlloc::ALL_FROM_THERE);
+        const FailNthAlloc fault(1, FailNthAlloc::ALL_FROM_THERE);
         ASSERT_EQ(eko_init(), 1002) << n;
-        ASSERT_TRUE(fault.fired());
     }
     std::vector<pthread_key_t> keys;
     for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0;)
         keys.push_back(key);
-    trace = "";
-    expectSilentFailure("no key");
-    EXPECT_EQ(trace, "sync mem syncTerm ");
+    expectSilentFailure("sync mem syncTerm ");
     for (const pthread_key_t key : keys)
         pthread_key_delete(key);
-    expectStart();
 }
 
-TEST(Lifecycle, lifecycle_last_term_stops)
+TEST_F(Lifecycle, lifecycle_stops_log_first)
 {
     ASSERT_EQ(eko_init(), 0);
     trace = "";
     ASSERT_EQ(eko_init(), 0);
-    EXPECT_EQ(eko_inited, 2);
     eko_term();
     EXPECT_EQ(eko_inited, 1);
     EXPECT_EQ(trace, ""); // counted, no more
     EXPECT_EQ(eko_printf("held back"), 9);
+    eko_tmp = EKO_STRDUP("/somewhere", EKO_GLOBAL_TAG);
     CapturedFd out(1);
     eko_term();
-    EXPECT_EQ(eko_inited, 0);
     EXPECT_EQ(out.take(), "held back");
-    EXPECT_EQ(EKO_MUTEX_CREATE(), EKO_SEM_INVALID);
-    expectStart();
+    EXPECT_EQ(trace, STOP);
+    EXPECT_EQ(eko_terminating, 0);
+    EXPECT_EQ(eko_tmp, nullptr);
 }
 
 // A stray term and the init after it start nothing; in between and after, the library is not started.
-TEST(Lifecycle, lifecycle_stray_term)
+TEST_F(Lifecycle, lifecycle_stray_term)
 {
+    eko_term();
     for (const int32 count : {-1, 0}) {
-        trace = "";
-        if (count < 0)
-            eko_term();
-        else
-            EXPECT_EQ(eko_init(), 0);
-        EXPECT_EQ(trace, "");
         EXPECT_EQ(eko_inited, count);
         void* record;
         EXPECT_EQ(EKO_MUTEX_CREATE(), EKO_SEM_INVALID);
         EXPECT_EQ(eko_globalGet("x", 1, nullptr, nullptr, &record), 1003);
         EXPECT_EQ(EKO_ALLOC(8, EKO_GLOBAL_TAG), nullptr);
+        EXPECT_EQ(trace, "");
+        EXPECT_TRUE(count == 0 || eko_init() == 0);
     }
-    expectStart();
 }
 
-TEST(Lifecycle, lifecycle_stops_log_first)
-{
-    ASSERT_EQ(eko_init(), 0);
-    trace = "";
-    eko_tmp = EKO_STRDUP("/somewhere", EKO_GLOBAL_TAG);
-    eko_term();
-    EXPECT_EQ(trace, "logTerm stdoutTerm stderrTerm osTerm! globalTerm! syncShutdown! memTerm! syncTerm! ");
-    EXPECT_EQ(eko_terminating, 0);
-    EXPECT_EQ(eko_tmp, nullptr);
-    expectStart();
-}
-
-TEST(Lifecycle, lifecycle_threads_start_it_once)
+TEST_F(Lifecycle, lifecycle_threads_start_it_once)
 {
     pthread_barrier_t meet;
     pthread_barrier_init(&meet, nullptr, 8);
@@ -239,75 +200,42 @@ TEST(Lifecycle, lifecycle_threads_start_it_once)
         pthread_barrier_wait(&meet);
         eko_term();
     });
-    EXPECT_EQ(trace, "sync mem global os stdout stderr log "
-                     "logTerm stdoutTerm stderrTerm osTerm! globalTerm! syncShutdown! memTerm! syncTerm! ");
-    EXPECT_EQ(eko_inited, 0);
+    EXPECT_EQ(trace, std::string(START) + STOP);
 }
 
-TEST(Lifecycle, lifecycle_raises_the_limit_of_open_files)
+TEST_F(Lifecycle, lifecycle_of_the_operating_system_layer)
 {
     const struct {
         rlim_t soft, hard, raised;
     } cases[] = {{256, 4096, 4096},           {4096, 4096, 4096},          {256, RLIM_INFINITY, 1024},
                  {2048, RLIM_INFINITY, 2048}, {1024, RLIM_INFINITY, 1024}, {1500, 65536, 65536}};
-    rlimit limit;
-    pretended = &limit;
     for (const auto& c : cases) {
         limit = {c.soft, c.hard};
-        limitWrites = 0;
         EXPECT_EQ(eko_osInit(), 0);
         EXPECT_EQ(limit.rlim_cur, c.raised);
         EXPECT_EQ(limit.rlim_max, c.hard);
-        EXPECT_EQ(limitWrites, 1);
     }
+    EXPECT_EQ(limitWrites, 6);
     for (limitErrors = 1; limitErrors <= 2; ++limitErrors)
         EXPECT_EQ(eko_osInit(), 0);
-    pretended = nullptr;
+    EXPECT_EQ(raise(SIGPIPE), 0); // a broken pipe is a status
 }
 
-TEST(Lifecycle, lifecycle_broken_pipe_is_a_status)
+TEST_F(Lifecycle, lifecycle_modes_version_and_assertions)
 {
-    int ends[2];
-    signal(SIGPIPE, SIG_DFL);
-    ASSERT_EQ(eko_init(), 0);
-    ASSERT_EQ(pipe(ends), 0);
-    close(ends[0]);
-    EXPECT_EQ(write(ends[1], "x", 1), -1);
-    EXPECT_EQ(errno, EPIPE);
-    close(ends[1]);
-    eko_term();
-}
-
-TEST(Lifecycle, lifecycle_modes_outlive_the_stop)
-{
-    ASSERT_EQ(eko_init(), 0);
     EXPECT_EQ(eko_readonly + eko_diskless, 0);
     eko_rdonly();
-    EXPECT_EQ(eko_readonly, 1);
     EXPECT_EQ(eko_diskless, 0);
     eko_nodisk();
-    eko_term();
     ASSERT_EQ(eko_init(), 0);
-    EXPECT_EQ(eko_readonly, 1);
-    EXPECT_EQ(eko_diskless, 1);
     eko_term();
+    EXPECT_EQ(eko_readonly + eko_diskless, 2); // they outlive start and stop
     eko_readonly = eko_diskless = 0;
-}
-
-TEST(Lifecycle, lifecycle_version)
-{
     int16 major = -1, minor = -1, build = -1;
-    eko_version(nullptr, nullptr, nullptr);
     eko_version(nullptr, nullptr, &build);
-    EXPECT_EQ(build, 1000);
     eko_version(&major, &minor, nullptr);
-    EXPECT_EQ(major, 12);
-    EXPECT_EQ(minor, 0);
+    EXPECT_TRUE(major == 12 && minor == 0 && build == 1000);
     EXPECT_EQ(eko_isPurifyRunning(), 0);
-}
-
-TEST(Lifecycle, lifecycle_assertion_prints_the_claim_and_aborts)
-{
     EKO_ASSERT(1 + 1 == 2);
     EXPECT_EXIT(EKO_ASSERT(1 + 1 == 3), testing::KilledBySignal(SIGABRT), "assertion failed: 1 \\+ 1 == 3\n");
 }
