@@ -49,7 +49,7 @@ constexpr CONVERSION_ROW CONVERSION_ROWS[] = {
     {"g", {K_FLOAT, 0, F_GSTYLE}},
     {"G", {K_FLOAT, 0, F_GSTYLE | F_UPPER}},
     // DELIBERATE: a is f. There is no hexadecimal output of floats and callers rely on a readable number.
-    // Pinned by Format.a_prints_as_f.
+    // Pinned by Format.floats_depart_from_c.
     {"fa", {K_FLOAT, 0, 0}},
     {"FA", {K_FLOAT, 0, F_UPPER}},
 };
@@ -179,7 +179,7 @@ template <class C> void putString(FormatCtx<C>& ctx, const C* str)
     if (!str) {
         str = TEXT_NULL<C>;
         // DELIBERATE: all of "(null)" or nothing; callers never get a part of it to see.
-        // Pinned by Format.null_arguments.
+        // Pinned by Format.texts_depart_from_c.
         const bool cut =
             ctx.precision != NO_PRECISION && static_cast<size_t>(ctx.precision) < FormatTraits<C>::length(str);
         if (cut)
@@ -238,7 +238,7 @@ template <class C> void storeCount(FormatCtx<C>& ctx)
     case C_PTRDIFF:
         return storeAs<ptrdiff_t>(ctx);
     case C_LDOUBLE:
-        return; // DELIBERATE: takes no argument, as %Ld. Pinned by Format.n_stores_by_modifier.
+        return; // DELIBERATE: takes no argument, as %Ld. Pinned by Format.integers_depart_from_c.
     }
 }
 
@@ -250,7 +250,7 @@ template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
     switch (kind) {
     case K_PERCENT:
         // DELIBERATE: no width for this and for %c; callers rely on exactly one character.
-        // Pinned by Format.c_and_percent_ignore_width.
+        // Pinned by Format.texts_depart_from_c.
         putChar(*ctx.sctx, C('%'));
         return true;
     case K_CHAR:
@@ -277,7 +277,7 @@ template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
             ctx.precision = 1;
         return putFloat(ctx);
     case K_UNKNOWN:
-        return true; // DELIBERATE: silent, without an argument. Pinned by Format.unknown_conversion_is_silent.
+        return true; // DELIBERATE: silent, without an argument. Pinned by Format.texts_depart_from_c.
     }
     return true;
 }

@@ -78,7 +78,7 @@ template <class C> void carry(FltFormat<C>& field, uint64 one)
 template <class C> bool splitValue(FormatCtx<C>& ctx, FltFormat<C>& field, long double value)
 {
     // DELIBERATE: the digits of a larger precision are not printed, and not counted. Callers rely on getting
-    // no digits that the arithmetic does not have. Pinned by Format.float_has_at_most_19_fraction_digits.
+    // no digits that the arithmetic does not have. Pinned by Format.floats_depart_from_c.
     if (ctx.precision > MAX_FRACTION_DIGITS)
         ctx.precision = MAX_FRACTION_DIGITS;
     long double u = value < 0.0L ? -value : value;
@@ -86,13 +86,13 @@ template <class C> bool splitValue(FormatCtx<C>& ctx, FltFormat<C>& field, long 
         u /= power_of_10(field.exponent);
     field.intpart = cast_double(u);
     // DELIBERATE: the whole call fails, it does not print such a value in another way. Callers rely on -1 as
-    // the sign of a value that is out of range. Pinned by Format.fixed_float_beyond_64_bits_fails_the_call.
+    // the sign of a value that is out of range. Pinned by Format.floats_depart_from_c.
     // A long double so small that its power of ten is 0 comes out as infinite here, and fails like that.
     if (field.intpart == UINT64_MAX)
         return false;
     const uint64 one = POWERS_OF_10[ctx.precision];
     // DELIBERATE: a half goes up, not to the even digit. Callers rely on 0.125 being 0.13.
-    // Pinned by Format.float_half_goes_up.
+    // Pinned by Format.floats_depart_from_c.
     field.fracpart = round_float((u - static_cast<long double>(field.intpart)) * static_cast<long double>(one));
     carry(field, one);
     return true;
@@ -129,7 +129,7 @@ template <class C> void layOutExponent(const FormatCtx<C>& ctx, FltFormat<C>& fi
     int32 rest = field.exponent < 0 ? -field.exponent : field.exponent;
     int32 n = 0;
     // DELIBERATE: of four digits, which only a long double has, the first is lost. Callers rely on exponents
-    // of at most five characters. Pinned by Format.exponent_keeps_three_digits.
+    // of at most five characters. Pinned by Format.floats_depart_from_c.
     do {
         field.econvert[n++] = C('0' + rest % 10);
         rest /= 10;
@@ -224,7 +224,7 @@ template <class C> bool putFloat(FormatCtx<C>& ctx)
     if (ctx.precision == NO_PRECISION)
         ctx.precision = DEFAULT_PRECISION;
     // DELIBERATE: decided by comparing, so negative zero and NaN have no minus. Callers compare texts and rely
-    // on one zero. Pinned by Format.negative_zero_and_nan_have_no_minus.
+    // on one zero. Pinned by Format.floats_depart_from_c.
     field.sign = signFor(ctx, value < 0.0L);
     if (const C* word = wordFor(ctx, value)) {
         putWord(ctx, field.sign, word, FormatTraits<C>::length(word));

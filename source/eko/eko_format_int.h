@@ -44,15 +44,15 @@ template <class C> uint64 fetchInteger(FormatCtx<C>& ctx)
     case C_INTMAX:
         return fetchAs<int64, uint64, int64>(ctx);
     case C_SIZE:
-        // DELIBERATE: unsigned even for %d. Callers print sizes with %zd. Pinned by Format.zd_is_unsigned.
+        // DELIBERATE: unsigned even for %d. Callers print sizes with %zd. Pinned by Format.integers_depart_from_c.
         return va_arg(ctx.sctx->args, size_t);
     case C_PTRDIFF:
         // DELIBERATE: extended by its sign even for %u and %x, to 64 bits on every platform: callers print
-        // differences with them. Pinned by Format.t_is_signed.
+        // differences with them. Pinned by Format.integers_depart_from_c.
         return static_cast<uint64>(int64{va_arg(ctx.sctx->args, ptrdiff_t)});
     case C_LDOUBLE:
         // DELIBERATE: takes no argument, so the next directive gets this one's; callers' formats are written
-        // for that. Pinned by Format.L_integer_takes_no_argument.
+        // for that. Pinned by Format.integers_depart_from_c.
         return 0;
     case C_DEFAULT:
         break;
@@ -90,7 +90,7 @@ template <class C> void choosePrefix(FormatCtx<C>& ctx, IntFormat<C>& field)
     } else if (ctx.base == 8) {
         field.prefix = TEXT_OCTAL<C>;
         // DELIBERATE: a precision of 0 thereby becomes none, so that %0#6.0o pads with zeros. Callers rely on
-        // the width being filled that way. Pinned by Format.octal_prefix_takes_a_precision_of_0.
+        // the width being filled that way. Pinned by Format.integers_depart_from_c.
         if (ctx.precision != NO_PRECISION)
             --ctx.precision;
     }
@@ -100,7 +100,7 @@ template <class C> void layOutPadding(const FormatCtx<C>& ctx, IntFormat<C>& fie
 {
     // DELIBERATE: separators count against the precision here, and again beside it in the width, so a grouped
     // field can come out shorter than its width. Callers' columns rely on it.
-    // Pinned by FormatLocale.separators_count_against_the_precision.
+    // Pinned by FormatLocale.groups_digits_and_counts_separators_against_the_precision.
     const int64 zeros = int64{ctx.precision} - field.separators - field.len;
     field.zpadlen = zeros > 0 ? static_cast<int32>(zeros) : 0;
 
