@@ -1,11 +1,7 @@
 #include "support/syscalls.h"
 
-#include <errno.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <time.h>
-#include <unistd.h>
 
 #include "ekoint.h"
 

@@ -5,7 +5,12 @@
 #ifndef EKO_TESTS_SYSCALLS_H
 #define EKO_TESTS_SYSCALLS_H
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stddef.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "base.h"
 
