@@ -176,8 +176,10 @@ TEST_F(SyncTest, sync_wait_restarts_its_period)
         EXPECT_TRUE(deadlines.at(i).tv_sec == time_t(1001 + i) && deadlines.at(i).tv_nsec == 750000000);
     EXPECT_EQ(eko_syncWait(event, 0), 1001);
     inThreads(5, [event](uint32 i) { // some wait by the time of the signal, others come later: all pass
-        if (i == 0)
-            eko_sleep(5), eko_syncResume(event);
+        if (i == 0) {
+            eko_sleep(5);
+            eko_syncResume(event);
+        }
         EXPECT_EQ(eko_syncWait(event, EKO_FOREVER), 0);
     });
     eko_syncDelete(event);
