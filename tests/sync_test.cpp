@@ -57,7 +57,7 @@ void* slowAlloc(size_t size, ALLOCATOR alctr)
 
 TEST_F(SyncTest, sync_row_needs_a_block_and_only_one)
 {
-    std::vector<EKO_SEM> made[4] = {create(1024 - syncSlotsInUse())};
+    std::vector<EKO_SEM> made[5] = {create(1024 - syncSlotsInUse())};
     const std::string said = logged([] {
         const FailNthOnTag fault(EKO_GLOBAL_TAG, 1);
         EXPECT_EQ(EKO_MUTEX_CREATE(), EKO_SEM_INVALID);
@@ -66,12 +66,11 @@ TEST_F(SyncTest, sync_row_needs_a_block_and_only_one)
     const size_t bytes = currentUsage().globalBytes;
     made[0].push_back(EKO_MUTEX_CREATE());
     const size_t block = currentUsage().globalBytes - bytes;
-    deleteAll(made[0]);
     const FailNthOnTag noFault(EKO_GLOBAL_TAG, 0xFFFFFFFF); // puts the tag's own function back
     allocOfGlobalTag = std::exchange(memResolve(EKO_GLOBAL_TAG)->t_fcns.alloc_fcn, slowAlloc);
-    inThreads(4, [&made](uint32 i) { made[i] = create(1200); }); // all of them allocate one for the next row
-    EXPECT_LT(currentUsage().globalBytes, bytes + 5 * block);
-    std::for_each(made, made + 4, deleteAll);
+    inThreads(4, [&made](uint32 i) { made[i + 1] = create(1200); }); // all of them allocate one for the next row
+    EXPECT_LT(currentUsage().globalBytes, bytes + 6 * block);
+    std::for_each(made, made + 5, deleteAll);
     acceptUsage(); // the rows stay
 }
 
@@ -134,31 +133,31 @@ TEST_F(SyncTest, sync_wrong_handles_are_reported_once)
     ASSERT_EQ(eko_init(), 0);
 }
 
-// The thread sanitizer, which takes this for a fault, must be told before the process starts.
 TEST(SyncMisuse, sync_exit_does_not_check_the_caller)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("TSAN_OPTIONS", "halt_on_error=1:report_mutex_bugs=0", 1);
+    setenv("TSAN_OPTIONS", "halt_on_error=1:report_mutex_bugs=0", 1); // read as the process starts
     const auto useAndMisuse = [] {
         EXPECT_EQ(eko_init(), 0);
         const EKO_SEM mutex = EKO_MUTEX_CREATE();
-        for (int round = 0; round < 3; ++round) {
-            std::atomic<int> counts[2] = {0, 0}; // in the mutex, in the critical section
-            inThreads(4, [&](uint32) {
-                for (int i = 0; i < 10000; ++i) {
+        for (int round = 0; round < 2; ++round) {
+            std::atomic<int> inside = 0;
+            const auto visit = [&](uint32) {
+                for (int i = 0; i < 50; ++i) {
                     for (const auto call : {eko_syncEnterExcl, eko_syncEnterExcl, eko_syncExitExcl})
                         call(mutex);
-                    counts[0] = counts[0] + 1;
+                    EXPECT_EQ(inside++, 0);
+                    eko_sleep(i == 0 ? 5 : 0);
+                    --inside;
                     eko_syncExitExcl(mutex);
-                    eko_enterCritSec();
-                    counts[1] = counts[1] + 1;
-                    eko_exitCritSec();
                 }
-            });
-            EXPECT_EQ(counts[0] + counts[1], 80000);
-            if (round == 1)
-                eko_syncEnterExcl(mutex);
-            inThreads(1, [mutex](uint32) { eko_syncExitExcl(mutex); }); // nobody's, another's, nobody's
+            };
+            std::thread others([visit] { inThreads(3, visit); });
+            visit(0);
+            others.join();
+            eko_syncEnterExcl(mutex);
+            inThreads(1, [mutex](uint32) { eko_syncExitExcl(mutex); }); // another's
+            eko_syncExitExcl(mutex);                                    // nobody's
         }
         _Exit(HasFailure() ? 1 : 0);
     };
@@ -176,10 +175,9 @@ TEST_F(SyncTest, sync_wait_restarts_its_period)
         EXPECT_TRUE(deadlines.at(i).tv_sec == time_t(1001 + i) && deadlines.at(i).tv_nsec == 750000000);
     EXPECT_EQ(eko_syncWait(event, 0), 1001);
     inThreads(5, [event](uint32 i) { // some wait by the time of the signal, others come later: all pass
-        if (i == 0) {
-            eko_sleep(5);
+        eko_sleep(2 * i);
+        if (i == 3)
             eko_syncResume(event);
-        }
         EXPECT_EQ(eko_syncWait(event, EKO_FOREVER), 0);
     });
     eko_syncDelete(event);

@@ -108,7 +108,7 @@ TEST(Thread, thread_priorities_divide_the_range)
         int min, max, readsLeft, setResult, level, status, set;
     } cases[] = {{1, 99, 3, 0, EKO_PRIORITY_LOW, 0, 25},
                  {1, 99, 3, 0, EKO_PRIORITY_NORMAL, 0, 50},
-                 {1, 99, 3, 0, EKO_PRIORITY_HIGH, 0, 74},
+                 {-10, 5, 3, 0, EKO_PRIORITY_HIGH, 0, 1},
                  {-10, 5, 3, EPERM, EKO_PRIORITY_LOW, 1002, -6},
                  {1, 99, 3, 0, 2, 1002, -7},
                  {1, 99, 3, 0, -2, 1002, -7},
