@@ -29,6 +29,37 @@ typedef struct EKOFTAB* EKO_FH;
 #define EKO_FILE_INMEMORY ((uint16)0x0040) /**< the file lives in memory, not on disk */
 #define EKO_FILE_NOSYNC ((uint16)0x0200)   /**< eko_fileSync does nothing */
 
+/* ---- three backings ------------------------------------------------------------------------------------- *
+ *
+ * Disk (no flag). The calls of the operating system.
+ *
+ * Memory (EKO_FILE_INMEMORY). The file is in a tree of directories that lives in the process until the library
+ * stops, apart from the disk and from its modes. Names are found without regard to letter case (of ASCII letters);
+ * "\" separates as "/" does; "." and ".." steps are resolved. A name without a leading "/" starts in the current
+ * directory ("/" in diskless mode). Of the open flags only O_CREAT counts: it makes the file, and every directory on
+ * the way; O_TRUNC implies it, but cuts nothing, and O_EXCL does not refuse. Bytes never written read as zero, but
+ * those that a shrink cut off may come back when the file grows again. A file that is removed while it is open
+ * loses its bytes at once: its handles then read 0 and fail to write. A file lock is a plain mutex here: while one
+ * thread holds it, the others wait in every read, write and open of that file, and those opens make all that
+ * is done in the same directory wait; so a thread should open and close nothing in memory while it holds one.
+ *
+ * Mapped (EKO_FILE_MAPPED). A disk file seen through at most ten views of 1 MiB.
+ *   - Only the positional calls move bytes: eko_fileRead and eko_fileWrite answer 0, eko_fileSeek 1002, and
+ *     EKO_FILE_NO_OFFSET is no position.
+ *   - A write must not cross a multiple of 1 MiB. The piece behind the boundary is NOT written there: it is written
+ *     again where the write began. Cut writes at the boundary.
+ *   - Opening for writing extends the file to the next multiple of 1 MiB, with zeros, and so does a write that ends
+ *     beyond its end; eko_fileLength tells that length. eko_fileSetSize also rounds up, and does nothing when the
+ *     size is such a multiple already. To give the file its true length, set it through a handle that is not mapped.
+ *   - A write beyond the end that would end exactly on a multiple of 1 MiB fails; eko_fileSetSize to one byte more
+ *     makes the room.
+ *   - Open with O_RDWR to write: a page cannot be written only. A handle opened O_WRONLY fails at the first
+ *     access, one opened O_RDONLY at the first write.
+ *   - Nothing may shorten the file meanwhile, and the disk must have room for its holes: the system ends a process
+ *     (SIGBUS) that touches a page which is not there.
+ *   - In a 32-bit build only the first 4 GiB can be mapped: offsets beyond are taken modulo 4 GiB.
+ *   - In read-only mode a write moves nothing, while eko_fileSetSize still resizes. */
+
 /* ---- handles -------------------------------------------------------------------------------------------- *
  *
  * Null for a handle, or for the name of a file, is refused: 1002, EKO_FILE_IO_FAILED, no size, no time. */
@@ -40,11 +71,10 @@ typedef struct EKOFTAB* EKO_FH;
  *  flags   open flags of the system, from <fcntl.h>: O_RDONLY, O_CREAT and so on; O_TRUNC implies O_CREAT. New
  *          files get the mode 0666 less the umask. Descriptors are inherited by children unless O_CLOEXEC is among
  *          them.
- *  xflags  EKO_FILE_... In this version there are no files in memory and no mapped views yet: an open with
- *          EKO_FILE_INMEMORY, or of a disk file with EKO_FILE_MAPPED, returns null. Standard streams are never
- *          mapped.
- *  Returns the handle, or null: library not started, null name, no memory, refused by the system, or refused
- *  by read-only mode (any of write, read-write, create) or by diskless mode (any disk file). errno then tells
+ *  xflags  EKO_FILE_..., see "three backings" below. Standard streams and files in memory are never mapped.
+ *  Returns the handle, or null: library not started, null name, no memory, refused by the system, no such file in
+ *  memory, a map that cannot be made, or refused by read-only mode (any of write, read-write, create) or by
+ *  diskless mode (any disk file). errno then tells
  *  the system's reason, and is left alone where the library itself refuses. A directory opens for reading.
  *  eko_fileOpenW takes the name as a wide string. */
 EKO_API EKO_FH eko_fileOpen(const char* name, uint32 flags, uint16 xflags);
@@ -60,7 +90,7 @@ EKO_API int32 eko_fileSeek(EKO_FH fh, EKO_FILE_OFFSET off, int32 origin);
 /** Moves bytes at the current position. Returns the bytes moved, which may be fewer than asked, 0 at the end of
  *  the file; EKO_FILE_IO_FAILED on error, after "Write failed, errno = %d\n" on standard error, or
  *  "Read failed, errno = %d\n" in the log. 0 for size 0, for a mapped handle, and for writes in read-only
- *  mode: a loop "until all is written" must stop at 0. */
+ *  mode, to files in memory excepted: a loop "until all is written" must stop at 0. */
 EKO_API uint32 eko_fileWrite(EKO_FH fh, const void* buf, uint32 size);
 EKO_API uint32 eko_fileRead(EKO_FH fh, void* buf, uint32 size);
 
@@ -74,11 +104,12 @@ EKO_API uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint3
 /** The file's size in bytes; 0 when it cannot be had. */
 EKO_API EKO_FILE_OFFSET eko_fileLength(EKO_FH fh);
 
-/** The size of the file of that name; EKO_FILE_NO_OFFSET when there is none. In a 32-bit build a disk file of
- *  2 GiB or more counts as absent. */
+/** The size of the file of that name; EKO_FILE_NO_OFFSET when there is none on disk, 0 when there is none in memory.
+ *  In a 32-bit build a disk file of 2 GiB or more counts as absent. */
 EKO_API EKO_FILE_OFFSET eko_fileLengthStat(const char* name, uint16 xflags);
 
-/** Cuts or extends a file. Returns 0, or not 0 on failure: -1 in read-only mode. */
+/** Cuts or extends a file. Returns 0, or not 0 on failure: -1 in read-only mode, 1003 when a file in memory cannot
+ *  be given that size. */
 EKO_API int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size);
 
 /** Locks a file against other processes and against other threads of this one that lock through the same
@@ -96,7 +127,7 @@ EKO_API void eko_fileUnlock(EKO_FH fh);
 EKO_API int32 eko_fileSync(EKO_FH fh);
 
 /** The time of the last change to the file of that name; -1 when it cannot be had, and for a disk file in
- *  diskless mode. */
+ *  diskless mode; 0 for a file in memory that does not exist or was never written. */
 EKO_API time64_t eko_fileModTimeStat(const char* name, uint16 xflags);
 
 /* ---- descriptors: no modes, no checks, no state -------------------------------------------------------- */

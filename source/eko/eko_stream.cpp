@@ -402,20 +402,28 @@ MemResult firstBuffer(DYNAMIC_LINE* dl, EKO_MEMTAG tag)
 
 } // namespace
 
-char* eko_fGetLine(EKO_FILE_STREAM fh, char** buf, uint32* len, EKO_MEMTAG tag)
+char* tryGetLine(EKO_FILE_STREAM fh, char** buf, uint32* len, EKO_MEMTAG tag, MemResult* result)
 {
+    *result = MemResult::refused;
     if (!fh || !buf || !len || !readableInLines(contextOf(fh)))
         return nullptr;
     DYNAMIC_LINE dl = {contextOf(fh), *buf, *len, 0};
     bool found = false;
-    MemResult result = firstBuffer(&dl, tag);
-    if (result == MemResult::done) {
-        result = readWholeLine(&dl, tag, &found);
+    *result = firstBuffer(&dl, tag);
+    if (*result == MemResult::done) {
+        *result = readWholeLine(&dl, tag, &found);
         *buf = dl.line;
         *len = dl.len;
     }
-    memFail(result, tag, __FILE__, __LINE__);
     return found ? dl.line : nullptr;
+}
+
+char* eko_fGetLine(EKO_FILE_STREAM fh, char** buf, uint32* len, EKO_MEMTAG tag)
+{
+    MemResult result;
+    char* line = tryGetLine(fh, buf, len, tag, &result);
+    memFail(result, tag, __FILE__, __LINE__);
+    return line;
 }
 
 // ---- writing ----------------------------------------------------------------------------------------------

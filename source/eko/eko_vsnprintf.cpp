@@ -43,6 +43,15 @@ int eko_snprintf(char* str, size_t size, const char* fmt, ...)
     return len;
 }
 
+char* tryMakeStr(MemResult* result, EKO_MEMTAG tag, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    char* const str = tryAppend<char>(tag, nullptr, fmt, args, result);
+    va_end(args);
+    return str;
+}
+
 // memFail may leave by longjmp: each call ends its argument list first.
 
 char* eko_makeStrV(const char* file, uint32 line, EKO_MEMTAG tag, const char* fmt, va_list args)

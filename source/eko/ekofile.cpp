@@ -9,7 +9,8 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "ekofile_int.h"
+#include "ekomemmap_int.h"
+#include "ekomf_int.h"
 
 namespace {
 
@@ -47,16 +48,6 @@ EKO_FILE_GLOBALS* eko_fileGlobals()
     return static_cast<EKO_FILE_GLOBALS*>(globalRecord(fileSlot));
 }
 
-// ---- modes ------------------------------------------------------------------------------------------------
-
-bool readOnlyMode()
-{
-    return readUnlocked(eko_readonly) != 0;
-}
-bool disklessMode()
-{
-    return readUnlocked(eko_diskless) != 0;
-}
 bool hasDescriptor(const EKOFTAB* fh)
 {
     return fh->f_desc != EKO_FDESC_NONE;
@@ -64,17 +55,10 @@ bool hasDescriptor(const EKOFTAB* fh)
 
 // ---- backings ---------------------------------------------------------------------------------------------
 
-// Where the memory file system will open fh->f_name into fh->f_mem. There is none yet, so no such file exists.
-int32 openInMemory(EKOFTAB* /*fh*/)
+int32 openInMemory(EKOFTAB* fh, MemResult* result)
 {
-    return EKO_FAILED;
-}
-
-// Where a mapped-view cache will be put over fh->f_desc, into fh->f_map. There is none yet, so no file can be
-// mapped.
-int32 openMappedViews(EKOFTAB* /*fh*/)
-{
-    return EKO_FAILED;
+    fh->f_mem = eko_mfOpen(fh->f_name, fh->f_flags, result);
+    return fh->f_mem ? EKO_OK : EKO_FAILED;
 }
 
 struct StdName {
@@ -104,10 +88,11 @@ int32 openDisk(EKOFTAB* fh)
     return eko_flOpen(fh->f_name, fh->f_flags, fh->f_xflags, &fh->f_desc);
 }
 
-int32 openBacking(EKOFTAB* fh)
+int32 openBacking(EKOFTAB* fh, MemResult* result)
 {
+    *result = MemResult::refused;
     if (fh->f_xflags & EKO_FILE_INMEMORY)
-        return openInMemory(fh);
+        return openInMemory(fh, result);
     return openStd(fh) ? EKO_OK : openDisk(fh);
 }
 
@@ -147,6 +132,14 @@ void freeRecord(EKOFTAB* fh, EKO_MEMTAG tag)
 
 void closeBacking(EKOFTAB* fh)
 {
+    if (fh->f_map)
+        eko_mapClose(fh->f_map);
+    fh->f_map = nullptr;
+    if (fh->f_mem) {
+        eko_mfClose(fh->f_mem);
+        fh->f_mem = nullptr;
+        return;
+    }
     if (!hasDescriptor(fh)) {
         if (strcmp(fh->f_name, "stdout") != 0)
             eko_log("Inconsistent file state %s\n", fh->f_name);
@@ -170,8 +163,10 @@ EKO_SEM lockOf(EKOFTAB* fh)
     return sem;
 }
 
-uint32 checkedPositional(uint32 count, const char* what)
+// What a positional call has to say when it failed: that memory ran out, and the failure itself.
+uint32 checkedPositional(uint32 count, const char* what, MemResult result)
 {
+    memReportIf(result, __FILE__, __LINE__);
     if (count == EKO_FILE_IO_FAILED) {
         const ErrnoGuard keepErrno;
         eko_log("Failed to seek and %s, errno = %d\n", what, errno);
@@ -191,17 +186,18 @@ EKO_FH tryOpenFile(const char* name, uint32 flags, uint16 xflags, int32* status)
         return nullptr;
     MemResult result;
     EKOFTAB* fh = newRecord(name, flags, xflags, globals->fileTag, &result);
+    if (fh && openBacking(fh, &result) != EKO_OK) {
+        freeRecord(fh, globals->fileTag);
+        fh = nullptr;
+    }
+    if (fh && toBeMapped(fh) && eko_mapOpen(fh->f_desc, fh->f_flags, &fh->f_map, &result) != EKO_OK) {
+        fh->f_map = nullptr;
+        eko_fileClose(fh);
+        fh = nullptr;
+    }
     if (!fh) {
         if (result == MemResult::exhausted)
             *status = EKO_NO_MEMORY;
-        return nullptr;
-    }
-    if (openBacking(fh) != EKO_OK) {
-        freeRecord(fh, globals->fileTag);
-        return nullptr;
-    }
-    if (toBeMapped(fh) && openMappedViews(fh) != EKO_OK) {
-        eko_fileClose(fh);
         return nullptr;
     }
     fh->f_flags &= ~(OPEN_TRUNCATE | OPEN_CREATE);
@@ -246,8 +242,42 @@ void eko_fileClose(EKO_FH fh)
 
 int32 eko_fileSeek(EKO_FH fh, EKO_FILE_OFFSET off, int32 origin)
 {
-    return fh && !fh->f_map ? eko_flSeek(fh->f_desc, off, origin) : EKO_FAILED;
+    if (!fh || fh->f_map)
+        return EKO_FAILED;
+    return fh->f_mem ? eko_mfSeek(fh->f_mem, off, origin) : eko_flSeek(fh->f_desc, off, origin);
 }
+
+namespace {
+
+uint32 writeInMemory(EKOFTAB* fh, const void* buf, uint32 size)
+{
+    MemResult result;
+    const uint32 count = eko_mfWrite(fh->f_mem, buf, size, &result);
+    memReportIf(result, __FILE__, __LINE__);
+    return count;
+}
+
+uint32 writeAt(EKOFTAB* fh, EKO_FILE_OFFSET off, const void* buf, uint32 size, MemResult* result)
+{
+    if (fh->f_mem)
+        return off == EKO_FILE_NO_OFFSET ? eko_mfWrite(fh->f_mem, buf, size, result)
+                                         : eko_mfSeekWrite(fh->f_mem, off, buf, size, result);
+    if (fh->f_map)
+        return eko_mapSeekWrite(fh->f_map, off, buf, size, result);
+    return hasDescriptor(fh) ? eko_flSeekWrite(fh->f_desc, off, buf, size) : EKO_FILE_IO_FAILED;
+}
+
+uint32 readAt(EKOFTAB* fh, EKO_FILE_OFFSET off, void* buf, uint32 size, MemResult* result)
+{
+    if (fh->f_mem)
+        return off == EKO_FILE_NO_OFFSET ? eko_mfRead(fh->f_mem, buf, size)
+                                         : eko_mfSeekRead(fh->f_mem, off, buf, size);
+    if (fh->f_map)
+        return eko_mapSeekRead(fh->f_map, off, buf, size, result);
+    return hasDescriptor(fh) ? eko_flSeekRead(fh->f_desc, off, buf, size) : EKO_FILE_IO_FAILED;
+}
+
+} // namespace
 
 // DELIBERATE: in read-only mode a write moves nothing and is no failure, here as in eko_fileSeekWrite, so that a
 // program can run against files that it must not change. Pinned by file_read_only_mode.
@@ -255,7 +285,11 @@ uint32 eko_fileWrite(EKO_FH fh, const void* buf, uint32 size)
 {
     if (!fh)
         return EKO_FILE_IO_FAILED;
-    if (size == 0 || fh->f_map || readOnlyMode())
+    if (size == 0 || fh->f_map)
+        return 0;
+    if (fh->f_mem)
+        return writeInMemory(fh, buf, size);
+    if (readOnlyMode())
         return 0;
     const uint32 count = eko_flWrite(fh->f_desc, buf, size);
     if (count == EKO_FILE_IO_FAILED) {
@@ -271,6 +305,8 @@ uint32 eko_fileRead(EKO_FH fh, void* buf, uint32 size)
         return EKO_FILE_IO_FAILED;
     if (size == 0 || fh->f_map)
         return 0;
+    if (fh->f_mem)
+        return eko_mfRead(fh->f_mem, buf, size);
     const uint32 count = eko_flRead(fh->f_desc, buf, size);
     if (count == EKO_FILE_IO_FAILED) {
         const ErrnoGuard keepErrno;
@@ -283,10 +319,11 @@ uint32 eko_fileSeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32
 {
     if (!fh)
         return EKO_FILE_IO_FAILED;
-    if (size == 0 || readOnlyMode())
+    if (size == 0 || (readOnlyMode() && !fh->f_mem))
         return 0;
-    const uint32 count = hasDescriptor(fh) ? eko_flSeekWrite(fh->f_desc, off, buf, size) : EKO_FILE_IO_FAILED;
-    return checkedPositional(count, "write");
+    MemResult result = MemResult::done;
+    const uint32 count = writeAt(fh, off, buf, size, &result);
+    return checkedPositional(count, "write", result);
 }
 
 uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size)
@@ -295,28 +332,52 @@ uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size)
         return EKO_FILE_IO_FAILED;
     if (size == 0)
         return 0;
-    const uint32 count = hasDescriptor(fh) ? eko_flSeekRead(fh->f_desc, off, buf, size) : EKO_FILE_IO_FAILED;
-    return checkedPositional(count, "read");
+    MemResult result = MemResult::done;
+    const uint32 count = readAt(fh, off, buf, size, &result);
+    return checkedPositional(count, "read", result);
 }
 
 // ---- size, time, sync -------------------------------------------------------------------------------------
 
 EKO_FILE_OFFSET eko_fileLength(EKO_FH fh)
 {
-    return fh ? eko_flSize(fh->f_desc) : 0;
+    if (!fh)
+        return 0;
+    return fh->f_mem ? eko_mfSize(fh->f_mem) : eko_flSize(fh->f_desc);
 }
 
 EKO_FILE_OFFSET eko_fileLengthStat(const char* name, uint16 xflags)
 {
-    if (!name || (xflags & EKO_FILE_INMEMORY)) // no file is in memory yet
+    if (!name)
         return EKO_FILE_NO_OFFSET;
-    return narrowStatSize(name);
+    if (!(xflags & EKO_FILE_INMEMORY))
+        return narrowStatSize(name);
+    MemResult result;
+    const EKO_FILE_OFFSET size = eko_mfSizeStat(name, &result);
+    memReportIf(result, __FILE__, __LINE__);
+    return size;
 }
+
+namespace {
+
+int32 setSizeInMemory(EKOFTAB* fh, EKO_FILE_OFFSET size)
+{
+    MemResult result;
+    const int32 status = eko_mfSetSize(fh->f_mem, size, &result);
+    memReportIf(result, __FILE__, __LINE__);
+    return status;
+}
+
+} // namespace
 
 int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size)
 {
     if (!fh)
         return EKO_FAILED;
+    if (fh->f_map)
+        return eko_mapSetSize(fh->f_map, size);
+    if (fh->f_mem)
+        return setSizeInMemory(fh, size);
     return readOnlyMode() ? -1 : eko_flSetSize(fh->f_desc, size);
 }
 
@@ -326,14 +387,21 @@ int32 eko_fileSync(EKO_FH fh)
         return EKO_FAILED;
     if ((fh->f_xflags & (EKO_FILE_INMEMORY | EKO_FILE_NOSYNC)) || readOnlyMode())
         return EKO_OK;
-    return eko_flSync(fh->f_desc);
+    if (fh->f_map)
+        eko_mapSync(fh->f_map);
+    return eko_flSync(fh->f_desc); // behind the views: this is what makes them durable
 }
 
 time64_t eko_fileModTimeStat(const char* name, uint16 xflags)
 {
-    if (!name || (xflags & EKO_FILE_INMEMORY) || disklessMode()) // no file is in memory yet
+    if (!name)
         return -1;
-    return eko_flModTime(name);
+    if (!(xflags & EKO_FILE_INMEMORY))
+        return disklessMode() ? -1 : eko_flModTime(name);
+    MemResult result;
+    const time64_t seconds = eko_mfModTime(name, &result);
+    memReportIf(result, __FILE__, __LINE__);
+    return seconds;
 }
 
 // ---- locks ------------------------------------------------------------------------------------------------
@@ -344,6 +412,8 @@ int32 eko_fileLock(EKO_FH fh)
 {
     if (!fh)
         return EKO_FAILED;
+    if (fh->f_mem)
+        return eko_mfLock(fh->f_mem);
     const EKO_SEM sem = lockOf(fh);
     if (sem != EKO_SEM_INVALID)
         eko_syncEnterExcl(sem);
@@ -357,6 +427,10 @@ void eko_fileUnlock(EKO_FH fh)
 {
     if (!fh)
         return;
+    if (fh->f_mem) {
+        eko_mfUnlock(fh->f_mem);
+        return;
+    }
     eko_flUnlock(fh->f_desc);
     const EKO_SEM sem = readPublished(fh->f_lock);
     if (sem != EKO_SEM_INVALID)

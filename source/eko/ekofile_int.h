@@ -26,6 +26,29 @@ time64_t eko_flModTime(const char* path);
 // The size of a name that the narrow stat accepts; EKO_FILE_NO_OFFSET when it does not.
 EKO_FILE_OFFSET narrowStatSize(const char* path);
 
+// ---- directories (ekounix_dir.cpp) ------------------------------------------------------------------------
+// Names come as the system lists them, "." and ".." among them. `result` says when memory ran out.
+
+using EKO_DIR_ENTRY = struct FILE_DIR_ENTRY*;
+
+EKO_DIR_ENTRY eko_flPathOpen(const char* path, const char* pattern, MemResult* result);
+// The next name that matches, valid until the next call or the close; null at the end.
+const char* eko_flPathNext(EKO_DIR_ENTRY dir, int32* isdir, MemResult* result);
+void eko_flPathClose(EKO_DIR_ENTRY dir);
+int32 getPathType(EKO_DIR_ENTRY dir, const char* name);
+
+// ---- names (ekofile_path.cpp, ekofile_match.cpp) ----------------------------------------------------------
+
+// Whether a name fits a pattern of "*" and "?", without regard to case. Neither recursion nor memory.
+bool eko_match(const char* name, const char* pattern);
+
+// As the exported calls, without report or jump.
+int32 tryRemove(const char* name, uint16 xflags, MemResult* result);
+int32 tryRename(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags, MemResult* result);
+char* tryCurrdir(EKO_MEMTAG tag, MemResult* result);
+char* tryFullpath(const char* path, EKO_MEMTAG tag, MemResult* result);
+int32 tryPathSplit(const char* path, char** dir, char** file, EKO_MEMTAG tag, MemResult* result);
+
 // ---- mappings (ekounix_map.cpp) ---------------------------------------------------------------------------
 
 struct EKO_OSMAPINFO {
@@ -45,8 +68,8 @@ void eko_mpFlushView(void* view, size_t size);
 
 // ---- handles (ekofile.cpp) --------------------------------------------------------------------------------
 
-using EKO_MFH = struct MF_HANDLE*;   // an open memory file
-using EKO_MAP = struct EKO_MAPINFO*; // a mapped-view cache
+using EKO_MFH = struct MF_FILE_HANDLE*; // an open memory file (ekomf_int.h)
+using EKO_MAP = struct EKO_MAPINFO*;    // a mapped-view cache (ekomemmap_int.h)
 
 struct EKOFTAB {
     char* f_name;

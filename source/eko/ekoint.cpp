@@ -1,4 +1,5 @@
-// The formatter's arithmetic in extended precision, shared by its narrow and its wide form.
+// What several modules share: text compared without regard to case, and the formatter's arithmetic in extended
+// precision, for its narrow and its wide form.
 //
 // Everything is long double by name: the results are the same on both word sizes, whatever unit the compiler
 // uses for plain doubles. Powers of ten are stepped, not looked up: get_exponent and power_of_10 round alike
@@ -13,6 +14,16 @@ constexpr long double ALL_ONES = 18446744073709551615.0L;
 constexpr uint64 TOP_BIT = 0x8000000000000000u;
 
 } // namespace
+
+// Said here and not by the C library's call, whose order changes with the locale.
+int32 compareNoCase(const char* a, const char* b)
+{
+    while (*a && upperAscii(*a) == upperAscii(*b)) {
+        ++a;
+        ++b;
+    }
+    return static_cast<uint8>(upperAscii(*a)) - static_cast<uint8>(upperAscii(*b));
+}
 
 // 10 to the power n; infinite or 0 where extended precision ends.
 long double power_of_10(int32 n)

@@ -44,6 +44,22 @@ template <class T> inline void publish(T& v, T value)
     __atomic_store_n(&v, value, __ATOMIC_RELEASE);
 }
 
+// ---- text without regard to letter case -------------------------------------------------------------------
+// Names of files, sections and entries are compared so. Only ASCII letters are folded, whatever the locale: order and
+// equality must not change while names are kept sorted by them.
+
+inline char upperAscii(char c)
+{
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+// Below, equal to or above 0, as strcmp, by unsigned bytes.
+int32 compareNoCase(const char* a, const char* b);
+inline bool equalNoCase(const char* a, const char* b)
+{
+    return compareNoCase(a, b) == 0;
+}
+
 // ---- guards -----------------------------------------------------------------------------------------------
 // None may be alive across a call that can longjmp, end the thread or call back into the caller.
 
@@ -90,6 +106,17 @@ public:
 private:
     int saved_;
 };
+
+// ---- modes ------------------------------------------------------------------------------------------------
+
+inline bool readOnlyMode()
+{
+    return readUnlocked(eko_readonly) != 0;
+}
+inline bool disklessMode()
+{
+    return readUnlocked(eko_diskless) != 0;
+}
 
 // ---- lifecycle --------------------------------------------------------------------------------------------
 

@@ -24,12 +24,25 @@ void* tryExtendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, MemResult* re
 // As eko_convToUTF8, without report or jump.
 char* tryConvToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag, MemResult* result);
 
+// As eko_convToWchar, without report or jump.
+wchar_t* tryConvToWchar(const char* str, int32 errorBehavior, EKO_MEMTAG tag, MemResult* result);
+
+// As eko_makeStrVA, without report or jump.
+char* tryMakeStr(MemResult* result, EKO_MEMTAG tag, const char* fmt, ...) EKO_PRINTF_CHECK(3, 4);
+
 // Makes a tag without reporting; EKO_TAG_INVALID on failure.
 EKO_MEMTAG tryCreateTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
                         void* destroy_ctx, MemResult* result = nullptr);
 
 // Logs "Out of memory. Called from %s:%u\n". Allocates nothing; silent inside a report.
 void memReport(const char* file, uint32 line);
+
+// The same when `result` is exhausted, for memory that the library wanted for itself.
+inline void memReportIf(MemResult result, const char* file, uint32 line)
+{
+    if (result == MemResult::exhausted)
+        memReport(file, line);
+}
 
 // When `result` is exhausted: reports, then jumps if the tag has a jump buffer. Nothing may be held.
 void memFail(MemResult result, EKO_MEMTAG tt, const char* file, uint32 line);

@@ -42,6 +42,7 @@ struct EKO_FILE_CTX {
 // As the exported calls, without a report when memory runs out: `status` and `result` say so.
 EKO_FILE_STREAM tryOpenStream(const char* name, const char* mode, EKO_FILE_MODE fmode, uint16 xflags,
                               int32* status);
+char* tryGetLine(EKO_FILE_STREAM fh, char** buf, uint32* len, EKO_MEMTAG tag, MemResult* result);
 int32 tryVprintf(EKO_FILE_STREAM stream, const char* format, va_list args, MemResult* result);
 
 // ---- redirection stacks (eko_stack.cpp) -------------------------------------------------------------------

@@ -255,6 +255,11 @@ char* tryConvToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag, Me
     return tryNewCopy<char>(wstr, errorBehavior, tag, result);
 }
 
+wchar_t* tryConvToWchar(const char* str, int32 errorBehavior, EKO_MEMTAG tag, MemResult* result)
+{
+    return tryNewCopy<wchar_t>(str, errorBehavior, tag, result);
+}
+
 // ---- exported -------------------------------------------------------------------------------------------------
 
 char* eko_convToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag)

@@ -1,0 +1,10 @@
+// ekoprocess_int.h - what other modules need of the process services.
+#ifndef EKO_EKOPROCESS_INT_H
+#define EKO_EKOPROCESS_INT_H
+
+#include "ekomem_int.h"
+
+// As eko_tmpdir, without report or jump.
+char* tryTmpdir(EKO_MEMTAG tag, MemResult* result);
+
+#endif
