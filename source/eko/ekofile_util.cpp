@@ -37,8 +37,3 @@ int32 eko_fileRenameEx(const char* src, uint16 src_xflags, const char* dest, uin
     memReportIf(result, __FILE__, __LINE__);
     return status;
 }
-
-const char* eko_pathStripDrive(const char* path)
-{
-    return path;
-}
