@@ -11,7 +11,7 @@
  *     threads have ended, or have stopped using the library, before the last eko_term: it destroys every mutex,
  *     event and block of memory, those in use included. A thread started detached cannot tell when it has.
  *   - The library never ends the process by itself, except for a failed assertion of one of its own
- *     invariants, which prints the expression and aborts.
+ *     invariants, which prints the expression and aborts, and for the process that launches a daemon (process.h).
  *   - The console is descriptors 1 and 2, whatever these are. In a process that was started without them the first
  *     files opened get these numbers, and console output lands there.
  *   - Starting ignores SIGPIPE and raises the soft limit of open files; both are inherited by children. */

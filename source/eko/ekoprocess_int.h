@@ -4,7 +4,7 @@
 
 #include "ekomem_int.h"
 
-// As eko_tmpdir, without report or jump.
+// As eko_tmpdir, without report or jump. Takes the critical section the first time: nothing may be held.
 char* tryTmpdir(EKO_MEMTAG tag, MemResult* result);
 
 #endif
