@@ -5,6 +5,7 @@
  *      1002  general failure: not started, invalid handle or value, refused, or the system's call failed
  *      1003  out of memory, or a resource could not be made
  *      1013  a required argument is null or zero
+ *      1014  a caller's buffer is too small
  * Each call names those it returns. Reads and writes return byte counts, 0xFFFFFFFF for failure. Times to wait
  * are milliseconds, 0xFFFFFFFF for no limit.
  *
