@@ -32,10 +32,11 @@ EKO_FILE_OFFSET narrowStatSize(const char* path);
 using EKO_DIR_ENTRY = struct FILE_DIR_ENTRY*;
 
 EKO_DIR_ENTRY eko_flPathOpen(const char* path, const char* pattern, MemResult* result);
-// The next name that matches, valid until the next call or the close; null at the end.
+// The next name that matches, valid until the next call or the close; null at the end. `isdir` may be null; it is 0
+// when the memory to find it out was missing, which `result` tells beside the name.
 const char* eko_flPathNext(EKO_DIR_ENTRY dir, int32* isdir, MemResult* result);
 void eko_flPathClose(EKO_DIR_ENTRY dir);
-int32 getPathType(EKO_DIR_ENTRY dir, const char* name);
+int32 getPathType(EKO_DIR_ENTRY dir, const char* name, MemResult* result);
 
 // ---- names (ekofile_path.cpp, ekofile_match.cpp) ----------------------------------------------------------
 
