@@ -1,0 +1,168 @@
+// The bytes of a file in memory: segments that grow with the offset and never move.
+//
+//     index    0    1    2    3 |   4    5    6 |   7  ...  9 | ... 12 | ... 15 | 16 ...
+//     each            8 KiB     |    32 KiB     |   128 KiB   | 512 KiB|  2 MiB | 8 MiB
+//     level             0       |       1       |      2      |    3   |    4   |   5
+//
+// A level begins at the offset that its segments are large. There, had they all been of its size, the index would
+// be 1; each level below has put 3 more in front.
+//
+// Everything here runs with the file's mutex held. Offsets and counts are computed in 64 bits, however wide a
+// pointer is.
+
+#include <string.h>
+
+#include "ekomf_int.h"
+
+namespace {
+
+constexpr uint32 TOP_LEVEL = 5;
+constexpr uint32 SEGMENTS_PER_LEVEL = 3; // that a level adds
+constexpr uint32 SEGMENT_ROUNDING = 10;  // of the array's growth
+
+constexpr uint32 sizeAtLevel(uint32 level)
+{
+    return 8192u << (2 * level);
+}
+
+struct Place {
+    uint64 index;
+    uint32 offset; // in the segment
+    uint32 room;   // from there to its end
+};
+
+Place placeOf(EKO_FILE_OFFSET off)
+{
+    uint32 level = TOP_LEVEL;
+    while (level > 0 && off < sizeAtLevel(level))
+        --level;
+    const uint32 size = sizeAtLevel(level);
+    const auto inSegment = static_cast<uint32>(off % size);
+    return {SEGMENTS_PER_LEVEL * level + off / size, inSegment, size - inSegment};
+}
+
+uint32 segmentSize(uint32 index)
+{
+    uint32 level = TOP_LEVEL;
+    while (level > 0 && SEGMENTS_PER_LEVEL * level >= index)
+        --level;
+    return sizeAtLevel(level);
+}
+
+bool extendArray(MF_FILE_ENTRY* file, uint64 count, EKO_MEMTAG tag, MemResult* result)
+{
+    const uint64 room = (count + SEGMENT_ROUNDING - 1) / SEGMENT_ROUNDING * SEGMENT_ROUNDING;
+    if (room > UINT32_MAX || room > SIZE_MAX / sizeof(uint8*))
+        return false;
+    const size_t bytes = static_cast<size_t>(room) * sizeof(uint8*);
+    void* array = file->segments ? tryExtendMem(file->segments, bytes, tag, result)
+                                 : tryGetMem(bytes, tag, EKO_MEM_PLAIN, nullptr, result);
+    if (!array)
+        return false;
+    file->segments = static_cast<uint8**>(array);
+    memset(file->segments + file->size_segments, 0, bytes - file->size_segments * sizeof(uint8*));
+    file->size_segments = static_cast<uint32>(room);
+    return true;
+}
+
+bool addSegment(MF_FILE_ENTRY* file, EKO_MEMTAG tag, MemResult* result)
+{
+    void* segment = tryGetMem(segmentSize(file->num_segments), tag, EKO_MEM_ZERO, nullptr, result);
+    if (!segment)
+        return false;
+    file->segments[file->num_segments++] = static_cast<uint8*>(segment);
+    return true;
+}
+
+// Gives a file the segments of that size, no more and no fewer. When memory runs out, those already made stay,
+// unused, until the next time.
+// DELIBERATE: the bytes behind `size` in the last segment that stays are left as they are, and show again when the
+// file grows; only a new segment is zero. Clearing them would make each cut of a large file cost up to 8 MiB of
+// writing. Pinned by memfile_segments.
+int32 adjust_space(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size, EKO_MEMTAG tag, MemResult* result)
+{
+    const uint64 needed = size == 0 ? 0 : placeOf(size - 1).index + 1;
+    if (needed > file->size_segments && !extendArray(file, needed, tag, result))
+        return EKO_NO_MEMORY;
+    while (file->num_segments < needed) {
+        if (!addSegment(file, tag, result))
+            return EKO_NO_MEMORY;
+    }
+    while (file->num_segments > needed) {
+        EKO_FREE(file->segments[--file->num_segments], tag);
+        file->segments[file->num_segments] = nullptr;
+    }
+    return EKO_OK;
+}
+
+// Calls `move` with each piece of a range: where it lies, and its length.
+template <class Move> void eachPiece(const MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, uint32 size, Move move)
+{
+    while (size > 0) {
+        const Place place = placeOf(off);
+        const uint32 count = size < place.room ? size : place.room;
+        move(file->segments[place.index] + place.offset, count);
+        off += count;
+        size -= count;
+    }
+}
+
+} // namespace
+
+uint32 mfReadAt(const MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, void* buf, uint32 size)
+{
+    if (!buf && size > 0)
+        return EKO_FILE_IO_FAILED;
+    if (off >= file->size)
+        return 0;
+    if (size > file->size - off)
+        size = static_cast<uint32>(file->size - off);
+    auto* to = static_cast<uint8*>(buf);
+    eachPiece(file, off, size, [&to](const uint8* from, uint32 count) {
+        memcpy(to, from, count);
+        to += count;
+    });
+    return size;
+}
+
+uint32 mfWriteAt(MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, const void* buf, uint32 size, EKO_MEMTAG tag,
+                 MemResult* result)
+{
+    EKO_FILE_OFFSET end;
+    if (file->removed || __builtin_add_overflow(off, size, &end) || (!buf && size > 0))
+        return EKO_FILE_IO_FAILED;
+    if (end > file->size && adjust_space(file, end, tag, result) != EKO_OK)
+        return EKO_FILE_IO_FAILED;
+    const auto* from = static_cast<const uint8*>(buf);
+    eachPiece(file, off, size, [&from](uint8* to, uint32 count) {
+        memcpy(to, from, count);
+        from += count;
+    });
+    if (end > file->size)
+        writeUnlocked(file->size, end);
+    writeUnlocked(file->modtime, eko_timeSecs());
+    *result = MemResult::done;
+    return size;
+}
+
+int32 mfResize(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size, EKO_MEMTAG tag, MemResult* result)
+{
+    if (file->removed)
+        return EKO_FAILED;
+    const int32 status = adjust_space(file, size, tag, result);
+    if (status != EKO_OK)
+        return status;
+    writeUnlocked(file->size, size);
+    *result = MemResult::done;
+    return EKO_OK;
+}
+
+void mfDropBytes(MF_FILE_ENTRY* file, EKO_MEMTAG tag)
+{
+    MemResult ignored;
+    writeUnlocked(file->size, EKO_FILE_OFFSET{0});
+    adjust_space(file, 0, tag, &ignored);
+    EKO_FREE(file->segments, tag);
+    file->segments = nullptr;
+    file->size_segments = 0;
+}
