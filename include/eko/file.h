@@ -34,9 +34,13 @@ typedef struct EKOFTAB* EKO_FH;
  * Disk (no flag). The calls of the operating system.
  *
  * Memory (EKO_FILE_INMEMORY). The file is in a tree of directories that lives in the process until the library
- * stops, apart from the disk and from its modes. Names are found without regard to letter case (of ASCII letters);
- * "\" separates as "/" does; "." and ".." steps are resolved. A name without a leading "/" starts in the current
- * directory ("/" in diskless mode). Of the open flags only O_CREAT counts: it makes the file, and every directory on
+ * stops, apart from the disk and from its modes. Names are found without regard to letter case (of ASCII letters).
+ * A name without a leading "/" starts in the current directory ("/" in diskless mode). In front of the last "/" a
+ * "\" separates too, and "." and ".." steps are resolved; but a "." right before the file's name is a directory of
+ * that name (/a/./f), and so is an empty step (/a//f), while a ".." that leads back to the top leads nowhere
+ * (/a/../f). Files right under "/" are kept apart from the directories there, which cannot be removed, renamed
+ * or validated: /a is a file, even where /a/f is one.
+ * Of the open flags only O_CREAT counts: it makes the file, and every directory on
  * the way; O_TRUNC implies it, but cuts nothing, and O_EXCL does not refuse. Bytes never written read as zero, but
  * those that a shrink cut off may come back when the file grows again. A file that is removed while it is open
  * loses its bytes at once: its handles then read 0 and fail to write. A file lock is a plain mutex here: while one

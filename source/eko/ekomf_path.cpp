@@ -97,7 +97,7 @@ bool MfPath::setFile(const char* name, MemResult* result)
     const size_t length = strlen(directory_);
     if (length > 1 && directory_[length - 1] == '/')
         directory_[length - 1] = '\0';
-    return last_ && cut();
+    return last_ && *last_ && cut(); // a file has a name
 }
 
 bool MfPath::setDirectory(const char* path, MemResult* result)
