@@ -1,12 +1,9 @@
 // Wildcards, directories as they are listed, files read and written through mapped views.
-//
 // LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check --wrap=readdir64
 // LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
 // LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
 #include <dirent.h>
-#include <sys/stat.h>
-
-#include <map>
+#include <fnmatch.h>
 #include <random>
 
 #include "ekofile_int.h"
@@ -14,143 +11,160 @@
 #include "support/fixture.h"
 #include "support/syscalls.h"
 
-namespace {
-
-bool typesUnknown; // as on a file system that does not list them
-
-} // namespace
-
-EKO_WRAP(dirent64*, readdir64, (DIR * dir))
+EKO_WRAP(dirent64*, readdir64, (DIR * dir)) // as on a file system that does not list what "s..." is
 {
     dirent64* entry = __real_readdir64(dir);
-    if (entry && typesUnknown)
-        entry->d_type = DT_UNKNOWN;
-    return entry;
+    return entry && entry->d_name[0] == 's' ? (entry->d_type = DT_UNKNOWN, entry) : entry;
 }
 
 namespace {
 
-// The rules word for word, each pair of positions worked out once, from the ends backwards.
-bool modelMatch(const std::string& name, const std::string& pattern)
-{
-    const size_t n = name.size(), m = pattern.size();
-    const auto same = [](char a, char b) { return toupper(a) == toupper(b); };
-    std::vector<std::vector<bool>> fits(n + 1, std::vector<bool>(m + 2));
-    for (size_t p = m + 1; p-- > 0;)
-        for (size_t i = n + 1; i-- > 0;) {
-            if (p == m)
-                fits[i][p] = i == n;
-            else if (pattern[p] != '*')
-                fits[i][p] = i < n && (pattern[p] == '?' || same(pattern[p], name[i])) && fits[i + 1][p + 1];
-            else if (p + 1 == m)
-                fits[i][p] = true;
-            else
-                for (size_t at = i; at < n && !fits[i][p]; ++at)
-                    fits[i][p] = same(name[at], pattern[p + 1]) && fits[at + 1][p + 2];
-        }
-    return fits[0][0];
-}
+constexpr uint32 MIB = 1024 * 1024;
 
-TEST(Match, match_as_the_rules_say)
-{
-    std::mt19937 random(4711);
-    uint32 matched = 0;
-    const auto text = [&](const char* letters, uint32 most) {
-        std::string s(random() % (most + 1), ' ');
-        for (char& c : s)
-            c = letters[random() % strlen(letters)];
-        return s;
-    };
-    for (int32 k = 0; k < 300000; ++k) {
-        const std::string name = text(k % 2 ? "aAb" : "aB*?", 9), pattern = text(k % 3 ? "ab*?" : "a*", 7);
-        const bool model = modelMatch(name, pattern);
-        ASSERT_EQ(eko_match(name.c_str(), pattern.c_str()), model) << name << " against " << pattern;
-        matched += model;
-    }
-    EXPECT_GT(matched, 20000u);
-    EXPECT_LT(matched, 280000u);
-    std::string stars = "*\xE4";
-    for (int32 k = 0; k < 2000; ++k)
-        stars += "*a?";
-    EXPECT_FALSE(eko_match(std::string(5000, 'A').c_str(), stars.c_str()));
-    EXPECT_TRUE(eko_match(("\xE4" + std::string(5000, 'A')).c_str(), stars.c_str()));
-    EXPECT_FALSE(eko_match("\xC4", "\xE4")); // only ASCII letters have a case
-}
-
-TEST(Match, match_takes_what_follows_a_star_literally)
-{
-    EXPECT_TRUE(eko_match("Report.TXT", "*.txt"));
-    EXPECT_TRUE(eko_match("abc", "a?c"));
-    EXPECT_FALSE(eko_match("ab", "a?c"));
-    EXPECT_TRUE(eko_match("a?", "*?"));
-    EXPECT_FALSE(eko_match("ab", "*?"));
-    EXPECT_TRUE(eko_match("a*", "**"));
-    EXPECT_FALSE(eko_match("ab", "**"));
-}
-
-class DirTest : public DiskTest {
+class MappedTest : public DiskTest {
 protected:
-    using Names = std::map<std::string, int32>;
-
-    // What is listed, up to 100 names, with the type of each; `meanwhile` runs after the first.
-    Names list(const std::string& path, const char* pattern, void (*meanwhile)(const std::string&) = nullptr)
+    void SetUp() override
     {
-        Names names;
+        DiskTest::SetUp();
+        for (EKO_FH fh : {open(0), open(0), open(0)}) // so many mutexes are kept
+            eko_fileClose(fh);
+        acceptUsage();
+    }
+    EKO_FH open(uint64 size, int flags = O_RDWR) // the file made anew
+    {
+        writeFile(name_, "0123456789");
+        EXPECT_EQ(truncate64(name_.c_str(), off64_t(size)), 0);
+        return eko_fileOpen(name_.c_str(), uint32(flags), EKO_FILE_MAPPED);
+    }
+    std::string get(uint64 off, size_t size)
+    {
+        std::string s(size, '?'); // that stays when the read fails
+        return s.substr(0, eko_fileSeekRead(fh_, off, s.data(), uint32(size)));
+    }
+    int32 put(uint64 at, std::string s) { return int32(eko_fileSeekWrite(fh_, at, s.data(), uint32(s.size()))); }
+    std::string list(const std::string& path, const char* pattern) // the names, each with its type behind it
+    {
+        std::string names;
         EKO_DIR_ENTRY dir = eko_flPathOpen(path.c_str(), pattern, &result_);
-        int32 isdir = 7;
-        for (const char* name; dir && names.size() < 100 && (name = eko_flPathNext(dir, &isdir, &result_));) {
-            EXPECT_TRUE(names.emplace(name, isdir).second) << name;
-            if (meanwhile && names.size() == 1)
-                meanwhile(path);
-        }
+        for (int32 isdir = 7; const char* name = dir ? eko_flPathNext(dir, &isdir, &result_) : nullptr;)
+            names += name + std::to_string(isdir);
         if (dir)
             eko_flPathClose(dir);
         return names;
     }
-
-    MemResult result_ = MemResult::done;
+    const std::string name_ = dir_.file("mapped");
+    MemResult result_;
+    EKO_FH fh_ = nullptr;
 };
 
-TEST_F(DirTest, directory_lists_names_and_types)
+TEST(Match, match_takes_what_follows_a_star_literally)
 {
-    const std::string sub = dir_.file("sub");
-    mkdir(sub.c_str(), 0777);
-    mkdir((sub + "/inner.TXT").c_str(), 0777);
-    writeFile(sub + "/a.txt", "");
-    writeFile(sub + "/b", "");
-    EXPECT_EQ(symlink(".", (sub + "/link.txt").c_str()), 0);
-    for (bool unknown : {false, true}) {
-        typesUnknown = unknown; // then links are followed
-        const Names texts = {{"inner.TXT", 1}, {"a.txt", 0}, {"link.txt", unknown}};
-        EXPECT_EQ(list(sub, "*.txt"), texts);
-        EXPECT_EQ(list(sub, "?"), Names({{".", 1}, {"b", 0}}));
-        EXPECT_EQ(list(sub, "*").size(), 6u);
-        uint32 n = 0;
-        for (bool fired = true; fired;) {
-            FailNthOnTag noMemory(EKO_GLOBAL_TAG, ++n); // the record, its two copies, the name, what is its type
-            const Names names = list(sub, "inner.*");
-            fired = noMemory.fired();
-            EXPECT_EQ(names, n <= 4 ? Names() : Names({{"inner.TXT", !fired}})) << n;
-            EXPECT_EQ(result_, MemResult(fired && n <= 4 ? MemResult::exhausted : MemResult::done));
-        }
-        EXPECT_EQ(n > 5, unknown);
-        CallFault removed("stat64", ENOENT);
-        EXPECT_EQ(list(sub, "inner.*"), Names({{"inner.TXT", !unknown}}));
+    std::minstd_rand random(4711);
+    for (uint32 k = 0; k < 300000; ++k) {
+        std::string name, pattern, model; // where brackets make a literal
+        for (size_t n = random() % 9; n > 0; --n)
+            name += "aA*?b"[random() % (k % 4 + 2)];
+        for (size_t n = random() % 9; n > 0; --n, model += pattern.back())
+            pattern += "a*?b"[random() % (k % 3 + 2)];
+        for (size_t at = 0; (at = model.find('*', at) + 1) && at < model.size(); at += 3)
+            model.replace(at, 1, {'[', model[at], ']'});
+        ASSERT_EQ(eko_match(name.c_str(), pattern.c_str()), !fnmatch(model.c_str(), name.c_str(), FNM_CASEFOLD))
+            << name << " against " << pattern;
     }
-    EXPECT_EQ(list(sub + "/b", "*"), Names());
-    EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_EQ(list(dir_.path() + "/" + std::string(5000, 'x'), "*"), Names());
-    EXPECT_EQ(result_, MemResult::refused);
+    EXPECT_FALSE(eko_match("\xC4", "\xE4")); // only ASCII letters have a case
+    EXPECT_FALSE(eko_match(std::string(5000, '*').c_str(), (std::string(4000, '*') + "a").c_str()));
+}
 
-    for (int32 k = 0; k < 50; ++k)
-        writeFile(sub + "/" + std::to_string(k) + ".many", "");
-    const Names many = list(sub, "*.many", [](const std::string& path) {
-        for (int32 k = 0; k < 50; ++k)
-            writeFile(path + "/" + std::to_string(k) + ".more", "");
+TEST_F(MappedTest, directory_lists_names_and_types)
+{
+    const std::string path = dir_.path(), sub = path + "/sub";
+    EXPECT_EQ(mkdir(sub.c_str(), 0777) + symlink(".", (path + "/link").c_str()), 0);
+    EXPECT_EQ(list(path, "S*") + list(path, "l*") + list(path, "m?pped") + list(path, "?"), "sub1link0mapped0.1");
+    EXPECT_EQ(list(path, "*").size(), strlen(".1..1sub1link0mapped0"));
+    for (uint32 n = 1; n <= 5; ++n) { // the record, its two copies, the name, what is its type
+        FailNthOnTag noMemory(EKO_GLOBAL_TAG, n);
+        EXPECT_EQ(list(path, "s*"), n < 5 ? "" : "sub0") << n;
+    }
+    EXPECT_EQ(list(name_, "*") + list(std::string(5000, '/') + "x", "*"), "");
+    EKO_DIR_ENTRY dir = eko_flPathOpen(sub.c_str(), "*", &result_);
+    rmdir(sub.c_str());
+    EXPECT_EQ(eko_flPathNext(dir, nullptr, &result_), nullptr);
+    eko_flPathClose(dir);
+}
+
+TEST_F(MappedTest, mapped_file_behaves_as_its_model)
+{
+    std::minstd_rand random(815);
+    std::string model, exe = readFile("/proc/self/exe"), noise = exe + exe;
+    fh_ = open(0);
+    for (uint32 k = 0; k < 2000; ++k) {
+        const size_t within = random() % 2 ? random() % MIB : (MIB - random() % 5) % MIB; // often at a border
+        const size_t off = random() % 13 * MIB + within, n = 1 + random() % (k % 9 ? 9 : MIB), end = off + n;
+        if (k % 3 == 0) {
+            EXPECT_EQ(eko_fileSetSize(fh_, off), 0);
+            model.resize(within ? off - within + MIB : model.size());
+        } else {
+            model.resize(end > model.size() && end % MIB ? end - end % MIB + MIB : model.size());
+            EXPECT_EQ(put(off, noise.substr(k, n)), off < model.size() ? int32(n) : -1) << k;
+            for (size_t at = 0; off < model.size() && at < n; at += MIB - within) // each piece at the same place
+                noise.copy(&model[off], std::min(MIB - within, n - at), k + at);
+        }
+        const size_t from = random() % (model.size() + 1);
+        ASSERT_TRUE(get(from, 3 * n) == model.substr(from, 3 * n) && eko_fileLength(fh_) == model.size()) << k;
+    }
+    EXPECT_TRUE(readFile(name_) == model);
+    eko_fileClose(fh_);
+}
+
+TEST_F(MappedTest, mapped_views_lie_inside_the_file)
+{
+    fh_ = open(uint64(5120) * MIB);
+    const CallFault maps("mmap64", 0);
+    for (int64 granule : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 4096, 0, 1})
+        EXPECT_EQ(put(uint64(granule) * MIB, "view"), 4);
+    EXPECT_EQ(maps.calls(), 12u);                              // the one used longest ago makes room
+    EXPECT_EQ(eko_fileSync(fh_) + eko_fileSetSize(fh_, 1), 0); // views of what was behind are left
+    EXPECT_EQ(put(2 * MIB - 1, "x"), -1);
+    for (const char* call : {"ftruncate64", "fstat64", "mmap64"}) {
+        CallFault fault(call, ENOSPC);
+        EXPECT_EQ(put(9 * MIB, "x"), -1);
+        EXPECT_EQ(get(9 * MIB, 1), "?");
+    }
+    EXPECT_EQ(put(9 * MIB, "x"), 1); // there is room again
+    EXPECT_EQ(eko_fileSetSize(fh_, uint64(-5)), -1);
+    EXPECT_EQ(put(uint64(-2), "four") & put(EKO_FILE_NO_OFFSET, "1"), -1);
+    EXPECT_EQ(get(uint64(-2), 4) + get(EKO_FILE_NO_OFFSET, 4), "????");
+    eko_fileClose(fh_);
+    for (int flags : {O_RDONLY, O_WRONLY}) { // a page cannot be written only
+        fh_ = open(9, flags);
+        EXPECT_EQ(put(0, "x"), -1);
+        EXPECT_EQ(get(5, 5), flags == O_RDONLY ? "5678" : "?????");
+        EXPECT_EQ(eko_fileLength(fh_), flags == O_RDONLY ? 9 : MIB);
+        EXPECT_EQ(eko_fileSetSize(fh_, 200), 0);
+        EXPECT_EQ(get(5, 5), "?????"); // as if it had that length
+        eko_fileClose(fh_);
+    }
+}
+
+TEST_F(MappedTest, mapped_opens_share_mutexes)
+{
+    fh_ = open(0);
+    const EKO_FH others[] = {open(0), open(0)};
+    for (uint32 n = 0; n < 4; ++n) { // the map and a mutex, then the map and the system's
+        FailNthOnTag noMemory(EKO_GLOBAL_TAG, n % 2 + 1);
+        EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(open(0), nullptr); }), "ekofile.cpp")) << n;
+        eko_fileClose(n % 2 ? others[n / 2] : nullptr);
+    }
+    inThreads(2, [&](uint32 i) {
+        for (uint32 k = 100; k < 600; ++k) {
+            const uint64 off = (k * 3 + i) % 14 * MIB + i * 8;
+            EXPECT_EQ(put(off, std::to_string(k)), 3);
+            EXPECT_EQ(get(off, 3), std::to_string(k));
+            eko_fileClose(eko_fileOpen(name_.c_str(), O_RDONLY, EKO_FILE_MAPPED));
+        }
     });
-    EXPECT_EQ(many.size(), 50u);
-    mkdir((sub + "/inner.TXT/gone").c_str(), 0777);
-    EXPECT_LE(list(sub + "/inner.TXT/gone", "*", [](const std::string& path) { rmdir(path.c_str()); }).size(), 2u);
+    eko_fileClose(fh_);
+    EXPECT_EQ(readFile("/proc/self/maps").find(name_), std::string::npos);
 }
 
 } // namespace

@@ -59,8 +59,10 @@ typedef struct EKOFTAB* EKO_FH;
  *     makes the room.
  *   - Open with O_RDWR to write: a page cannot be written only. A handle opened O_WRONLY fails at the first
  *     access, one opened O_RDONLY at the first write.
- *   - Nothing may shorten the file meanwhile, and the disk must have room for its holes: the system ends a process
- *     (SIGBUS) that touches a page which is not there.
+ *   - Where the length cannot be set (a limit, a full disk, a handle for reading) the resize does not tell; reads
+ *     and writes of what is not there then fail.
+ *   - Nothing else may resize the file meanwhile. Extending cuts what others appended, and the system ends a process
+ *     (SIGBUS) that touches a page which others cut off, or a hole that a full disk cannot fill.
  *   - In a 32-bit build only the first 4 GiB can be mapped: offsets beyond are taken modulo 4 GiB.
  *   - In read-only mode a write moves nothing, while eko_fileSetSize still resizes. */
 
