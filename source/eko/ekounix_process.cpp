@@ -57,6 +57,7 @@ void onInterrupt(int)
     INTERRUPT_FCN* fcn = readPublished(interrupt_fcn);
     if (fcn)
         fcn();
+    installInterruptHandler(SIG_IGN); // again: drops one that waits, should something have blocked it
     installInterruptHandler(onInterrupt);
     publish(interruptRunning, false);
     errno = keptErrno;
