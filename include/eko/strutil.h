@@ -1,5 +1,5 @@
-/* strutil.h - small helpers for strings. Calls that keep no state may come from any thread; those that look at letter
- * case read the locale: nobody may call setlocale meanwhile. */
+/* strutil.h - small helpers for strings. Calls that keep no state may come from any thread; those that look at
+ * letter case read the locale: nobody may call setlocale meanwhile. */
 #ifndef EKO_STRUTIL_H
 #define EKO_STRUTIL_H
 
@@ -9,8 +9,8 @@ EKO_EXTERN_C_BEGIN
 
 /* ---- letter case ------------------------------------------------------------------------------------------ */
 
-/** Change the letters of a string to upper or to lower case, in place and in the current locale; byte by byte, so that
- *  in UTF-8 only the letters of ASCII change. Return the string; null for null. Names without a prefix. */
+/** Change the letters of a string to upper or to lower case, in place and in the current locale; byte by byte, so
+ *  that in UTF-8 only the letters of ASCII change. Return the string; null for null. Names without a prefix. */
 EKO_API char* strupr(char* str);
 EKO_API char* strlwr(char* str);
 EKO_API wchar_t* wcsupr(wchar_t* str);
@@ -18,8 +18,9 @@ EKO_API wchar_t* wcslwr(wchar_t* str);
 
 /* ---- numbers ---------------------------------------------------------------------------------------------- */
 
-/** The decimal number that a string begins with, after blanks: 0 when there is none, and for null; the nearest of the
- *  type when it does not fit, with errno ERANGE. Surprise: eko_atoui64 takes a minus, and -1 is 18446744073709551615. */
+/** The decimal number that a string begins with, after blanks: 0 when there is none, and for null; the nearest of
+ *  the type when it does not fit, with errno ERANGE. Surprise: eko_atoui64 takes a minus, and -1 is
+ *  18446744073709551615. */
 EKO_API int64 eko_atoi64(const char* s);
 EKO_API uint64 eko_atoui64(const char* s);
 
@@ -52,8 +53,8 @@ EKO_API int32 eko_tokenize(char* input, const char* tokens, const char*** words,
 
 /* ---- errors ----------------------------------------------------------------------------------------------- */
 
-/** The system's text for an error number, as eko_strerr stores it, in a new buffer of 256 bytes or twice, four times
- *  ... as much. Returns null when memory runs out or the library is not started. May leave by longjmp. */
+/** The system's text for an error number, as eko_strerr stores it, in a new buffer of 256 bytes or twice, four
+ *  times ... as much. Returns null when memory runs out or the library is not started. May leave by longjmp. */
 EKO_API char* eko_strerr_alloc(int32 err, EKO_MEMTAG tag);
 
 EKO_EXTERN_C_END

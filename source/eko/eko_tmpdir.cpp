@@ -42,7 +42,7 @@ struct Probe {
         cut = length < 0 || static_cast<size_t>(length) >= sizeof(name);
     }
 
-    // A name that was cut is no longer the thread's own: a file that has it is somebody's, and is not to be removed.
+    // A name that was cut is no longer the thread's own: a file that has it is somebody's, and not to be removed.
     uint32 flags() const { return cut ? PROBE_FLAGS | O_EXCL : PROBE_FLAGS; }
 };
 
@@ -110,6 +110,8 @@ const char* eko_osTmpdir(EKO_MEMTAG tag, MemResult* result)
 }
 
 // The name to be copied. The cache outlives every caller's tag, so it is on the global one.
+// DELIBERATE: TOV_TMPDIR is not tried. Who sets it wants an error that names it, not files somewhere else. Pinned
+// by process_temporary_directory.
 const char* tmpdirName(MemResult* result)
 {
     const char* wanted = getenv("TOV_TMPDIR");
@@ -210,5 +212,5 @@ int32 eko_execfile(const char* filepath, int32* fcnretp, const char* fmt, ...)
 
 int32 eko_system(const char* command)
 {
-    return system(command);
+    return system(command); // NOLINT(cert-env33-c): running the shell is what it is for
 }

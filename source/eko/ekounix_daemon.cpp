@@ -1,5 +1,5 @@
-// Start as a daemon: the caller goes on in a child, while the process that was launched waits for its report and shows
-// by message and exit status what became of the start.
+// Start as a daemon: the caller goes on in a child, while the process that was launched waits for its report and
+// shows by message and exit status what became of the start.
 //
 //      launching process                                   daemon
 //      ----------------------------------------------------------------------------------------------
@@ -9,8 +9,8 @@
 //      end of file: two seconds more, "started", exit 0    closed the pipe, or died
 //      SIGCHLD: message, exit with the daemon's status     died, or was stopped
 //
-// What runs in the signal handler formats into a buffer of its own and calls write, waitpid and _exit, no more: it may
-// interrupt a print. Nothing here is locked; there are no threads yet.
+// What runs in the signal handler formats into a buffer of its own and calls write, waitpid and _exit, no more: it
+// may interrupt a print. Nothing here is locked; there are no threads yet.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -124,8 +124,8 @@ private:
     size_t length_ = 0;
 };
 
-// DELIBERATE: the messages end with "\r\n": the terminal may be in raw mode. Pinned by
-// process_daemon_that_does_not_start.
+// DELIBERATE: the messages end with "\r\n", and so read well on a terminal that is in raw mode. Pinned by
+// process_daemon.
 [[noreturn]] void endLikeDaemon(int waitStatus)
 {
     SignalText text;
@@ -160,8 +160,8 @@ void onChildExit(int)
     errno = keptErrno;
 }
 
-// From before the fork on SIGCHLD has the handler above, but is held back: a daemon that dies at once is not missed,
-// neither because nobody listens yet, nor because an ignored SIGCHLD lets it vanish. Ends with all as it was.
+// From before the fork on SIGCHLD has the handler above, but is held back: a daemon that dies at once is not
+// missed, neither because nobody listens yet, nor because an ignored SIGCHLD lets it vanish. Puts all back at the end.
 class ChildExits {
 public:
     ChildExits()
@@ -217,7 +217,7 @@ bool awaitReport(int readEnd)
 }
 
 // DELIBERATE: the umask is 0. A server sets the mode of its files itself, whoever launched it. Pinned by
-// process_daemon_starts.
+// process_daemon.
 int32 goOnAsDaemon(StartPipe& pipe, EKO_DAEMON_CTX* ctx)
 {
     umask(0);

@@ -126,6 +126,8 @@ char* (*const systemText)(int err, char* buff, size_t len) = strerror_r;
 
 } // namespace
 
+// DELIBERATE: what the system has put into the buffer is not measured, and the answer is 0. Pinned by
+// strutil_words_and_error_texts.
 int32 eko_strerr(int32 err, char* buff, size_t len)
 {
     if (!buff)
@@ -134,7 +136,7 @@ int32 eko_strerr(int32 err, char* buff, size_t len)
         return EKO_TOO_SMALL;
     const char* text = systemText(err, buff, len);
     if (text == buff)
-        return EKO_OK; // made by the system, and perhaps cut: it does not say
+        return EKO_OK;
     const size_t length = strlen(text);
     eko_strncpyZ(buff, text, len);
     return length < len ? EKO_OK : EKO_TOO_SMALL;
@@ -152,6 +154,7 @@ void eko_serviceStarted(void) {}
 
 void eko_serviceDone(void) {}
 
+// DELIBERATE: no success that installs nothing. Pinned by process_commands_interrupts_environment.
 int32 eko_serviceInstall(const char* /*name*/, const char* /*exename*/, const char* /*title*/, const char* /*desc*/,
                          const char* /*path*/, const char* /*opts*/, const char* /*userAccount*/,
                          const char* /*userPassword*/)
