@@ -161,7 +161,7 @@ void onChildExit(int)
 }
 
 // From before the fork on SIGCHLD has the handler above, but is held back: a daemon that dies at once is not
-// missed, neither because nobody listens yet, nor because an ignored SIGCHLD lets it vanish. Puts all back at the end.
+// missed, neither because nobody listens yet, nor because an ignored SIGCHLD lets it vanish. All is put back then.
 class ChildExits {
 public:
     ChildExits()
