@@ -163,10 +163,9 @@ EKO_SEM lockOf(EKOFTAB* fh)
     return sem;
 }
 
-// What a positional call has to say when it failed: that memory ran out, and the failure itself.
-uint32 checkedPositional(uint32 count, const char* what, MemResult result)
+// What a positional call has to say when it failed.
+uint32 checkedPositional(uint32 count, const char* what)
 {
-    memReportIf(result, __FILE__, __LINE__);
     if (count == EKO_FILE_IO_FAILED) {
         const ErrnoGuard keepErrno;
         eko_log("Failed to seek and %s, errno = %d\n", what, errno);
@@ -315,26 +314,40 @@ uint32 eko_fileRead(EKO_FH fh, void* buf, uint32 size)
     return count;
 }
 
-uint32 eko_fileSeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32 size)
+uint32 trySeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32 size, MemResult* result)
 {
+    *result = MemResult::done;
     if (!fh)
         return EKO_FILE_IO_FAILED;
     if (size == 0 || (readOnlyMode() && !fh->f_mem))
         return 0;
-    MemResult result = MemResult::done;
-    const uint32 count = writeAt(fh, off, buf, size, &result);
-    return checkedPositional(count, "write", result);
+    return checkedPositional(writeAt(fh, off, buf, size, result), "write");
 }
 
-uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size)
+uint32 trySeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size, MemResult* result)
 {
+    *result = MemResult::done;
     if (!fh)
         return EKO_FILE_IO_FAILED;
     if (size == 0)
         return 0;
-    MemResult result = MemResult::done;
-    const uint32 count = readAt(fh, off, buf, size, &result);
-    return checkedPositional(count, "read", result);
+    return checkedPositional(readAt(fh, off, buf, size, result), "read");
+}
+
+uint32 eko_fileSeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32 size)
+{
+    MemResult result;
+    const uint32 count = trySeekWrite(fh, off, buf, size, &result);
+    memReportIf(result, __FILE__, __LINE__);
+    return count;
+}
+
+uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size)
+{
+    MemResult result;
+    const uint32 count = trySeekRead(fh, off, buf, size, &result);
+    memReportIf(result, __FILE__, __LINE__);
+    return count;
 }
 
 // ---- size, time, sync -------------------------------------------------------------------------------------

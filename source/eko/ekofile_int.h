@@ -38,12 +38,18 @@ const char* eko_flPathNext(EKO_DIR_ENTRY dir, int32* isdir, MemResult* result);
 void eko_flPathClose(EKO_DIR_ENTRY dir);
 int32 getPathType(EKO_DIR_ENTRY dir, const char* name, MemResult* result);
 
-// ---- names (ekofile_path.cpp, ekofile_match.cpp) ----------------------------------------------------------
+// ---- names (ekounix_path.cpp, ekofile_path.cpp, ekofile_util.cpp, ekofile_match.cpp) ----------------------
+
+constexpr int32 EKO_DIR_EXISTS = 1006;
 
 // Whether a name fits a pattern of "*" and "?", without regard to case. Neither recursion nor memory.
 bool eko_match(const char* name, const char* pattern);
 
+// Whether two names on disk are one and the same entry of a directory, however spelled: not two links to one file.
+bool sameEntry(const char* a, const char* b);
+
 // As the exported calls, without report or jump.
+int32 tryMove(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags, MemResult* result);
 int32 tryRemove(const char* name, uint16 xflags, MemResult* result);
 int32 tryRename(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags, MemResult* result);
 char* tryCurrdir(EKO_MEMTAG tag, MemResult* result);
@@ -85,6 +91,9 @@ struct EKOFTAB {
 
 // As eko_fileOpen, without a report when memory runs out: `status` says so.
 EKO_FH tryOpenFile(const char* name, uint32 flags, uint16 xflags, int32* status);
+// As eko_fileSeekWrite and eko_fileSeekRead: they log what failed, but leave it to the caller to report memory.
+uint32 trySeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32 size, MemResult* result);
+uint32 trySeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size, MemResult* result);
 
 // The bits of an open's flags that this system tests, in any order of the operating system's headers.
 constexpr uint32 OPEN_WRITE = 0x1;
