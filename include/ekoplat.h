@@ -44,7 +44,7 @@ typedef int64 time64_t;
 typedef const void* EKO_FDESC;
 #define EKO_FDESC_NONE ((EKO_FDESC)(intptr_t)-1)
 
-/** A running iteration over a directory. No call of this version makes one yet. */
+/** A running walk over a directory, from eko_pathOpen and its like; null is none. */
 typedef const void* EKO_DIR;
 
 #endif
