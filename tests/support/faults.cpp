@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <stddef.h>
 
+#include "support/fixture.h"
+
 extern "C" {
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
@@ -104,6 +106,30 @@ FailNthOnTag::~FailNthOnTag()
 bool FailNthOnTag::fired() const
 {
     return tagFuse.fired;
+}
+
+jmp_buf exhaustedJump;
+
+std::string exhaust(EKO_MEMTAG tag, const std::function<int32()>& operation)
+{
+    std::string statuses;
+    bool fired = true;
+    for (uint32 n = 1; fired; ++n) {
+        FailNthOnTag fault(tag, n);
+        int32 status = 0;
+        bool jumped = false;
+        const std::string said = logged([&] {
+            if (setjmp(exhaustedJump) == 0)
+                status = operation();
+            else
+                jumped = true;
+        });
+        fired = fault.fired();
+        statuses += jumped ? "jump " : std::to_string(status) + ' ';
+        const char* const report = "(Failed to seek.*\n)?Out of memory\\. Called from source/eko/[^\n]*\n";
+        EXPECT_TRUE(matches(said, fired ? report : "")) << "request " << n;
+    }
+    return statuses;
 }
 
 void* __wrap_malloc(size_t size)

@@ -3,6 +3,11 @@
 #ifndef EKO_TESTS_FAULTS_H
 #define EKO_TESTS_FAULTS_H
 
+#include <setjmp.h>
+
+#include <functional>
+#include <string>
+
 #include "ekomem_int.h"
 
 // While alive, the n-th request of the library to the system heap fails, or from the n-th on all do. The library
@@ -30,5 +35,10 @@ public:
 private:
     TAG_ENTRY* tag_;
 };
+
+// Runs an operation with each of its requests on a tag failing in turn, and at last with none; each must be
+// reported once. Returns the statuses, as "1003 1003 0 ", with "jump" for one that left by `exhaustedJump`.
+std::string exhaust(EKO_MEMTAG tag, const std::function<int32()>& operation);
+extern jmp_buf exhaustedJump;
 
 #endif

@@ -10,14 +10,14 @@ namespace {
 const char* faulty; // the call that has a fault, or null
 int faultError;
 size_t faultMost;
+uint32 faultSpared;
 uint32 faultCalls;
 
 bool hit(const char* call)
 {
     if (!faulty || strcmp(faulty, call) != 0)
         return false;
-    __atomic_fetch_add(&faultCalls, 1, __ATOMIC_RELAXED);
-    return true;
+    return __atomic_add_fetch(&faultCalls, 1, __ATOMIC_RELAXED) > faultSpared;
 }
 
 bool fails(const char* call)
@@ -34,16 +34,19 @@ bool fails(const char* call)
 
 size_t allowed(const char* call, size_t size)
 {
-    return faulty && strcmp(faulty, call) == 0 && size > faultMost ? faultMost : size;
+    const bool limited =
+        faulty && strcmp(faulty, call) == 0 && __atomic_load_n(&faultCalls, __ATOMIC_RELAXED) > faultSpared;
+    return limited && size > faultMost ? faultMost : size;
 }
 
 } // namespace
 
-CallFault::CallFault(const char* call, int error, size_t most)
+CallFault::CallFault(const char* call, int error, size_t most, uint32 spared)
 {
     faulty = call;
     faultError = error;
     faultMost = most;
+    faultSpared = spared;
     faultCalls = 0;
 }
 

@@ -14,11 +14,12 @@
 
 #include "base.h"
 
-// While alive, each call of that name (one of those above) fails with errno `error`, or with an `error` of 0 takes a
-// millisecond and moves at most `most` bytes. One at a time, and no other thread running when it comes or goes.
+// While alive, each call of that name (one of those above) fails with errno `error`, or with an `error` of 0 takes
+// a millisecond and moves at most `most` bytes; the first `spared` calls do neither. One at a time, and no other
+// thread running when it comes or goes.
 class CallFault {
 public:
-    explicit CallFault(const char* call, int error, size_t most = 0);
+    explicit CallFault(const char* call, int error, size_t most = 0, uint32 spared = 0);
     ~CallFault();
     CallFault(const CallFault&) = delete;
     CallFault& operator=(const CallFault&) = delete;
