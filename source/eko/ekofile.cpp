@@ -175,6 +175,11 @@ uint32 checkedPositional(uint32 count, const char* what)
 
 } // namespace
 
+bool fileRecordExists()
+{
+    return eko_fileGlobals() != nullptr;
+}
+
 // ---- opening and closing ----------------------------------------------------------------------------------
 
 EKO_FH tryOpenFile(const char* name, uint32 flags, uint16 xflags, int32* status)

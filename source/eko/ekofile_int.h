@@ -95,6 +95,9 @@ EKO_FH tryOpenFile(const char* name, uint32 flags, uint16 xflags, int32* status)
 uint32 trySeekWrite(EKO_FH fh, EKO_FILE_OFFSET off, const void* buf, uint32 size, MemResult* result);
 uint32 trySeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint32 size, MemResult* result);
 
+// Makes the module's record if need be. For a module that will open files while it holds a mutex of its own.
+bool fileRecordExists();
+
 // The bits of an open's flags that this system tests, in any order of the operating system's headers.
 constexpr uint32 OPEN_WRITE = 0x1;
 constexpr uint32 OPEN_READ_WRITE = 0x2;

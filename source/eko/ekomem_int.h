@@ -27,6 +27,10 @@ char* tryConvToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag, Me
 // As eko_convToWchar, without report or jump.
 wchar_t* tryConvToWchar(const char* str, int32 errorBehavior, EKO_MEMTAG tag, MemResult* result);
 
+// Characters that eko_utf8_to_wchar makes of a string, without the terminator; for what is not UTF-8, replaced or
+// dropped.
+size_t wideLength(const char* str, int32 errorBehavior);
+
 // As eko_makeStrVA, without report or jump.
 char* tryMakeStr(MemResult* result, EKO_MEMTAG tag, const char* fmt, ...) EKO_PRINTF_CHECK(3, 4);
 

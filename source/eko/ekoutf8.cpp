@@ -260,6 +260,13 @@ wchar_t* tryConvToWchar(const char* str, int32 errorBehavior, EKO_MEMTAG tag, Me
     return tryNewCopy<wchar_t>(str, errorBehavior, tag, result);
 }
 
+size_t wideLength(const char* str, int32 errorBehavior)
+{
+    Output<wchar_t> out = counting<wchar_t>();
+    convert(out, str, errorBehavior);
+    return out.used;
+}
+
 // ---- exported -------------------------------------------------------------------------------------------------
 
 char* eko_convToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag)

@@ -1,5 +1,7 @@
 #include "support/syscalls.h"
 
+#include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <time.h>
 
@@ -20,8 +22,12 @@ bool hit(const char* call)
     return __atomic_add_fetch(&faultCalls, 1, __ATOMIC_RELAXED) > faultSpared;
 }
 
+uint32 deadlyCall; // calls to the one in front of which the process dies; 0 when none
+
 bool fails(const char* call)
 {
+    if (deadlyCall && --deadlyCall == 0)
+        raise(SIGKILL);
     if (!hit(call))
         return false;
     if (faultError == 0) {
@@ -60,6 +66,11 @@ uint32 CallFault::calls() const
     return __atomic_load_n(&faultCalls, __ATOMIC_RELAXED);
 }
 
+void dieAtCall(uint32 n)
+{
+    deadlyCall = n;
+}
+
 // NAME(PARAMS) of the linker's --wrap: FAILED when the fault is on it, else the real one with ARGS.
 #define WRAP(type, name, params, args, failed) \
     extern "C" type __real_##name params; \
@@ -86,3 +97,16 @@ WRAP(void*, mmap64, (void* at, size_t n, int prot, int flags, int fd, off64_t of
 WRAP(struct tm*, localtime_r, (const time_t* time, struct tm* res), (time, res),
      (memset(res, 0, sizeof(*res)), static_cast<struct tm*>(nullptr)))
 WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line), (type, file, line), EKO_SEM_INVALID)
+
+// For calls that not every test wraps: where it does not, there is no __real_NAME, and nobody calls __wrap_NAME.
+#define WRAP_IF_LINKED(name, params, args) \
+    extern "C" __attribute__((weak)) int __real_##name params; \
+    extern "C" int __wrap_##name params; \
+    int __wrap_##name params \
+    { \
+        return fails(#name) ? -1 : __real_##name args; \
+    }
+
+WRAP_IF_LINKED(close, (int fd), (fd))
+WRAP_IF_LINKED(remove, (const char* path), (path))
+WRAP_IF_LINKED(rename, (const char* from, const char* to), (from, to))
