@@ -113,8 +113,8 @@ EKO_API int32 eko_iniInt32W(const wchar_t* iniName, const wchar_t* section, cons
 EKO_API int32 eko_iniInt32ExW(const wchar_t* iniName, const wchar_t* section, const wchar_t* tag, int32* num,
                               uint16 xflags);
 
-/** Sets an entry, making file and section if need be; with a null `value` deletes the entry, with a null `entry` the
- *  section. What is to be deleted need not exist: the file is written all the same.
+/** Sets an entry, making file and section if need be; with a null `value` deletes the entry, with a null `entry`
+ *  the section. What is to be deleted need not exist: the file is written all the same.
  *  Returns 0; -904; -905; -919; -924 for a null iniName or section. The file is as it was after -904 or -905,
  *  unless the new one could not be read into the cache: then the next get tries that again. A file that is there
  *  but cannot be read to its end is not replaced (-905), nor is one named "_temp_.ini". */

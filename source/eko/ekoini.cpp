@@ -131,7 +131,7 @@ void store(wchar_t* dest, const char* item, uint32 units)
 //
 // DELIBERATE: for entry names the room left is taken modulo 65536, so that of a longer buffer only (length - 1)
 // % 65536 characters serve. The engine's tools hand in one large work area and rely on names staying within 64
-// KiB of it. A name that is cut always gives INI_BUFFER_TOO_SMALL. Pinned by ini_entry_names_in_long_buffers.
+// KiB of it. A name that is cut always gives INI_BUFFER_TOO_SMALL. Pinned by ini_reading_rules.
 template <class Unit> int32 storeList(const Found& found, Unit* buf, uint32 length)
 {
     if (length < 2)
@@ -191,7 +191,8 @@ char* tryJoin(const Found& found, EKO_MEMTAG tag, MemResult* result)
 int32 getString(EKO_INI_GLOBALS* globals, const IniQuery& query, char** string, EKO_MEMTAG tag, MemResult* onTag,
                 MemResult* result)
 {
-    prepareToOpen(query.xflags);
+    if (!canOpen(query.xflags))
+        return INI_NO_MEMORY;
     const SemGuard lock(globals->iniSem);
     Found found;
     const int32 status = find(globals, query, &found, result);
@@ -217,12 +218,10 @@ EKO_INI_GLOBALS* eko_iniGlobals()
     return static_cast<EKO_INI_GLOBALS*>(globalRecord(iniSlot));
 }
 
-// That of disk files exists since this module's own was made.
-void prepareToOpen(uint16 xflags)
+// The record of disk files exists since this module's own was made.
+bool canOpen(uint16 xflags)
 {
-    MemResult ignored;
-    if (xflags & EKO_FILE_INMEMORY)
-        eko_mfSizeStat("/", &ignored);
+    return !(xflags & EKO_FILE_INMEMORY) || mfGlobals();
 }
 
 INIINFO* findFile(const EKO_INI_GLOBALS* globals, const char* iniName)
@@ -238,7 +237,8 @@ INIINFO* findFile(const EKO_INI_GLOBALS* globals, const char* iniName)
 template <class Unit>
 int32 getList(EKO_INI_GLOBALS* globals, const IniQuery& query, Unit* buf, uint32 length, MemResult* result)
 {
-    prepareToOpen(query.xflags);
+    if (!canOpen(query.xflags))
+        return INI_NO_MEMORY;
     const SemGuard lock(globals->iniSem);
     Found found;
     const int32 status = find(globals, query, &found, result);
@@ -249,7 +249,8 @@ template int32 getList(EKO_INI_GLOBALS*, const IniQuery&, wchar_t*, uint32, MemR
 
 void reloadFile(EKO_INI_GLOBALS* globals, const char* iniName, uint16 xflags, IfUnreadable then, MemResult* result)
 {
-    prepareToOpen(xflags);
+    if (!canOpen(xflags))
+        return;
     const SemGuard lock(globals->iniSem);
     rereadFile(globals, iniName, xflags, then, result);
 }

@@ -54,9 +54,9 @@ struct EKO_INI_GLOBALS {
 // The module's record, or null.
 EKO_INI_GLOBALS* eko_iniGlobals();
 
-// To be called before iniSem is entered by who will open files under it: makes the records of the modules behind
-// them, which would otherwise be made under iniSem, against the nesting order.
-void prepareToOpen(uint16 xflags);
+// To be asked before iniSem is entered to open files under it: makes the records of the modules behind them, which
+// would otherwise be made under iniSem, against the nesting order. False when there is no memory for one.
+bool canOpen(uint16 xflags);
 
 inline const char* valueOf(const PARMINFO& parm)
 {

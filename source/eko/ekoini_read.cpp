@@ -11,8 +11,8 @@ constexpr char LINE_ENDS_AND_COMMENT[] = "\n\r;";
 
 // ---- the cache's memory -----------------------------------------------------------------------------------
 
-// Elements that the block of an array has room for when the array counts as having `max`. An array grows by one element
-// at a time; were the block to do so too, each step might copy all of a large file.
+// Elements that the block of an array has room for when the array counts as having `max`. An array grows by one
+// element at a time; were its block to do so too, each step might copy all of a large file.
 constexpr size_t reservedFor(uint32 max)
 {
     const uint32 step = max < 32 ? 1 : std::bit_floor(max) / 4;

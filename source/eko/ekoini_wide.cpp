@@ -56,7 +56,8 @@ template <size_t COUNT, class Call> int32 callNarrow(const wchar_t* const (&wide
 } // namespace
 
 // DELIBERATE: other than in the narrow form, a file that cannot be opened leaves its cached copy as it is. Programs
-// that refresh their settings through this one go on with the old ones then. Pinned by ini_read_again.
+// that refresh their settings through this one go on with the old ones then.
+// Pinned by ini_large_and_unreadable_files.
 int32 eko_readIniFileExW(const wchar_t* iniName, uint16 xflags)
 {
     if (!iniName)

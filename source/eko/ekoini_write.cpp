@@ -216,7 +216,7 @@ int32 writeTemp(const Edit& edit, const char* iniName, const char* tempName, uin
 // DELIBERATE: the old file is removed first, so that for a moment there is none, and a failed rename leaves the
 // new one under the temporary name: a file in memory would not be replaced by a rename. Nor does anybody wait
 // for the disk, or look whether it was full. Who kills the process finds the old file, the temporary one or the
-// new one whole. Pinned by ini_set_killed_at_every_call and ini_set_on_a_full_disk.
+// new one whole. Pinned by ini_set_under_faults.
 int32 replaceFile(const char* iniName, const char* tempName, uint16 xflags, MemResult* result)
 {
     tryRemove(iniName, xflags, result);
@@ -236,7 +236,8 @@ int32 rewriteFile(const Edit& edit, const char* iniName, const char* tempName, u
 int32 rewriteLocked(EKO_INI_GLOBALS* globals, const Edit& edit, const char* iniName, const char* tempName,
                     uint16 xflags, MemResult* result)
 {
-    prepareToOpen(xflags);
+    if (!canOpen(xflags))
+        return INI_NO_MEMORY;
     const SemGuard lock(globals->iniSem);
     const int32 status = rewriteFile(edit, iniName, tempName, xflags, result);
     return status == EKO_OK ? rereadFile(globals, iniName, xflags, IfUnreadable::drop, result) : status;
