@@ -168,6 +168,8 @@ holder=$HOLDER_PID # the shell forgets it when the process ends
 read -r held <&"${HOLDER[0]}"
 [ "$held" = held ] || failed 'cannot hold the lock'
 bad 'in use' load three db
+bad 'in use' import three db
+bad 'in use' copy two.db db
 good 'two;22' get db two
 same db torn 'a torn end is cut off in spite of the lock'
 echo >&"${HOLDER[1]}"
@@ -263,6 +265,62 @@ for words in '' 'load text' 'get db' 'check db text more' 'take db'; do
     # shellcheck disable=SC2086
     expect 2 usage $words
 done
+
+# ---- settings, backings, whole files ------------------------------------------------------------------------
+
+# The first run wrote the settings; options go before them, and what makes no sense is told.
+printf '\n[minidb]\npage_size=65536\ndata_directory=.\nlog_file=\nbacking=disk\n' >expected
+same minidb.ini expected 'other settings are written on first use'
+mkdir data
+printf '[minidb]\ndata_directory = data\npage_size = 4096 ; small\nlog_file = set.log\nbacking = mapped\n' >set.ini
+good 'loaded 4004' --settings set.ini load text sets.db
+good 'agree on all 4003' --settings set.ini --backing memory check sets.db text
+good 'agree on all 4003' check data/sets.db text
+grep -q 'agree on all' set.log || failed 'nothing in the log that is set'
+for wrong in page_size=5000 page_size=1048576 backing=tape "log_file=$(printf '%5000s' '' | tr ' ' x)"; do
+    printf '[minidb]\n%s\n' "$wrong" >wrong.ini
+    bad "${wrong%%=*}" --settings wrong.ini get two.db one
+done
+bad 'a backing is' --backing tape get two.db one
+bad 'a name too long' get "$(printf '%5000s' '' | tr ' ' x)" one
+
+# Whatever the backing, the same bytes: of a new file, of one that grows over several MiB, and after a crash.
+for i in 1 2 3; do sed "s/^k/$i-k/; s/^long/$i-long/; s/;x*/&&&&&/" text; done >large
+good 'loaded 12012' load large large.db
+good 'loaded 4004' load text large.db
+for backing in mapped memory; do
+    good 'loaded 12012' --backing $backing load large b.db
+    good 'loaded 4004' --backing $backing load text b.db
+    same b.db large.db "$backing leaves other bytes"
+    good "k7;a later line" --backing $backing get b.db k7
+    good 'agree on all 3 ' --backing $backing check three.db three
+    bad 'no_key:2' --backing $backing load no_key b.db
+    same b.db large.db "a load that failed leaves something, $backing"
+    (trap '' XFSZ; ulimit -f 1500; exec "$minidb" --backing $backing load large b.db) >out 2>err &&
+        failed "a full disk is not told, $backing"
+    good 'k7;a later line' get b.db k7
+    same b.db large.db "a full disk leaves something, $backing"
+    { (ulimit -c 0 -f 1500; exec "$minidb" --backing $backing load large c.db) >out 2>err &&
+        failed "a limited load succeeds, $backing"; } 2>/dev/null
+    good 'loaded 12012' --backing $backing load large c.db
+    good 'agree on all' --backing $backing check c.db large
+    rm b.db c.db
+done
+
+good 'exported 4003' export before sorted
+LC_ALL=C sort -s -t ';' -k 1,1 text | grep -v '^k7;value' >expected
+same sorted expected 'an export is not the records in order'
+good 'loaded 4003' import sorted other
+good 'agree on all 4003' check other text
+good 'copied' copy other copied.db
+same other copied.db 'a copy is another file'
+cp two.db db
+bad 'no_key:2' import no_key db
+bad 'cannot be opened' export absent.db sorted
+bad 'cannot be copied' copy absent.db db
+bad 'cannot be put in place' export two.db dir/none/sorted
+same db two.db 'an import or copy that failed changes the file'
+same sorted expected 'an export that failed changes the file'
 
 # Permissions are tried by a user whom they bind.
 user=()

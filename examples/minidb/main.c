@@ -1,4 +1,4 @@
-/* main.c - the commands of minidb. */
+/* main.c - the command line of minidb, and its first commands. */
 #include <fcntl.h>
 #include <string.h>
 
@@ -8,10 +8,14 @@
 #define MAX_SHOWN 10u          /* differences told one by one */
 
 static const char usage[] =
-    "usage: minidb [--log FILE] COMMAND\n"
+    "usage: minidb [--settings FILE] [--backing disk|mapped|memory] [--log FILE] COMMAND\n"
     "  load FILE DB     adds the lines of FILE, each a key, a ';' and a value, to the data file DB\n"
     "  get DB KEY...    prints the records with these keys\n"
     "  check DB FILE    tells whether DB holds exactly what the lines of FILE say, the last one of each key\n"
+    "  export DB FILE   writes the records as lines, in the order of their keys\n"
+    "  import FILE DB   makes DB anew from the lines of FILE, in place of what it held\n"
+    "  copy DB DB       makes the second a copy of the first\n"
+    "Settings are read from minidb.ini, which is written on first use; options go before them.\n"
     "Ends with 0 when all went well, 1 when not, 2 after this text.\n";
 
 void complain(const char* format, ...)
@@ -51,9 +55,14 @@ static void sayTag(const char* purpose, EKO_MEMTAG tag)
         complain("no figures of the tag '%s'", purpose);
 }
 
+static double secondsSince(uint64 startedNs)
+{
+    return (double)(int64)(eko_timeNanoSecs() - startedNs) / 1e9;
+}
+
 static void sayFigures(const FIGURES* figures, const TEXT* text, const STORE* store, const INDEX* index)
 {
-    const double seconds = (double)(int64)(eko_timeNanoSecs() - figures->startedNs) / 1e9;
+    const double seconds = secondsSince(figures->startedNs);
     eko_log("minidb: loaded %u records, %llu bytes of text, %llu bytes of data, in %.3f s\n", figures->records,
             (unsigned long long)text->length, (unsigned long long)(store->end - figures->startedAt), seconds);
     eko_log("minidb: %u of them replace earlier ones; %u keys in all\n", figures->replaced, index->count);
@@ -90,13 +99,14 @@ static bool loadOpened(TEXT* text, STORE* store, INDEX* index)
     return false;
 }
 
-static bool load(const char* textName, const char* storeName)
+bool load(const SETTINGS* settings, const char* textName, const char* storeName)
 {
     TEXT text = {0};
     STORE store = {0};
     INDEX index = {0};
     const bool done = textOpen(&text, textName) && indexOpen(&index) &&
-                      storeOpen(&store, storeName, STORE_LOAD, &index) && loadOpened(&text, &store, &index);
+                      storeOpen(&store, settings, storeName, STORE_LOAD, &index) &&
+                      loadOpened(&text, &store, &index);
     storeClose(&store);
     indexClose(&index);
     textClose(&text);
@@ -104,6 +114,18 @@ static bool load(const char* textName, const char* storeName)
 }
 
 /* ---- get ---------------------------------------------------------------------------------------------------- */
+
+bool printPair(EKO_FILE_STREAM out, const PAIR* pair)
+{
+    return eko_fprintf(out, "%.*s;%.*s\n", (int)pair->keyLen, pair->key, (int)pair->valueLen, pair->value) > 0;
+}
+
+bool closePrinted(EKO_FILE_STREAM out)
+{
+    const bool written = eko_fseek(out, 0, 1) == 0; /* writes what is pending, and tells whether that went well */
+    eko_fclose(out);
+    return written;
+}
 
 /* FOUND_END when there is none; FOUND_FAULT when going on makes no sense. */
 static FOUND getOne(STORE* store, const INDEX* index, const char* key, EKO_FILE_STREAM out)
@@ -117,9 +139,7 @@ static FOUND getOne(STORE* store, const INDEX* index, const char* key, EKO_FILE_
     PAIR pair;
     if (storeNext(store, &at, &pair) != FOUND_ONE)
         return FOUND_FAULT;
-    const int32 printed =
-        eko_fprintf(out, "%.*s;%.*s\n", (int)pair.keyLen, pair.key, (int)pair.valueLen, pair.value);
-    return printed > 0 ? FOUND_ONE : FOUND_FAULT;
+    return printPair(out, &pair) ? FOUND_ONE : FOUND_FAULT;
 }
 
 /* Records are data, not messages: they go to standard output, but not into the log. A stream of our own over it
@@ -137,19 +157,18 @@ static bool getAll(STORE* store, const INDEX* index, int count, char** keys)
         found = getOne(store, index, keys[i], out);
         all = all && found == FOUND_ONE;
     }
-    if (eko_fseek(out, 0, 1) != 0) {
+    if (!closePrinted(out)) {
         complain("cannot write to standard output");
         all = false;
     }
-    eko_fclose(out);
     return all;
 }
 
-static bool get(const char* storeName, int count, char** keys)
+static bool get(const SETTINGS* settings, const char* storeName, int count, char** keys)
 {
     STORE store = {0};
     INDEX index = {0};
-    const bool done = indexOpen(&index) && storeOpen(&store, storeName, STORE_READ, &index) &&
+    const bool done = indexOpen(&index) && storeOpen(&store, settings, storeName, STORE_READ, &index) &&
                       getAll(&store, &index, count, keys);
     storeClose(&store);
     indexClose(&index);
@@ -215,6 +234,7 @@ static void findMissing(const INDEX* index, const INDEX* expected, DIFFERENCES* 
 static bool checkOpened(TEXT* text, STORE* store, const INDEX* index, INDEX* expected)
 {
     DIFFERENCES differences = {0, 0, 0};
+    const uint64 startedNs = eko_timeNanoSecs();
     if (!readText(text, expected) || !compareRecords(store, index, expected, &differences))
         return false;
     findMissing(index, expected, &differences);
@@ -223,17 +243,18 @@ static bool checkOpened(TEXT* text, STORE* store, const INDEX* index, INDEX* exp
                  differences.missing, differences.different, differences.extra);
         return false;
     }
-    eko_log("minidb: %s and %s agree on all %u records\n", store->name, text->name, index->count);
+    eko_log("minidb: %s and %s agree on all %u records, in %.3f s\n", store->name, text->name, index->count,
+            secondsSince(startedNs));
     return true;
 }
 
-static bool check(const char* storeName, const char* textName)
+static bool check(const SETTINGS* settings, const char* storeName, const char* textName)
 {
     TEXT text = {0};
     STORE store = {0};
     INDEX index = {0}, expected = {0};
     const bool done = textOpen(&text, textName) && indexOpen(&index) && indexOpen(&expected) &&
-                      storeOpen(&store, storeName, STORE_READ, &index) &&
+                      storeOpen(&store, settings, storeName, STORE_READ, &index) &&
                       checkOpened(&text, &store, &index, &expected);
     storeClose(&store);
     indexClose(&index);
@@ -244,31 +265,81 @@ static bool check(const char* storeName, const char* textName)
 
 /* ---- command line ------------------------------------------------------------------------------------------- */
 
-static int run(int count, char** words)
+typedef struct COMMAND {
+    const char* name;
+    bool (*run)(const SETTINGS* settings, const char* first, const char* second);
+    bool storeFirst, storeSecond; /* which words name data files */
+} COMMAND;
+
+/* Those of two words; "get" takes any number. */
+static const COMMAND commands[] = {{"load", load, false, true},
+                                   {"check", check, true, false},
+                                   {"export", exportText, true, false},
+                                   {"import", importText, false, true},
+                                   {"copy", copyStore, true, true}};
+
+static bool runOne(const COMMAND* command, const SETTINGS* settings, char** words)
 {
-    bool done;
-    if (count == 3 && strcmp(words[0], "load") == 0)
-        done = load(words[1], words[2]);
-    else if (count >= 3 && strcmp(words[0], "get") == 0)
-        done = get(words[1], count - 2, words + 2);
-    else if (count == 3 && strcmp(words[0], "check") == 0)
-        done = check(words[1], words[2]);
-    else {
-        eko_printfErr("%s", usage);
-        return 2;
-    }
-    return done ? 0 : 1;
+    char first[MAX_NAME_BYTES], second[MAX_NAME_BYTES];
+    if ((command->storeFirst && !settingsPath(settings, words[0], first)) ||
+        (command->storeSecond && !settingsPath(settings, words[1], second)))
+        return false;
+    return command->run(settings, command->storeFirst ? first : words[0], command->storeSecond ? second : words[1]);
 }
 
-static int runLogged(const char* logName, int count, char** words)
+static int usageError(void)
 {
-    if (eko_log_open(logName) != 0) {
-        complain("%s: cannot be opened as the log", logName);
+    eko_printfErr("%s", usage);
+    return 2;
+}
+
+static int run(const SETTINGS* settings, int count, char** words)
+{
+    if (count >= 3 && strcmp(words[0], "get") == 0) {
+        char path[MAX_NAME_BYTES];
+        return settingsPath(settings, words[1], path) && get(settings, path, count - 2, words + 2) ? 0 : 1;
+    }
+    for (size_t i = 0; count == 3 && i < sizeof commands / sizeof commands[0]; ++i)
+        if (strcmp(words[0], commands[i].name) == 0)
+            return runOne(&commands[i], settings, words + 1) ? 0 : 1;
+    return usageError();
+}
+
+static int runLogged(const SETTINGS* settings, int count, char** words)
+{
+    if (settings->logFile[0] == 0)
+        return run(settings, count, words);
+    if (eko_log_open(settings->logFile) != 0) {
+        complain("%s: cannot be opened as the log", settings->logFile);
         return 1;
     }
-    const int result = run(count, words);
+    const int result = run(settings, count, words);
     eko_log_close();
     return result;
+}
+
+/* What the options say goes before what the settings say. */
+static int runWithOptions(int count, char** words)
+{
+    const char *file = "minidb.ini", *backing = NULL, *logFile = NULL;
+    for (; count >= 2 && strncmp(words[0], "--", 2) == 0; count -= 2, words += 2) {
+        if (strcmp(words[0], "--settings") == 0)
+            file = words[1];
+        else if (strcmp(words[0], "--backing") == 0)
+            backing = words[1];
+        else if (strcmp(words[0], "--log") == 0)
+            logFile = words[1];
+        else
+            return usageError();
+    }
+    if (count == 0)
+        return usageError();
+    SETTINGS settings;
+    if (!settingsRead(&settings, file) || (backing && !settingsTakeBacking(&settings, backing)))
+        return 1;
+    if (logFile)
+        eko_strncpyZ(settings.logFile, logFile, sizeof settings.logFile);
+    return runLogged(&settings, count, words);
 }
 
 /* Started with one of the descriptors 0 to 2 closed, the first file opened would get its number, and what is
@@ -291,8 +362,7 @@ int main(int argc, char** argv)
         complain("the library does not start");
         return 1;
     }
-    const bool logged = argc >= 3 && strcmp(argv[1], "--log") == 0;
-    const int result = logged ? runLogged(argv[2], argc - 3, argv + 3) : run(argc - 1, argv + 1);
+    const int result = runWithOptions(argc - 1, argv + 1);
     eko_term();
     return result;
 }

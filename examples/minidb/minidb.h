@@ -1,9 +1,11 @@
 /* minidb.h - a small record store on eko: text in, records in a data file, records out.
  *
- * main.c   the commands
- * text.c   reads "key;value" lines through a text stream
- * store.c  the data file: positional reads and writes, checksums, recovery
- * index.c  a hash table that lives on tags
+ * main.c      the command line; load, get and check
+ * transfer.c  export, import and copy
+ * settings.c  what the user set in an INI file
+ * text.c      reads "key;value" lines through a text stream
+ * store.c     the data file: positional reads and writes, checksums, recovery, three backings
+ * index.c     a hash table that lives on tags
  *
  * How it uses the library
  *   Memory    Each purpose has a tag of its own, so that its use can be told and all of it is freed in one call.
@@ -26,6 +28,32 @@ void complain(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
 
 /* A tag for one thread; false, after a line, when it cannot be made. */
 bool makeTag(EKO_MEMTAG* tag, EKO_ALLOCATOR_TYPE type);
+
+/* ---- settings.c ------------------------------------------------------------------------------------------ */
+
+#define MAX_NAME_BYTES 4096
+
+/* What reads and writes the data file. */
+typedef enum BACKING {
+    BACKING_DISK,   /* the system's calls */
+    BACKING_MAPPED, /* views of the file in memory */
+    BACKING_MEMORY  /* a copy in memory, copied back when a load ends */
+} BACKING;
+extern const char* const backingNames[3];
+
+typedef struct SETTINGS {
+    BACKING backing;
+    uint32 pageSize; /* bytes read or written at once */
+    char dataDirectory[MAX_NAME_BYTES];
+    char logFile[MAX_NAME_BYTES]; /* "" is none */
+} SETTINGS;
+
+/* Reads the file; when there is none, writes one with what holds then, for the user to change. */
+bool settingsRead(SETTINGS* settings, const char* name);
+bool settingsTakeBacking(SETTINGS* settings, const char* name);
+
+/* The path of a data file: in the data directory, unless `name` tells a directory itself. False when too long. */
+bool settingsPath(const SETTINGS* settings, const char* name, char path[MAX_NAME_BYTES]);
 
 /* A key and its value, as bytes: not terminated, and owned by who hands them out. */
 typedef struct PAIR {
@@ -91,9 +119,18 @@ void textClose(TEXT* text);
 
 /* ---- store.c: the data file ------------------------------------------------------------------------------- */
 
+typedef enum STORE_USE {
+    STORE_READ,
+    STORE_LOAD /* creates the file when there is none, and keeps it locked */
+} STORE_USE;
+
 typedef struct STORE {
     const char* name;
-    EKO_FH fh;
+    STORE_USE use;
+    BACKING backing;
+    uint32 pageSize;
+    EKO_FH disk;            /* the file: for its lock, its recovery and its length */
+    EKO_FH fh;              /* what records are read and written through; may be `disk` */
     EKO_MEMTAG tag;         /* the two buffers */
     bool readOnly;          /* this user may not write it */
     bool locked;            /* against other processes that load */
@@ -107,14 +144,9 @@ typedef struct STORE {
     uint32 pendingLen;
 } STORE;
 
-typedef enum STORE_USE {
-    STORE_READ,
-    STORE_LOAD /* creates the file when there is none, and keeps it locked */
-} STORE_USE;
-
 /* Opens a data file, cuts off what a crash left unfinished, and fills the index with the records: keys, and
  * where each stands. */
-bool storeOpen(STORE* store, const char* name, STORE_USE use, INDEX* index);
+bool storeOpen(STORE* store, const SETTINGS* settings, const char* name, STORE_USE use, INDEX* index);
 void storeClose(STORE* store);
 
 /* Reads the record at `*at` and moves that behind it. The first one is at STORE_FIRST. The pair found is valid
@@ -123,9 +155,23 @@ void storeClose(STORE* store);
 FOUND storeNext(STORE* store, EKO_FILE_OFFSET* at, PAIR* pair);
 
 /* Adds a record behind the last. It is sure to be in the file only after storeCommit, which returns when it is on
- * the disk. storeCutBack takes the file back to an earlier `end`. */
+ * the disk. storeCutBack takes the file back to an earlier `end`, for closing. */
 bool storeAppend(STORE* store, const PAIR* pair);
 bool storeCommit(STORE* store);
 bool storeCutBack(STORE* store, EKO_FILE_OFFSET end);
+
+/* ---- main.c, transfer.c: the commands ---------------------------------------------------------------------- */
+
+/* Loads the lines of a text into a data file. */
+bool load(const SETTINGS* settings, const char* textName, const char* storeName);
+
+/* Writes "key;value" and a line end; false when that failed. */
+bool printPair(EKO_FILE_STREAM out, const PAIR* pair);
+/* Closes the stream; false when not all that was printed could be written. */
+bool closePrinted(EKO_FILE_STREAM out);
+
+bool exportText(const SETTINGS* settings, const char* storeName, const char* textName);
+bool importText(const SETTINGS* settings, const char* textName, const char* storeName);
+bool copyStore(const SETTINGS* settings, const char* from, const char* to);
 
 #endif

@@ -17,14 +17,20 @@
  *   it, records are damaged that were once complete. Cutting would lose the good ones too, so the open fails.
  *   (After a power failure the system may have kept a later piece of the last load and not an earlier one. That
  *   cannot be told from damage and is reported as such.)
- *   Only a process that holds the file's lock cuts: what looks torn to others may be a load that is under way. */
+ *   Only a process that holds the file's lock cuts: what looks torn to others may be a load that is under way.
+ *
+ * Backings
+ *   The lock, the recovery and the true length are matters of the file on disk, and go through the handle `disk`.
+ *   Once the file is sound, records move through `fh`: the same handle, or one over mapped views, or one on a copy
+ *   in memory. Views need two cares. Writing through them fills the file with zeros up to the next MiB; a crash
+ *   leaves them, and recovery takes them for what they are, an unfinished end. And no write may cross a MiB. */
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 
 #include "minidb.h"
 
-#define IO_BYTES 65536u
+#define GRANULE ((EKO_FILE_OFFSET)1 << 20) /* of mapped views */
 #define VERSION 1u
 #define RECORD_HEAD ((uint32)16)
 
@@ -67,7 +73,7 @@ static bool readFailed(const STORE* store, EKO_FILE_OFFSET at)
 static bool fillWindow(STORE* store, EKO_FILE_OFFSET at, uint32 need)
 {
     const EKO_FILE_OFFSET left = store->length - at;
-    const uint32 size = need > IO_BYTES ? need : IO_BYTES;
+    const uint32 size = need > store->pageSize ? need : store->pageSize;
     const uint32 want = left < size ? (uint32)left : size;
     if (store->windowSize < size) {
         uint8* larger = EKO_EXTEND(store->window, size, store->tag);
@@ -159,7 +165,9 @@ FOUND storeNext(STORE* store, EKO_FILE_OFFSET* at, PAIR* pair)
 static bool writeAll(STORE* store, EKO_FILE_OFFSET at, const uint8* bytes, uint32 count)
 {
     while (count > 0) {
-        const uint32 done = eko_fileSeekWrite(store->fh, at, bytes, count);
+        const EKO_FILE_OFFSET room = GRANULE - at % GRANULE; /* views want a cut there, the others do not mind */
+        const uint32 piece = count < room ? count : (uint32)room;
+        const uint32 done = eko_fileSeekWrite(store->fh, at, bytes, piece);
         if (done == 0 || done == EKO_FILE_IO_FAILED) {
             complain("%s: cannot be written at byte %llu: %s", store->name, (unsigned long long)at,
                      strerror(errno));
@@ -183,9 +191,9 @@ static bool appendBytes(STORE* store, const void* bytes, uint32 count)
 {
     const uint8* from = bytes;
     while (count > 0) {
-        if (store->pendingLen == IO_BYTES && !writePending(store))
+        if (store->pendingLen == store->pageSize && !writePending(store))
             return false;
-        const uint32 room = IO_BYTES - store->pendingLen;
+        const uint32 room = store->pageSize - store->pendingLen;
         const uint32 part = count < room ? count : room;
         memcpy(store->pending + store->pendingLen, from, part);
         store->pendingLen += part;
@@ -211,17 +219,33 @@ bool storeCommit(STORE* store)
 {
     if (!writePending(store))
         return false;
-    if (eko_fileSync(store->fh) == 0)
+    const bool copied = store->fh == store->disk || store->backing != BACKING_MEMORY ||
+                        eko_fileCopyEx(store->name, EKO_FILE_INMEMORY, store->name, 0) == 0;
+    if (copied && eko_fileSync(store->backing == BACKING_MAPPED ? store->fh : store->disk) == 0)
         return true;
     complain("%s: cannot be written to the disk: %s", store->name, strerror(errno));
     return false;
+}
+
+/* From here on there is only the file. */
+static void closeBacking(STORE* store)
+{
+    if (store->fh == store->disk)
+        return;
+    eko_fileClose(store->fh);
+    store->fh = store->disk;
+    if (store->backing == BACKING_MEMORY)
+        eko_fileRemoveEx(store->name, EKO_FILE_INMEMORY);
+    else if (store->use == STORE_LOAD)
+        eko_fileSetSize(store->disk, store->end); /* without the zeros; if it fails the next open cuts them off */
 }
 
 bool storeCutBack(STORE* store, EKO_FILE_OFFSET end)
 {
     store->pendingLen = 0;
     store->end = store->length = end;
-    if (eko_fileSetSize(store->fh, end) == 0)
+    closeBacking(store);
+    if (eko_fileSetSize(store->disk, end) == 0)
         return true;
     complain("%s: cannot be cut back to %llu bytes: %s", store->name, (unsigned long long)end, strerror(errno));
     return false;
@@ -294,7 +318,7 @@ static FOUND readAll(STORE* store, INDEX* index)
 static bool scan(STORE* store, STORE_USE use, INDEX* index, bool* torn)
 {
     indexEmpty(index);
-    store->length = eko_fileLength(store->fh);
+    store->length = eko_fileLength(store->disk);
     store->windowLen = 0;
     if (!checkHeader(store, use))
         return false;
@@ -309,7 +333,7 @@ static bool recover(STORE* store, STORE_USE use, INDEX* index)
     if (!scan(store, use, index, &torn))
         return false;
     if (torn && !store->locked) {
-        store->locked = !store->readOnly && eko_fileLock(store->fh) == 0;
+        store->locked = !store->readOnly && eko_fileLock(store->disk) == 0;
         if (!store->locked) { /* the file may only be read, or a load is under way */
             store->length = store->end;
             return true;
@@ -326,42 +350,75 @@ static bool recover(STORE* store, STORE_USE use, INDEX* index)
     return true;
 }
 
-static bool openFile(STORE* store, STORE_USE use)
+static bool openFile(STORE* store)
 {
-    const uint32 create = use == STORE_LOAD ? O_CREAT : 0;
-    store->fh = eko_fileOpen(store->name, O_RDWR | O_CLOEXEC | create, 0);
-    if (!store->fh && use == STORE_READ && (errno == EACCES || errno == EROFS)) {
+    const uint32 create = store->use == STORE_LOAD ? O_CREAT : 0;
+    store->disk = eko_fileOpen(store->name, O_RDWR | O_CLOEXEC | create, 0);
+    if (!store->disk && store->use == STORE_READ && (errno == EACCES || errno == EROFS)) {
         store->readOnly = true;
-        store->fh = eko_fileOpen(store->name, O_RDONLY | O_CLOEXEC, 0);
+        store->disk = eko_fileOpen(store->name, O_RDONLY | O_CLOEXEC, 0);
     }
-    if (!store->fh)
+    store->fh = store->disk;
+    if (!store->disk)
         complain("%s: cannot be opened: %s", store->name, strerror(errno));
-    return store->fh != NULL;
+    return store->disk != NULL;
 }
 
-bool storeOpen(STORE* store, const char* name, STORE_USE use, INDEX* index)
+static bool prepareLoad(STORE* store)
+{
+    store->pending = EKO_ALLOC(store->pageSize, store->tag);
+    if (!store->pending)
+        return false;
+    store->locked = eko_fileLock(store->disk) == 0;
+    if (!store->locked)
+        complain("%s: is in use by another process", store->name);
+    return store->locked;
+}
+
+/* Opened for reading only, a map ends where the file ends and leaves its length alone. */
+static EKO_FH openMapped(const STORE* store)
+{
+    const uint32 flags = store->use == STORE_LOAD ? O_RDWR : O_RDONLY;
+    return eko_fileOpen(store->name, flags | O_CLOEXEC, EKO_FILE_MAPPED);
+}
+
+static EKO_FH openCopy(const STORE* store)
+{
+    if (eko_fileCopyEx(store->name, 0, store->name, EKO_FILE_INMEMORY) != 0)
+        return NULL;
+    return eko_fileOpen(store->name, O_RDWR, EKO_FILE_INMEMORY);
+}
+
+static bool openBacking(STORE* store, BACKING backing)
+{
+    if (backing == BACKING_DISK)
+        return true;
+    EKO_FH fh = backing == BACKING_MAPPED ? openMapped(store) : openCopy(store);
+    if (!fh) {
+        complain("%s: cannot be opened with the backing '%s'", store->name, backingNames[backing]);
+        return false;
+    }
+    store->backing = backing;
+    store->fh = fh;
+    return true;
+}
+
+bool storeOpen(STORE* store, const SETTINGS* settings, const char* name, STORE_USE use, INDEX* index)
 {
     store->name = name;
-    if (!makeTag(&store->tag, LIST_ALLOCATOR) || !openFile(store, use))
-        return false;
-    if (use == STORE_LOAD) {
-        store->pending = EKO_ALLOC(IO_BYTES, store->tag);
-        if (!store->pending)
-            return false;
-        store->locked = eko_fileLock(store->fh) == 0;
-        if (!store->locked) {
-            complain("%s: is in use by another process", name);
-            return false;
-        }
-    }
-    return recover(store, use, index);
+    store->use = use;
+    store->pageSize = settings->pageSize;
+    return makeTag(&store->tag, LIST_ALLOCATOR) && openFile(store) && (use == STORE_READ || prepareLoad(store)) &&
+           recover(store, use, index) && openBacking(store, settings->backing);
 }
 
-/* Closing a handle ends its lock's mutex too, so the lock goes first. */
+/* Closing a handle ends its lock's mutex too, so the lock goes first; and before it the backing, which may still
+ * cut the file. */
 void storeClose(STORE* store)
 {
+    closeBacking(store);
     if (store->locked)
-        eko_fileUnlock(store->fh);
-    eko_fileClose(store->fh);
+        eko_fileUnlock(store->disk);
+    eko_fileClose(store->disk);
     EKO_TAG_DESTROY(store->tag);
 }
