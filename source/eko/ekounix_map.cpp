@@ -9,7 +9,8 @@
 
 namespace {
 
-// 32-bit builds map modulo 4 GiB: the call they are made for takes 32 bits of offset.
+// DELIBERATE: 32-bit builds map modulo 4 GiB, for the call that they are made for takes 32 bits of offset. Callers
+// keep mapped files below that. Pinned by file_of_5_gib_and_views.
 off64_t mappableOffset(EKO_FILE_OFFSET off)
 {
     return static_cast<off64_t>(sizeof(void*) > 4 ? off : static_cast<uint32>(off));
@@ -48,12 +49,12 @@ int32 eko_mpMapView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void** view
 {
     const int fd = static_cast<int>(reinterpret_cast<intptr_t>(map->desc));
     void* address = mmap64(nullptr, size, map->access, MAP_SHARED, fd, mappableOffset(off));
-    const int error = errno;
     if (address == MAP_FAILED)
         address = nullptr;
     if (!address) {
+        const ErrnoGuard keepErrno; // the caller logs it, wherever this goes
         printf("mmap(NULL, %u, %d, %d, %u) failed with error %d\n", size, map->access, fd, static_cast<uint32>(off),
-               error);
+               errno);
         return EKO_NO_MEMORY;
     }
     *view = address;
