@@ -30,11 +30,11 @@ protected:
             eko_fileClose(fh);
         acceptUsage();
     }
-    EKO_FH open(uint64 size, int flags = O_RDWR) // the file made anew
+    EKO_FH open(uint64 size, int flags = O_RDWR, uint16 xflags = EKO_FILE_MAPPED) // the file made anew
     {
         writeFile(name_, "0123456789");
         EXPECT_EQ(truncate64(name_.c_str(), off64_t(size)), 0);
-        return eko_fileOpen(name_.c_str(), uint32(flags), EKO_FILE_MAPPED);
+        return eko_fileOpen(name_.c_str(), uint32(flags), xflags);
     }
     std::string get(uint64 off, size_t size)
     {
@@ -92,22 +92,30 @@ TEST_F(MappedTest, directory_lists_names_and_types)
     eko_flPathClose(dir);
 }
 
-TEST_F(MappedTest, mapped_file_behaves_as_its_model)
+class DiskBackingTest : public MappedTest, public testing::WithParamInterface<uint16> {};
+INSTANTIATE_TEST_SUITE_P(Files, DiskBackingTest, testing::Values(EKO_FILE_MAPPED, uint16(0)));
+
+TEST_P(DiskBackingTest, files_behave_as_their_model)
 {
     std::minstd_rand random(815);
     std::string model, exe = readFile("/proc/self/exe"), noise = exe + exe;
-    fh_ = open(0);
+    const bool mapped = GetParam() == EKO_FILE_MAPPED; // else lengths are exact, and there is a position
+    fh_ = open(0, O_RDWR, GetParam());
     for (uint32 k = 0; k < 2000; ++k) {
         const size_t within = random() % 2 ? random() % MIB : (MIB - random() % 5) % MIB; // often at a border
         const size_t off = random() % 13 * MIB + within, n = 1 + random() % (k % 9 ? 9 : MIB), end = off + n;
+        const size_t piece = mapped ? MIB - within : n; // each at the same place
         if (k % 3 == 0) {
             EXPECT_EQ(eko_fileSetSize(fh_, off), 0);
-            model.resize(within ? off - within + MIB : model.size());
+            model.resize(!mapped ? off : within ? off - within + MIB : model.size());
         } else {
-            model.resize(end > model.size() && end % MIB ? end - end % MIB + MIB : model.size());
-            EXPECT_EQ(put(off, noise.substr(k, n)), off < model.size() ? int32(n) : -1) << k;
-            for (size_t at = 0; off < model.size() && at < n; at += MIB - within) // each piece at the same place
-                noise.copy(&model[off], std::min(MIB - within, n - at), k + at);
+            EXPECT_EQ(eko_fileSeek(fh_, k % 2 ? 0 : off, SEEK_SET), mapped ? 1002 : 0);
+            const size_t reached = !mapped ? end : end % MIB ? end - end % MIB + MIB : 0;
+            model.resize(std::max(reached, model.size()));
+            EXPECT_EQ(put(mapped || k % 2 ? off : EKO_FILE_NO_OFFSET, noise.substr(k, n)),
+                      off < model.size() ? int32(n) : -1);
+            for (size_t at = 0; off < model.size() && at < n; at += piece)
+                noise.copy(&model[off], std::min(piece, n - at), k + at);
         }
         const size_t from = random() % (model.size() + 1);
         ASSERT_TRUE(get(from, 3 * n) == model.substr(from, 3 * n) && eko_fileLength(fh_) == model.size()) << k;
@@ -119,18 +127,25 @@ TEST_F(MappedTest, mapped_file_behaves_as_its_model)
 TEST_F(MappedTest, mapped_views_lie_inside_the_file)
 {
     fh_ = open(uint64(5120) * MIB);
+    const std::string said = logged([&] {
+        FailNthOnTag noMemory(EKO_GLOBAL_TAG, 1);
+        EXPECT_EQ(get(0, 1), "?");
+    });
+    EXPECT_TRUE(matches(said, "Failed to seek and read, errno = 0\nOut of memory\\. .*/ekofile\\.cpp:[0-9]+\n"));
     const CallFault maps("mmap64", 0);
     for (int64 granule : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 4096, 0, 1})
         EXPECT_EQ(put(uint64(granule) * MIB, "view"), 4);
     EXPECT_EQ(maps.calls(), 12u);                              // the one used longest ago makes room
     EXPECT_EQ(eko_fileSync(fh_) + eko_fileSetSize(fh_, 1), 0); // views of what was behind are left
     EXPECT_EQ(put(2 * MIB - 1, "x"), -1);
+    FILE* const out = std::exchange(stdout, fopen("/dev/null", "r")); // nobody can be told, and the reason stays
     for (const char* call : {"ftruncate64", "fstat64", "mmap64"}) {
         CallFault fault(call, ENOSPC);
-        EXPECT_EQ(put(9 * MIB, "x"), -1);
-        EXPECT_EQ(get(9 * MIB, 1), "?");
+        EXPECT_TRUE(put(9 * MIB, "x") == -1 && errno == ENOSPC && get(9 * MIB, 1) == "?") << call;
     }
+    fclose(std::exchange(stdout, out));
     EXPECT_EQ(put(9 * MIB, "x"), 1); // there is room again
+    EXPECT_EQ(eko_fileSeekRead(fh_, 0, nullptr, 1) & eko_fileSeekWrite(fh_, 0, nullptr, 1), EKO_FILE_IO_FAILED);
     EXPECT_EQ(eko_fileSetSize(fh_, uint64(-5)), -1);
     EXPECT_EQ(put(uint64(-2), "four") & put(EKO_FILE_NO_OFFSET, "1"), -1);
     EXPECT_EQ(get(uint64(-2), 4) + get(EKO_FILE_NO_OFFSET, 4), "????");

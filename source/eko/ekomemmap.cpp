@@ -133,6 +133,9 @@ MAP_MUTEX* takeMutex(MemResult* result)
     return createMutex(result);
 }
 
+// DELIBERATE: a map's mutex is not deleted when the map is closed, but kept for the next one. There are never more
+// of them than maps were open at a time, so a program that opens and closes all day does not use up the semaphore
+// table. Pinned by mapped_opens_share_mutexes.
 void retireMutex(MAP_MUTEX* mutex)
 {
     EKO_MEMMAP_GLOBALS* globals = eko_memmapGlobals();
@@ -240,10 +243,10 @@ void setLength(EKO_MAPINFO* map, EKO_FILE_OFFSET size)
 //
 // DELIBERATE: nothing is done when the size is such a multiple already, not even for 0 or beyond the file's end.
 // Callers give a file its true length through a handle that is not mapped. Pinned by
-// mapped_file_behaves_as_its_model.
+// files_behave_as_their_model.
 //
 // DELIBERATE: it is no failure of the resize when the system refuses the length. What lies behind the file's end
-// fails when it is read or written, so nobody fails for room that he never uses. Pinned by
+// fails when it is read or written, so nobody fails for room that is never used. Pinned by
 // mapped_views_lie_inside_the_file.
 int32 resizeMap(EKO_MAPINFO* map, EKO_FILE_OFFSET size)
 {
@@ -327,7 +330,7 @@ void eko_mapClose(EKO_MAP map)
 uint32 eko_mapSeekRead(EKO_MAP map, EKO_FILE_OFFSET off, void* buf, uint32 size, MemResult* result)
 {
     errno = 0; // the caller logs it, also where it is not the system that refuses
-    if (off == EKO_FILE_NO_OFFSET)
+    if (off == EKO_FILE_NO_OFFSET || !buf)
         return EKO_FILE_IO_FAILED;
     const SemGuard lock(map->sem);
     uint32 total = 0;
@@ -345,15 +348,16 @@ uint32 eko_mapSeekRead(EKO_MAP map, EKO_FILE_OFFSET off, void* buf, uint32 size,
 }
 
 // DELIBERATE: the offset stays where the write begins, so what crosses a multiple of 1 MiB is not written behind
-// it: each further piece is written over the first one. Callers cut their writes there; what those that do not find
-// in their files, and how far these grow, is as it was. Pinned by mapped_file_behaves_as_its_model.
+// it: each further piece is written over the first one, though the file grows to hold them all. Callers cut their
+// writes there, and files of those that do not keep their contents and their length. Pinned by
+// files_behave_as_their_model.
 uint32 eko_mapSeekWrite(EKO_MAP map, EKO_FILE_OFFSET off, const void* buf, uint32 size, MemResult* result)
 {
     if (size == 0)
         return 0;
     errno = 0;
     EKO_FILE_OFFSET end;
-    if (!isWritable(map) || __builtin_add_overflow(off, size, &end))
+    if (!isWritable(map) || !buf || __builtin_add_overflow(off, size, &end))
         return EKO_FILE_IO_FAILED;
     const SemGuard lock(map->sem);
     if (!makeRoom(map, end))
