@@ -49,7 +49,7 @@ typedef struct EKOFTAB* EKO_FH;
  *
  * Mapped (EKO_FILE_MAPPED). A disk file seen through at most ten views of 1 MiB.
  *   - Only the positional calls move bytes: eko_fileRead and eko_fileWrite answer 0, eko_fileSeek 1002, and
- *     EKO_FILE_NO_OFFSET is no position.
+ *     EKO_FILE_NO_OFFSET fails.
  *   - A write must not cross a multiple of 1 MiB. The piece behind the boundary is NOT written there: it is written
  *     again where the write began. Cut writes at the boundary.
  *   - Opening for writing extends the file to the next multiple of 1 MiB, with zeros, and so does a write that ends
@@ -59,6 +59,8 @@ typedef struct EKOFTAB* EKO_FH;
  *     makes the room.
  *   - Open with O_RDWR to write: a page cannot be written only. A handle opened O_WRONLY fails at the first
  *     access, one opened O_RDONLY at the first write.
+ *   - A view that the system refuses to map fails the read or write, and standard output gets
+ *     "mmap(NULL, %u, %d, %d, %u) failed with error %d\n": size, protection, descriptor, offset, error number.
  *   - Where the length cannot be set (a limit, a full disk, a handle for reading) the resize does not tell; reads
  *     and writes of what is not there then fail.
  *   - Nothing else may resize the file meanwhile. Extending cuts what others appended, and the system ends a process
@@ -68,7 +70,8 @@ typedef struct EKOFTAB* EKO_FH;
 
 /* ---- handles -------------------------------------------------------------------------------------------- *
  *
- * Null for a handle, or for the name of a file, is refused: 1002, EKO_FILE_IO_FAILED, no size, no time. */
+ * Null for a handle, for the name of a file, or for bytes to be moved, is refused: 1002, EKO_FILE_IO_FAILED, no
+ * size, no time. */
 
 /** Opens a file.
  *  name    a path, passed to the system as it stands. Exactly "stdin", "stdout" and "stderr" are the process's
@@ -77,11 +80,11 @@ typedef struct EKOFTAB* EKO_FH;
  *  flags   open flags of the system, from <fcntl.h>: O_RDONLY, O_CREAT and so on; O_TRUNC implies O_CREAT. New
  *          files get the mode 0666 less the umask. Descriptors are inherited by children unless O_CLOEXEC is among
  *          them.
- *  xflags  EKO_FILE_..., see "three backings" below. Standard streams and files in memory are never mapped.
+ *  xflags  EKO_FILE_..., see "three backings" above. Standard streams and files in memory are never mapped.
  *  Returns the handle, or null: library not started, null name, no memory, refused by the system, no such file in
  *  memory, a map that cannot be made, or refused by read-only mode (any of write, read-write, create) or by
- *  diskless mode (any disk file). errno then tells
- *  the system's reason, and is left alone where the library itself refuses. A directory opens for reading.
+ *  diskless mode (any disk file). errno then tells the system's reason, and is left alone where the library itself
+ *  refuses. A directory opens for reading.
  *  eko_fileOpenW takes the name as a wide string. */
 EKO_API EKO_FH eko_fileOpen(const char* name, uint32 flags, uint16 xflags);
 EKO_API EKO_FH eko_fileOpenW(const wchar_t* name, uint32 flags, uint16 xflags);

@@ -4,7 +4,9 @@
 
 #include "ekofile_int.h"
 
-// Every call may come from any thread and neither reports nor jumps. Exhausted memory is `result` where it is given.
+// Every call may come from any thread, and none jumps. Exhausted memory is `result` where it is given, and not
+// reported here; only a semaphore table that has no mutex left for an open reports that itself, with no lock of
+// this module held. A view that the system refuses is told on standard output.
 
 int32 eko_mapOpen(EKO_FDESC desc, uint32 flags, EKO_MAP* map, MemResult* result);
 void eko_mapClose(EKO_MAP map);
