@@ -54,7 +54,7 @@ typedef struct EKOFTAB* EKO_FH;
  *     again where the write began. Cut writes at the boundary.
  *   - Opening for writing extends the file to the next multiple of 1 MiB, with zeros, and so does a write that ends
  *     beyond its end; eko_fileLength tells that length. eko_fileSetSize also rounds up, and does nothing when the
- *     size is such a multiple already. To give the file its true length, set it through a handle that is not mapped.
+ *     size is such a multiple already. To give a file its true length, set it through a handle that is not mapped.
  *   - A write beyond the end that would end exactly on a multiple of 1 MiB fails; eko_fileSetSize to one byte more
  *     makes the room.
  *   - Open with O_RDWR to write: a page cannot be written only. A handle opened O_WRONLY fails at the first
@@ -63,8 +63,8 @@ typedef struct EKOFTAB* EKO_FH;
  *     "mmap(NULL, %u, %d, %d, %u) failed with error %d\n": size, protection, descriptor, offset, error number.
  *   - Where the length cannot be set (a limit, a full disk, a handle for reading) the resize does not tell; reads
  *     and writes of what is not there then fail.
- *   - Nothing else may resize the file meanwhile. Extending cuts what others appended, and the system ends a process
- *     (SIGBUS) that touches a page which others cut off, or a hole that a full disk cannot fill.
+ *   - Nothing else may resize the file meanwhile. Extending cuts what others appended, and the system ends a
+ *     process (SIGBUS) that touches a page which others cut off, or a hole that a full disk cannot fill.
  *   - In a 32-bit build only the first 4 GiB can be mapped: offsets beyond are taken modulo 4 GiB.
  *   - In read-only mode a write moves nothing, while eko_fileSetSize still resizes. */
 
@@ -113,7 +113,7 @@ EKO_API uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint3
 /** The file's size in bytes; 0 when it cannot be had. */
 EKO_API EKO_FILE_OFFSET eko_fileLength(EKO_FH fh);
 
-/** The size of the file of that name; EKO_FILE_NO_OFFSET when there is none on disk, 0 when there is none in memory.
+/** The size of the file of that name; EKO_FILE_NO_OFFSET when there is none on disk, 0 when none in memory.
  *  In a 32-bit build a disk file of 2 GiB or more counts as absent. */
 EKO_API EKO_FILE_OFFSET eko_fileLengthStat(const char* name, uint16 xflags);
 
