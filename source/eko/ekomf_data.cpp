@@ -78,7 +78,7 @@ bool addSegment(MF_FILE_ENTRY* file, EKO_MEMTAG tag, MemResult* result)
 // unused, until the next time.
 // DELIBERATE: the bytes behind `size` in the last segment that stays are left as they are, and show again when the
 // file grows; only a new segment is zero. Clearing them would make each cut of a large file cost up to 8 MiB of
-// writing. Pinned by memfile_segments.
+// writing. Pinned by memfile_bytes.
 int32 adjust_space(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size, EKO_MEMTAG tag, MemResult* result)
 {
     const uint64 needed = size == 0 ? 0 : placeOf(size - 1).index + 1;
