@@ -68,8 +68,10 @@ TEST_F(MemFileTest, memfile_names)
     for (const char* name : {"", "t/d/", "/t/../f", "../f", "/t/d/at/f", "/t/d/h/"})
         EXPECT_FALSE(make(name) || at(name)) << name; // no name, no place, a file on the way
     EXPECT_EQ(list(at("/")) + list(at("./t/d\\t\\..")) + list(at("/t/d/")), "at at t/ ");
-    EXPECT_TRUE(remove("/at") == 0 && remove("/t") == 1002 && rename("/t/d/h", "/t/d/a") == 1002); // /t is the file
-    EXPECT_TRUE(make("/t/d/1st") && make("/t/d/two") && rename("/t/d/t", "/t/t") == 1002);
+    EXPECT_TRUE(remove("/at") == 0 && remove("/t") == 1002); // that is the file
+    EXPECT_TRUE(make("/t/d/1st") && make("/t/d/two") && rename("/t/d/h", "/t/d/a") == 1002);
+    for (const char* elsewhere : {"/t/t", "/t/x/t", "/t/d/t/t"})
+        EXPECT_EQ(rename("/t/d/t", elsewhere), 1002) << elsewhere;
     EXPECT_TRUE(rename("/T/d/t/../TWO", "/t\\D/1St") == 0 && rename("/t/d/t", "/t/d/1ST") == 0);
     for (std::string last : {"1ST/ ", "1St ", "1st "}) // each name once, the one renamed last in front
         EXPECT_TRUE(list(at("/t/d")) == last + "at " && remove("/t/d/1st") == 0) << last;
@@ -94,7 +96,7 @@ TEST_F(MemFileTest, memfile_bytes)
             uint64 end = 0, each = 8 * KIB;
             size = op == 0 ? off : off + count;
             for (segments = 0; end < size; end += each, ++segments)
-                each *= segments > 3 && segments < 17 && segments % 3 == 1 ? 4 : 1;
+                each *= segments > 3 && segments < 17 && segments % 3 == 1 ? 4u : 1u;
             store.resize(size_t(end), '\0');
         }
         const size_t from = size_t(std::min(off, size)), left = size_t(std::min<uint64>(size - from, count));
@@ -105,13 +107,17 @@ TEST_F(MemFileTest, memfile_bytes)
         ASSERT_TRUE(eko_fileLength(fh) == size && fh->f_mem->entry->num_segments == segments) << off;
         pos = off + (op == 0 || at == off ? 0 : left);
     }
+    EXPECT_EQ(eko_fileSetSize(fh, 0), 0);
     const size_t held = used();
     for (uint32 shift : {0u, 1u, 9u, 10u}) // more segments than can be counted, or pointed at
         EXPECT_EQ(eko_fileSetSize(fh, ~uint64(0) >> shift), 1003);
-    EXPECT_TRUE(eko_fileSeek(fh, ~uint64(0) - 2, SEEK_SET) == 0 && eko_fileWrite(fh, "abc", 3) == FAILED);
-    EXPECT_TRUE(used() == held && eko_fileLength(fh) == size && eko_fileSeek(fh, 0, 3) == 1002);
-    EXPECT_TRUE(eko_mfSeekWrite(fh->f_mem, size + 9, "", 0, &result) == 0 && closed(fh)); // also writes
-    EXPECT_TRUE(eko_fileLengthStat("/T/D/F", MEM) == size + 9 && eko_fileModTimeStat("/t/d/f", MEM) > 9);
+    EXPECT_TRUE(eko_fileSeek(fh, uint64(-3), SEEK_SET) == 0 && eko_fileWrite(fh, "abc", 3) == FAILED &&
+                used() == held);
+    EXPECT_TRUE(eko_fileSeek(fh, 3, SEEK_CUR) == 0 && eko_fileWrite(fh, "abc", 3) == 3 && eko_fileLength(fh) == 3);
+    EXPECT_TRUE(eko_fileSetSize(fh, 8192 * KIB) == 0 && used() - held == 8192 * KIB &&
+                eko_fileSeek(fh, 0, 3) == 1002);
+    EXPECT_TRUE(eko_mfSeekWrite(fh->f_mem, 9000 * KIB, "", 0, &result) == 0 && closed(fh)); // also writes
+    EXPECT_TRUE(eko_fileLengthStat("/T/D/F", MEM) == 9000 * KIB && eko_fileModTimeStat("/t/d/f", MEM) > 9);
 }
 
 // The name goes at once, the bytes as soon as nobody has the file locked, which holds up its own users only.

@@ -38,14 +38,16 @@ typedef struct EKOFTAB* EKO_FH;
  * A name without a leading "/" starts in the current directory ("/" in diskless mode). In front of the last "/" a
  * "\" separates too, and "." and ".." steps are resolved; but a "." right before the file's name is a directory of
  * that name (/a/./f), and so is an empty step (/a//f), while a ".." that leads back to the top leads nowhere
- * (/a/../f). Files right under "/" are kept apart from the directories there, which cannot be removed, renamed
- * or validated: /a is a file, even where /a/f is one.
- * Of the open flags only O_CREAT counts: it makes the file, and every directory on
- * the way; O_TRUNC implies it, but cuts nothing, and O_EXCL does not refuse. Bytes never written read as zero, but
- * those that a shrink cut off may come back when the file grows again. A file that is removed while it is open
- * loses its bytes at once: its handles then read 0 and fail to write. A file lock is a plain mutex here: while one
- * thread holds it, the others wait in every read, write and open of that file, and those opens make all that
- * is done in the same directory wait; so a thread should open and close nothing in memory while it holds one.
+ * (/a/../f).
+ * Files right under "/" are kept apart from the directories there, which cannot be removed, renamed or validated:
+ * /a is a file, even where /a/f is one too.
+ * Of the open flags only O_CREAT counts: it makes the file, and every directory on the way; O_TRUNC implies it, but
+ * cuts nothing, and O_EXCL does not refuse. When memory runs out, nothing is made. Bytes never written read as
+ * zero, but those that a shrink cut off may come back when the file grows again. A file that is removed while it is
+ * open loses its bytes at once: its handles then read 0 and fail to write. A file lock is a plain mutex here: while
+ * one thread holds it, the others wait in every read, write and open of that file, and those opens make all that is
+ * done in the same directory wait; so a thread that holds one should open and close nothing in memory, nor name
+ * anything there. Each file and each directory takes one of the process's 131,072 mutexes and events.
  *
  * Mapped (EKO_FILE_MAPPED). A disk file seen through at most ten views of 1 MiB.
  *   - Only the positional calls move bytes: eko_fileRead and eko_fileWrite answer 0, eko_fileSeek 1002, and

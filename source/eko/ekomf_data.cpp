@@ -38,7 +38,7 @@ Place placeOf(EKO_FILE_OFFSET off)
         --level;
     const uint32 size = sizeAtLevel(level);
     const auto inSegment = static_cast<uint32>(off % size);
-    return {SEGMENTS_PER_LEVEL * level + off / size, inSegment, size - inSegment};
+    return {uint64{level} * SEGMENTS_PER_LEVEL + off / size, inSegment, size - inSegment};
 }
 
 uint32 segmentSize(uint32 index)
