@@ -193,7 +193,7 @@ int32 eko_mfSeek(EKO_MFH fh, EKO_FILE_OFFSET off, int32 origin)
     else if (origin == FROM_POSITION)
         fh->pos += off; // a negative one wraps, as it should
     else if (origin == FROM_END)
-        fh->pos = readUnlocked(fh->entry->size) + off;
+        fh->pos = sizeUnlocked(fh->entry) + off;
     else
         return EKO_FAILED;
     return EKO_OK;
@@ -249,7 +249,7 @@ int32 eko_mfUnlock(EKO_MFH fh)
 
 EKO_FILE_OFFSET eko_mfSize(EKO_MFH fh)
 {
-    return usable(fh) ? readUnlocked(fh->entry->size) : 0;
+    return usable(fh) ? sizeUnlocked(fh->entry) : 0;
 }
 
 int32 eko_mfSetSize(EKO_MFH fh, EKO_FILE_OFFSET size, MemResult* result)
@@ -266,13 +266,13 @@ int32 eko_mfSetSize(EKO_MFH fh, EKO_FILE_OFFSET size, MemResult* result)
 EKO_FILE_OFFSET eko_mfSizeStat(const char* name, MemResult* result)
 {
     const Named named(name, result);
-    return named.file() ? readUnlocked(named.file()->size) : 0;
+    return named.file() ? sizeUnlocked(named.file()) : 0;
 }
 
 time64_t eko_mfModTime(const char* name, MemResult* result)
 {
     const Named named(name, result);
-    return named.file() ? readUnlocked(named.file()->modtime) : 0;
+    return named.file() ? modtimeUnlocked(named.file()) : 0;
 }
 
 int32 eko_mfValidate(const char* name, int32* isdir, MemResult* result)

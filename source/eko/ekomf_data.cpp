@@ -139,8 +139,8 @@ uint32 mfWriteAt(MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, const void* buf, uint
         from += count;
     });
     if (end > file->size)
-        writeUnlocked(file->size, end);
-    writeUnlocked(file->modtime, eko_timeSecs());
+        setSize(file, end);
+    setModtime(file, eko_timeSecs());
     *result = MemResult::done;
     return size;
 }
@@ -152,7 +152,7 @@ int32 mfResize(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size, EKO_MEMTAG tag, MemRes
     const int32 status = adjust_space(file, size, tag, result);
     if (status != EKO_OK)
         return status;
-    writeUnlocked(file->size, size);
+    setSize(file, size);
     *result = MemResult::done;
     return EKO_OK;
 }
@@ -160,7 +160,7 @@ int32 mfResize(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size, EKO_MEMTAG tag, MemRes
 void mfDropBytes(MF_FILE_ENTRY* file, EKO_MEMTAG tag)
 {
     MemResult ignored;
-    writeUnlocked(file->size, EKO_FILE_OFFSET{0});
+    setSize(file, 0);
     adjust_space(file, 0, tag, &ignored);
     EKO_FREE(file->segments, tag);
     file->segments = nullptr;

@@ -49,8 +49,8 @@ struct MF_SUBDIR_ENTRY {
 
 // A file's contents.
 struct MF_FILE_ENTRY {
-    alignas(8) time64_t modtime;     // seconds, of the last write; 0 before. Read without the mutex.
-    alignas(8) EKO_FILE_OFFSET size; // bytes. Read without the mutex.
+    alignas(8) time64_t modtime;     // seconds, of the last write; 0 before. Read without the mutex, as is
+    alignas(8) EKO_FILE_OFFSET size; // bytes; so both are aligned for one instruction, which 32 bits would not do
     EKO_SEM sem;                     // guards the bytes and all fields but those that say otherwise
     uint32 open_count;               // handles; guarded by the directory's mutex, and nobody decides by it
     uint32 num_segments;             // there; `size` may need fewer, after a growth that ran out of memory
@@ -60,6 +60,24 @@ struct MF_FILE_ENTRY {
     uint32 references;       // atomic: the tree's, one per handle; at 0 the record goes
     bool removed;            // no longer in the tree, and without bytes
 };
+
+// Not by the helpers for plain variables, which cannot see how a field is aligned.
+inline time64_t modtimeUnlocked(const MF_FILE_ENTRY* file)
+{
+    return __atomic_load_n(&file->modtime, __ATOMIC_RELAXED);
+}
+inline void setModtime(MF_FILE_ENTRY* file, time64_t seconds)
+{
+    __atomic_store_n(&file->modtime, seconds, __ATOMIC_RELAXED);
+}
+inline EKO_FILE_OFFSET sizeUnlocked(const MF_FILE_ENTRY* file)
+{
+    return __atomic_load_n(&file->size, __ATOMIC_RELAXED);
+}
+inline void setSize(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size)
+{
+    __atomic_store_n(&file->size, size, __ATOMIC_RELAXED);
+}
 
 enum : uint16 { MF_FILE = 0, MF_SUBDIR = 1 };
 
