@@ -85,8 +85,8 @@ private:
 };
 
 // Gives the entry of that name the name `newName`, and answers the old text; null when there is none.
-// DELIBERATE: nobody looks whether the new name is taken. Then there are two, and the renamed one is found, until it
-// is removed and the other one comes back. Callers remove first what they replace, and count on a rename that is
+// DELIBERATE: nobody looks whether the new name is taken. Then there are two, and the renamed one is found, until
+// it is removed and the other one comes back. Callers remove first what they replace, and count on a rename that is
 // never refused for it. Pinned by memfile_names.
 char* renameIn(const EKO_MF_GLOBALS* globals, const MfPath& from, char* newName)
 {
