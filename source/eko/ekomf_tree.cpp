@@ -118,7 +118,8 @@ public:
     Branch(const Branch&) = delete;
     Branch& operator=(const Branch&) = delete;
 
-    bool startsAt(const char* component) const { return top_ && start_ == component; }
+    bool built() const { return top_ != nullptr; }
+    bool startsAt(const char* component) const { return built() && start_ == component; }
 
     // Instead of what it was before.
     bool build(const MfPath& path, const char* start, MemResult* result)
@@ -147,6 +148,14 @@ public:
         return file_;
     }
 
+    // Frees what is not part of the tree.
+    void drop()
+    {
+        if (top_)
+            mfScrap(top_, tag_);
+        top_ = nullptr;
+    }
+
 private:
     bool add(MF_SUBDIR_ENTRY* parent, MF_ENTRY* entry, MemResult* result)
     {
@@ -158,12 +167,6 @@ private:
             return true;
         mfScrap(entry, tag_);
         return false;
-    }
-    void drop()
-    {
-        if (top_)
-            mfScrap(top_, tag_);
-        top_ = nullptr;
     }
 
     EKO_MEMTAG tag_;
@@ -289,23 +292,26 @@ MF_FILE_ENTRY* mfFindFile(const EKO_MF_GLOBALS* globals, const MfPath& path, Hel
 }
 
 // The way is gone once to see what is missing, and again to hang it in; other threads may have made or removed
-// something in between, and then what was built no longer fits.
+// something in between, and then what was built no longer fits. A branch that nobody needs is dropped where nothing
+// is held, and the way gone once more.
 MF_FILE_ENTRY* mfFindOrMakeFile(const EKO_MF_GLOBALS* globals, const MfPath& path, HeldDir& at, MemResult* result)
 {
     Branch branch(globals->mf_tag);
     for (;;) {
         const char* missing = mfWalk(globals, path, at);
         const MF_ENTRY* entry = mfFind(at.get(), missing);
-        if (entry) // the file itself; or a directory of its name, or a file on the way
+        if (entry && !branch.built()) // the file itself; or a directory of its name, or a file on the way
             return missing == path.last() && entry->type == MF_FILE ? entry->item.file : nullptr;
-        if (branch.startsAt(missing)) {
+        if (!entry && branch.startsAt(missing)) {
             MF_FILE_ENTRY* file = branch.hangInto(at.get(), result);
             if (!file)
                 at.leave(); // before the branch is dropped
             return file;
         }
         at.leave();
-        if (!branch.build(path, missing, result))
+        if (entry)
+            branch.drop();
+        else if (!branch.build(path, missing, result))
             return nullptr;
     }
 }
