@@ -1,7 +1,6 @@
 #include "support/syscalls.h"
 
 #include <signal.h>
-#include <stdio.h>
 #include <string.h>
 #include <time.h>
 
@@ -24,7 +23,16 @@ bool hit(const char* call)
 
 uint32 deadlyCall; // calls to the one in front of which the process dies; 0 when none
 
-bool fails(const char* call)
+size_t allowed(const char* call, size_t size)
+{
+    const bool limited =
+        faulty && strcmp(faulty, call) == 0 && __atomic_load_n(&faultCalls, __ATOMIC_RELAXED) > faultSpared;
+    return limited && size > faultMost ? faultMost : size;
+}
+
+} // namespace
+
+bool callFails(const char* call)
 {
     if (deadlyCall && --deadlyCall == 0)
         raise(SIGKILL);
@@ -37,15 +45,6 @@ bool fails(const char* call)
     errno = faultError;
     return true;
 }
-
-size_t allowed(const char* call, size_t size)
-{
-    const bool limited =
-        faulty && strcmp(faulty, call) == 0 && __atomic_load_n(&faultCalls, __ATOMIC_RELAXED) > faultSpared;
-    return limited && size > faultMost ? faultMost : size;
-}
-
-} // namespace
 
 CallFault::CallFault(const char* call, int error, size_t most, uint32 spared)
 {
@@ -77,7 +76,7 @@ void dieAtCall(uint32 n)
     extern "C" type __wrap_##name params; \
     type __wrap_##name params \
     { \
-        return fails(#name) ? failed : __real_##name args; \
+        return callFails(#name) ? failed : __real_##name args; \
     }
 
 WRAP(int, open64, (const char* path, int flags, mode_t mode), (path, flags, mode), -1)
@@ -97,16 +96,3 @@ WRAP(void*, mmap64, (void* at, size_t n, int prot, int flags, int fd, off64_t of
 WRAP(struct tm*, localtime_r, (const time_t* time, struct tm* res), (time, res),
      (memset(res, 0, sizeof(*res)), static_cast<struct tm*>(nullptr)))
 WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line), (type, file, line), EKO_SEM_INVALID)
-
-// For calls that not every test wraps: where it does not, there is no __real_NAME, and nobody calls __wrap_NAME.
-#define WRAP_IF_LINKED(name, params, args) \
-    extern "C" __attribute__((weak)) int __real_##name params; \
-    extern "C" int __wrap_##name params; \
-    int __wrap_##name params \
-    { \
-        return fails(#name) ? -1 : __real_##name args; \
-    }
-
-WRAP_IF_LINKED(close, (int fd), (fd))
-WRAP_IF_LINKED(remove, (const char* path), (path))
-WRAP_IF_LINKED(rename, (const char* from, const char* to), (from, to))

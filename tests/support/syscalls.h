@@ -2,7 +2,7 @@
 //     LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
 //     LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
 //     LINK: --wrap=eko_syncCreate_check
-// and for these calls too
+// and may have
 //     LINK: --wrap=close --wrap=remove --wrap=rename
 #ifndef EKO_TESTS_SYSCALLS_H
 #define EKO_TESTS_SYSCALLS_H
@@ -27,6 +27,9 @@ public:
     CallFault& operator=(const CallFault&) = delete;
     uint32 calls() const; // made so far
 };
+
+// Asked in front of each such call: whether it is to fail. errno is set then.
+bool callFails(const char* call);
 
 // In a forked child: the process is killed (SIGKILL) in front of the n-th call, whichever of those above it is.
 void dieAtCall(uint32 n);
