@@ -1,6 +1,5 @@
 // INI files: reading one into the cache.
 
-#include <bit>
 #include <ctype.h>
 
 #include "ekoini_int.h"
@@ -15,8 +14,12 @@ constexpr char LINE_ENDS_AND_COMMENT[] = "\n\r;";
 // element at a time; were its block to do so too, each step might copy all of a large file.
 constexpr size_t reservedFor(uint32 max)
 {
-    const uint32 step = max < 32 ? 1 : std::bit_floor(max) / 4;
-    return (max + step - 1) / step * step;
+    if (max < 32)
+        return max;
+    size_t step = 8; // an eighth to a quarter of what there is
+    while (step * 8 <= max)
+        step *= 2;
+    return (max + step - 1) & ~(step - 1);
 }
 
 // Makes room for one element more, zeroed. At INI_MOST there is none, since the counters end there.
