@@ -208,8 +208,8 @@ EKO_API int32 eko_fileValidateW(const wchar_t* name, int32* isdir);
 
 /** A name for a temporary file: "%s%c%s_%p_%010u_%03u.%s" of the temporary directory (eko_tmpdir), "/", the base
  *  name, the address `puFileNo`, the process's id, the counter, and the extension. With EKO_FILE_INMEMORY, and
- *  where there is no temporary directory (as in diskless and read-only mode, unless TOV_TMPDIR is set), there is
- *  none in front of "/".
+ *  where no temporary directory can be found (as in diskless and read-only mode, unless TOV_TMPDIR is set or it was
+ *  found before), there is none in front of "/".
  *  puFileNo     the caller's counter, read and then raised by 1, without a lock; null asserts. Names differ as long
  *               as a counter is not used twice at one value: from 000, with more digits behind 999.
  *  pszBaseName  null for "temp".
