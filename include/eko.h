@@ -4,6 +4,8 @@
  *      1001  a timed wait ran out
  *      1002  general failure: not started, invalid handle or value, refused, or the system's call failed
  *      1003  out of memory, or a resource could not be made
+ *      1006  the directory exists already
+ *      1007  the first file of a comparison cannot be opened, 1008 the second
  *      1013  a required argument is null or zero
  *      1014  a caller's buffer is too small
  * Each call names those it returns. Reads and writes return byte counts, 0xFFFFFFFF for failure. Times to wait

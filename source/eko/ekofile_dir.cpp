@@ -19,7 +19,7 @@ struct DIR_ENTRY {
     void* data;      // EKO_MFDIR or EKO_DIR_ENTRY
 };
 
-// ---- iteration ----------------------------------------------------------------------------------------------
+// ---- iteration --------------------------------------------------------------------------------------------
 
 void* openBacking(const char* path, uint16 inmemory, const char* pattern, MemResult* result)
 {
@@ -76,7 +76,7 @@ DIR_ENTRY* entryOf(EKO_DIR dir)
     return static_cast<DIR_ENTRY*>(const_cast<void*>(dir));
 }
 
-// ---- creation -----------------------------------------------------------------------------------------------
+// ---- creation ---------------------------------------------------------------------------------------------
 
 bool isSeparator(char c)
 {
@@ -119,7 +119,7 @@ int32 tryCreateAll(const char* directory, MemResult* result)
     return stepwise;
 }
 
-// ---- moving a directory -------------------------------------------------------------------------------------
+// ---- moving a directory -----------------------------------------------------------------------------------
 
 struct DIR_MOVE {
     const char* src;
@@ -198,7 +198,7 @@ int32 tryDirMove(const DIR_MOVE& move, MemResult* result)
 
 } // namespace
 
-// ---- exported -----------------------------------------------------------------------------------------------
+// ---- exported ---------------------------------------------------------------------------------------------
 
 int32 eko_dirCreateAll(const char* directory)
 {

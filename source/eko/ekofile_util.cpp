@@ -32,7 +32,7 @@ uint32 blockAt(EKO_FILE_OFFSET off)
     return BLOCK_BYTES - static_cast<uint32>(off % BLOCK_BYTES);
 }
 
-// ---- two files side by side ---------------------------------------------------------------------------------
+// ---- two files side by side -------------------------------------------------------------------------------
 
 // Two open files with a block of each; closed and freed at the end. `result` keeps that memory ran out.
 struct FilePair {
@@ -105,7 +105,7 @@ private:
     }
 };
 
-// ---- copy ---------------------------------------------------------------------------------------------------
+// ---- copy -------------------------------------------------------------------------------------------------
 
 // The length is taken once: a source that grows meanwhile is copied as far as it went, one that shrinks is a
 // failure.
@@ -145,7 +145,7 @@ int32 tryCopy(const char* src, uint16 src_xflags, const char* dest, uint16 dest_
     return copyBlocks(files);
 }
 
-// ---- compare ------------------------------------------------------------------------------------------------
+// ---- compare ----------------------------------------------------------------------------------------------
 
 int32 compareBlocks(FilePair& files)
 {
@@ -182,7 +182,7 @@ int32 tryCmp(const char* src, uint16 src_xflags, const char* dest, uint16 dest_x
     return files.takeBlocks() ? compareBlocks(files) : EKO_NO_MEMORY;
 }
 
-// ---- move -----------------------------------------------------------------------------------------------------
+// ---- move -------------------------------------------------------------------------------------------------
 
 bool sameEntryInMemory(const char* a, const char* b, MemResult* result)
 {
@@ -203,7 +203,7 @@ bool sameEntryAnywhere(const char* src, uint16 from, const char* dest, uint16 to
     return !disklessMode() && sameEntry(src, dest);
 }
 
-// ---- validate -----------------------------------------------------------------------------------------------
+// ---- validate ---------------------------------------------------------------------------------------------
 
 int32 tryValidate(const char* name, uint16 xflags, int32* isdir, MemResult* result)
 {
@@ -219,7 +219,7 @@ int32 tryValidate(const char* name, uint16 xflags, int32* isdir, MemResult* resu
 
 } // namespace
 
-// ---- for the library's own use ------------------------------------------------------------------------------
+// ---- for the library's own use ----------------------------------------------------------------------------
 
 int32 tryRemove(const char* name, uint16 xflags, MemResult* result)
 {
@@ -268,7 +268,7 @@ int32 tryMove(const char* src, uint16 src_xflags, const char* dest, uint16 dest_
     return status;
 }
 
-// ---- exported -----------------------------------------------------------------------------------------------
+// ---- exported ---------------------------------------------------------------------------------------------
 
 int32 eko_fileCopyEx(const char* src_name, uint16 src_xflags, const char* dest_name, uint16 dest_xflags)
 {

@@ -68,7 +68,7 @@ int32 callPair(PairCall narrowCall, const wchar_t* src, uint16 src_xflags, const
 
 } // namespace
 
-// ---- directories --------------------------------------------------------------------------------------------
+// ---- directories ------------------------------------------------------------------------------------------
 
 int32 eko_dirCreateW(const wchar_t* directory)
 {
@@ -95,7 +95,7 @@ int32 eko_dirMoveW(const wchar_t* src, const wchar_t* dest)
     return eko_dirMoveExW(src, 0, dest, 0);
 }
 
-// ---- files --------------------------------------------------------------------------------------------------
+// ---- files ------------------------------------------------------------------------------------------------
 
 int32 eko_fileCopyExW(const wchar_t* src_name, uint16 src_xflags, const wchar_t* dest_name, uint16 dest_xflags)
 {
@@ -161,7 +161,7 @@ int32 eko_fileValidateW(const wchar_t* name, int32* isdir)
     return eko_fileValidateExW(name, 0, isdir);
 }
 
-// ---- iteration ----------------------------------------------------------------------------------------------
+// ---- iteration --------------------------------------------------------------------------------------------
 
 EKO_DIR eko_pathOpenExW(const wchar_t* path, uint16 xflags, const wchar_t* pattern)
 {
