@@ -1,16 +1,16 @@
 #include "support/stories.h"
 
-#include <errno.h>
 #include <stdlib.h>
-#include <unistd.h>
 
+#include <memory>
 #include <sstream>
 
 #include "ekofile_int.h"
+#include "support/syscalls.h"
 
 namespace {
 
-char mode = '-';
+std::unique_ptr<CallFault> otherDisk; // while renames fail
 
 struct Name { // for either form of a call
     const char* narrow;
@@ -20,9 +20,11 @@ struct Name { // for either form of a call
     operator const wchar_t*() const { return wide; }
 };
 
-int32 setMode(char newMode)
+int32 setMode(char mode)
 {
-    mode = newMode;
+    otherDisk = nullptr;
+    if (mode == 'x')
+        otherDisk = std::make_unique<CallFault>("rename", EXDEV);
     eko_readonly = mode == 'r';
     eko_diskless = mode == 'd';
     return 0;
@@ -80,11 +82,6 @@ Name nameOf(const std::string& text, wchar_t (&wide)[5100], int form)
 }
 
 } // namespace
-
-EKO_WRAP(int, rename, (const char* from, const char* to))
-{
-    return mode == 'x' ? errno = EXDEV, -1 : __real_rename(from, to);
-}
 
 void tell(std::string story)
 {

@@ -1,6 +1,5 @@
 // stories.h - what is done to files by name, told as text, in every form that the calls have. A test that includes
-// this needs, in its first lines and behind two slashes,
-//     LINK: --wrap=rename
+// this needs the LINK lines of syscalls.h.
 #ifndef EKO_TESTS_STORIES_H
 #define EKO_TESTS_STORIES_H
 
