@@ -201,6 +201,21 @@ TEST_F(IniTest, ini_without_a_record_does_nothing)
     eko_term(), SetUp();
 }
 
+// What lies under the temporary name does not show in the new file, and a directory is not a missing file.
+TEST_F(IniTest, ini_set_in_memory)
+{
+    const EKO_FILE_STREAM stale = eko_fopenEx("/d/_temp_.ini", "w", EKO_FILE_MODE_UTF8, EKO_FILE_INMEMORY);
+    const std::string v(2000, 'v');
+    EXPECT_EQ(eko_fputs((v + v).c_str(), stale), 4000);
+    eko_fclose(stale);
+    for (const char* name : {"/d/e/m.ini", "/d/e", "/d/m.ini"}) {
+        EXPECT_EQ(eko_iniSetEx(name, "s", "k", v.c_str(), EKO_FILE_INMEMORY), name[4] ? 0 : -905);
+        EXPECT_EQ(eko_fileLengthStat(name, EKO_FILE_INMEMORY), name[4] ? 2008u : 0); // "\n[s]\nk=" and "\n" too
+    }
+    EXPECT_EQ(eko_fileLengthStat("/d/e/m.ini", EKO_FILE_INMEMORY), 2008u);
+    eko_iniCleanup(), acceptUsage();
+}
+
 // The first leaves by a jump, and so holds no lock. Two set a file on disk, two one in memory.
 TEST_F(IniTest, ini_threads)
 {

@@ -37,14 +37,16 @@
  *     spaces at their ends, they are not read back as they were.
  *   - A byte-order mark is lost, UTF-16 becomes UTF-8, and bytes that reading does not see are gone.
  *   - Nobody waits for the disk, and a full one goes unnoticed: the new file is cut short, after "Write failed,
- *     errno = %d" on standard error. A process that is killed leaves the old file, or no file and "_temp_.ini"
- *     whole, or the new file. In the second case rename it before the next set in that directory, which
- *     overwrites it. Two processes that set files of one directory at the same time destroy each other's work.
+ *     errno = %d" on standard error. So is one in memory for which there is no memory, after that is reported.
+ *   - A process that is killed leaves the old file, or no file and "_temp_.ini" whole, or the new file. In the
+ *     second case rename it before the next set in that directory, which overwrites it. Two processes that set
+ *     files of one directory at the same time destroy each other's work.
  *
  * Rules of all calls
  *   Any thread may call; one mutex is held for the whole of a call. Only eko_iniGetStr may leave by longjmp.
- *   xflags are EKO_FILE_... (file.h), 0 in the plain forms; with EKO_FILE_MAPPED no file can be read. A W form
- *   takes wide strings, and null where the narrow form does; a string that is not valid gives -904.
+ *   xflags are EKO_FILE_... (file.h), 0 in the plain forms. With EKO_FILE_MAPPED no file can be read, and what is
+ *   set is lost. A W form takes wide strings, and null where the narrow form does; a string that is not valid
+ *   gives -904.
  *   Returns 0, or
  *        2  no such section or entry
  *     -904  out of memory, which is reported, or too many of something

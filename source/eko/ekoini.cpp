@@ -4,9 +4,10 @@
 //           A file is read when it is first asked for, and again only when eko_readIniFile or eko_iniSet says
 //           so.
 // Locks     iniSem guards all of the cache and is held for the whole of a call, a set's rewriting of the file
-//           included. Files are opened under it, so the mutexes of the file modules, of tags, and, should
-//           reading fail, of the log's stacks come behind it; the registry's comes before it.
-// Failures  Nothing is reported under iniSem; what ran out is said when it is left.
+//           included. Files are opened under it, so the mutexes of the file modules, of tags, and of the log's
+//           stacks come behind it; the registry's comes before it.
+// Failures  This module reports nothing under iniSem; what ran out is said when it is left. The file module says
+//           at once what it could not read or write, memory for a file in memory included.
 
 #include <stdlib.h>
 

@@ -4,6 +4,7 @@
 #include <errno.h>
 
 #include "ekoini_int.h"
+#include "ekomf_int.h"
 
 namespace {
 
@@ -175,14 +176,33 @@ private:
 
 // ---- files ------------------------------------------------------------------------------------------------
 
+// Whether a file that did not open, with that errno, is one that is not there. In memory the name may be a
+// directory's, and removing that would take all that is in it.
+bool isMissing(const char* iniName, uint16 xflags, int error, MemResult* result)
+{
+    if (xflags & EKO_FILE_INMEMORY)
+        return !eko_mfValidate(iniName, nullptr, result) && *result != MemResult::exhausted;
+    return error == 0 || error == ENOENT;
+}
+
 // An INI file that is not there is taken for an empty one, one that is there must open: it is about to be replaced.
 int32 openOld(IniInput& input, const char* iniName, uint16 xflags, MemResult* result)
 {
     errno = 0;
     const int32 status = input.open(iniName, EKO_FILE_MODE_UTF8, xflags, result);
-    const bool missing =
-        status == INI_CANNOT_OPEN && (errno == 0 || errno == ENOENT || (xflags & EKO_FILE_INMEMORY));
-    return missing ? EKO_OK : status;
+    const int error = errno;
+    if (status == INI_CANNOT_OPEN && isMissing(iniName, xflags, error, result))
+        return EKO_OK;
+    return *result == MemResult::exhausted ? INI_NO_MEMORY : status;
+}
+
+// A file in memory is not emptied by being opened: what a failed rename has left there would show in the new one.
+EKO_FILE_STREAM openTemp(const char* tempName, uint16 xflags, int32* status)
+{
+    const EKO_FILE_STREAM out = tryOpenStream(tempName, "w", EKO_FILE_MODE_UTF8, xflags, status);
+    if (out && (xflags & EKO_FILE_INMEMORY))
+        eko_fileSetSize(static_cast<const EKO_FILE_CTX*>(out)->fh->fh, 0);
+    return out;
 }
 
 void rewriteLines(const Edit& edit, IniInput& input, EKO_FILE_STREAM out, MemResult* result)
@@ -201,7 +221,7 @@ int32 writeTemp(const Edit& edit, const char* iniName, const char* tempName, uin
     int32 status = openOld(input, iniName, xflags, result);
     if (status != EKO_OK)
         return status;
-    const EKO_FILE_STREAM out = tryOpenStream(tempName, "w", EKO_FILE_MODE_UTF8, xflags, &status);
+    const EKO_FILE_STREAM out = openTemp(tempName, xflags, &status);
     if (!out)
         return openFailure(status, result);
     rewriteLines(edit, input, out, result);
