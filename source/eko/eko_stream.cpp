@@ -115,8 +115,10 @@ void detectMark(EKO_FILE_CTX* ctx)
     }
 }
 
+// The thread's errno stays: whoever opens a stream may look at why it failed.
 void freeStream(EKO_FILE_CTX* ctx)
 {
+    const ErrnoGuard keepErrno;
     EKO_FREE(ctx->buf, EKO_GLOBAL_TAG);
     EKO_FREE(ctx, EKO_GLOBAL_TAG);
 }
