@@ -169,9 +169,10 @@ EKO_API int32 eko_fileCmpW(const wchar_t* src_name, const wchar_t* dest_name);
  *  and removes the source. Of the flags only EKO_FILE_INMEMORY counts.
  *    - THE DESTINATION IS REMOVED FIRST. When there is no source, or the copy fails, it is lost all the same. To
  *      replace a file safely on one disk, use eko_fileRename.
- *    - What is removed may be an empty directory; in memory, a directory with all that is in it.
- *    - Two names of one directory entry, "a" and "./a", are left alone: 0, in memory too. Two links to one file are
- *      two entries: one is left.
+ *    - What is removed may be an empty directory; in memory, a directory with all that is in it, unless that is the
+ *      source: 1002.
+ *    - Two names of one directory entry, "a" and "./a", are left alone: 0, in memory too. So are a symbolic link
+ *      and the file it leads to, when the link is moved there. Two hard links are two entries: one is left.
  *    - After a copy, a source that cannot be removed stays, and the answer is still 0.
  *  Returns 0, or the status of the copy, 1002: then the source is as it was. 1002 for a failed conversion too. */
 EKO_API int32 eko_fileMoveEx(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags);

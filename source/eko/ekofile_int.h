@@ -45,8 +45,9 @@ constexpr int32 EKO_DIR_EXISTS = 1006;
 // Whether a name fits a pattern of "*" and "?", without regard to case. Neither recursion nor memory.
 bool eko_match(const char* name, const char* pattern);
 
-// Whether two names on disk are one and the same entry of a directory, however spelled: not two links to one file.
-bool sameEntry(const char* a, const char* b);
+// Whether a name on disk leads to that entry of a directory: it is the same one, however spelled, or a symbolic
+// link that ends there. Two hard links to one file are two entries.
+bool leadsToEntry(const char* name, const char* entry);
 
 // As the exported calls, without report or jump.
 int32 tryMove(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags, MemResult* result);

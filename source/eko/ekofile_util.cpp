@@ -184,23 +184,30 @@ int32 tryCmp(const char* src, uint16 src_xflags, const char* dest, uint16 dest_x
 
 // ---- move -------------------------------------------------------------------------------------------------
 
-bool sameEntryInMemory(const char* a, const char* b, MemResult* result)
+bool goesWithInMemory(const char* src, const char* dest, int32* status, MemResult* result)
 {
-    MfPath pathA;
-    MfPath pathB;
-    return pathA.setFile(a, result) && pathB.setFile(b, result) && pathA.sameDirectory(pathB) &&
-           equalNoCase(pathA.last(), pathB.last()) && eko_mfValidate(a, nullptr, result);
+    MfPath from;
+    MfPath to;
+    if (!from.setFile(src, result) || !to.setFile(dest, result))
+        return false;
+    const bool same = from.sameDirectory(to) && equalNoCase(from.last(), to.last());
+    *status = same ? EKO_OK : EKO_FAILED;
+    return (same || to.isAbove(from)) && eko_mfValidate(src, nullptr, result);
 }
 
-// Whether two names, however spelled, lead to one thing that is there. `from` and `to` hold EKO_FILE_INMEMORY or 0.
-bool sameEntryAnywhere(const char* src, uint16 from, const char* dest, uint16 to, MemResult* result)
+// Whether a source that is there would go with the destination, which is removed first. `status` is the move's
+// answer then: done where both names, however spelled, lead to one thing; refused where the destination is a
+// directory in memory with the source in it, which on disk could not be removed. `from` and `to` hold
+// EKO_FILE_INMEMORY or 0.
+bool goesWith(const char* src, uint16 from, const char* dest, uint16 to, int32* status, MemResult* result)
 {
     *result = MemResult::refused;
+    *status = EKO_OK;
     if (from != to)
         return false;
     if (from)
-        return sameEntryInMemory(src, dest, result);
-    return !disklessMode() && sameEntry(src, dest);
+        return goesWithInMemory(src, dest, status, result);
+    return !disklessMode() && leadsToEntry(src, dest);
 }
 
 // ---- validate ---------------------------------------------------------------------------------------------
@@ -252,8 +259,9 @@ int32 tryMove(const char* src, uint16 src_xflags, const char* dest, uint16 dest_
     const uint16 to = dest_xflags & EKO_FILE_INMEMORY;
     if (sameName(src, from, dest, to)) // DELIBERATE: "A" is "a" here too. Pinned by path_stories.
         return EKO_OK;
-    if (sameEntryAnywhere(src, from, dest, to, result))
-        return EKO_OK; // to go on would remove the only copy
+    int32 status;
+    if (goesWith(src, from, dest, to, &status, result))
+        return status; // to go on would remove the only copy
     if (*result != MemResult::exhausted)
         tryRemove(dest, to, result);
     if (*result == MemResult::exhausted)
@@ -262,7 +270,7 @@ int32 tryMove(const char* src, uint16 src_xflags, const char* dest, uint16 dest_
         return EKO_OK;
     if (*result == MemResult::exhausted)
         return EKO_FAILED;
-    const int32 status = tryCopy(src, from, dest, to, result);
+    status = tryCopy(src, from, dest, to, result);
     if (status == EKO_OK)
         tryRemove(src, from, result);
     return status;

@@ -133,6 +133,7 @@ public:
     const char* next(const char* component) const;
     const char* last() const { return last_; }
     bool sameDirectory(const MfPath& other) const;
+    bool isAbove(const MfPath& other) const; // as a directory, at any distance
 
 private:
     bool cut();

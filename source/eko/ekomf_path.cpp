@@ -139,3 +139,16 @@ bool MfPath::sameDirectory(const MfPath& other) const
     }
     return a == last_ && b == other.last_;
 }
+
+bool MfPath::isAbove(const MfPath& other) const
+{
+    const char* a = first();
+    for (const char* b = other.first(); b != other.last_; b = other.next(b)) {
+        if (!equalNoCase(a, b))
+            return false;
+        if (a == last_)
+            return true;
+        a = next(a);
+    }
+    return false;
+}

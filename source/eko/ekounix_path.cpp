@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <libgen.h>
 #include <limits.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,6 +38,22 @@ bool statParent(const char* path, struct stat64* st)
         parent[length] = '\0';
     }
     return stat64(parent, st) == 0;
+}
+
+// Of what has one link, and of a directory, the node tells, also where the file system takes "A" for "a". Of a file
+// with several links the parents and last components tell. Links are not followed.
+bool sameEntry(const char* a, const char* b)
+{
+    struct stat64 nodeA;
+    struct stat64 nodeB;
+    if (lstat64(a, &nodeA) != 0 || lstat64(b, &nodeB) != 0 || !sameNode(nodeA, nodeB))
+        return false;
+    if (S_ISDIR(nodeA.st_mode) || nodeA.st_nlink == 1)
+        return true;
+    struct stat64 parentA;
+    struct stat64 parentB;
+    return strcmp(lastComponent(a), lastComponent(b)) == 0 && statParent(a, &parentA) && statParent(b, &parentB) &&
+           sameNode(parentA, parentB);
 }
 
 } // namespace
@@ -82,18 +99,13 @@ int32 eko_dirRemove(const char* directory)
     return rmdir(directory) == 0 || errno == ENOENT ? EKO_OK : EKO_FAILED;
 }
 
-// A directory has no second link, so the node tells; of a file the parents and last components tell, since the node
-// may have several. Links are not followed: one that points to the other name is another entry.
-bool sameEntry(const char* a, const char* b)
+bool leadsToEntry(const char* name, const char* entry)
 {
-    struct stat64 nodeA;
-    struct stat64 nodeB;
-    if (lstat64(a, &nodeA) != 0 || lstat64(b, &nodeB) != 0 || !sameNode(nodeA, nodeB))
-        return false;
-    if (S_ISDIR(nodeA.st_mode))
+    if (sameEntry(name, entry))
         return true;
-    struct stat64 parentA;
-    struct stat64 parentB;
-    return strcmp(lastComponent(a), lastComponent(b)) == 0 && statParent(a, &parentA) && statParent(b, &parentB) &&
-           sameNode(parentA, parentB);
+    struct stat64 node;
+    if (lstat64(name, &node) != 0 || !S_ISLNK(node.st_mode))
+        return false;
+    char target[PATH_MAX];
+    return realpath(name, target) && sameEntry(target, entry);
 }
