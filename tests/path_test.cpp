@@ -163,6 +163,7 @@ TEST_F(PathTest, path_faults)
         EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", EIO, 0, k), k < 11 ? 1002 : 0); // but behind the second's end
     }
     EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", 0, 0, 2), 1002); // the source has become shorter
+    EXPECT_EQ(faulty(eko_fileCopy, "c", "fstat64", EIO, 0, 0), 1002);
     EXPECT_EQ(faulty(eko_fileCopy, "c", "pwrite64", 0, 100, 2), 1002);
     EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", 0, 100, 0), 0); // blocks in pieces
     EXPECT_EQ(get("c"), BYTES);

@@ -111,7 +111,10 @@ private:
 // failure.
 int32 copyBlocks(FilePair& files)
 {
+    errno = 0;
     const EKO_FILE_OFFSET length = eko_fileLength(files.first);
+    if (length == 0 && errno != 0)
+        return EKO_FAILED; // it cannot be told: a move would remove what was not copied
     const EKO_FILE_OFFSET oldLength = eko_fileLength(files.second);
     uint32 count;
     for (EKO_FILE_OFFSET off = 0; off < length; off += count) {
