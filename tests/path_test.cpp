@@ -11,6 +11,7 @@
 #include "support/syscalls.h"
 
 using Text = std::string;
+using namespace std::string_literals;
 
 namespace {
 
@@ -57,8 +58,16 @@ TEST_F(PathTest, path_texts)
     for (int i = 0; i < 20; ++i)
         ASSERT_EQ(eko_dirCreate(step.c_str()) + chdir(step.c_str()), 0);
     EXPECT_EQ(strlen(eko_fullpathEx(nullptr, tag)), here.size() + 20 * 241);
+    EXPECT_TRUE(!eko_getcwd(buf, sizeof(buf)) && errno == ERANGE);
     for (int i = 0; i < 20; ++i)
         ASSERT_EQ(chdir("..") + eko_dirRemove(step.c_str()), 0);
+    EXPECT_EQ(eko_currdirEx(tag) + "/"s + eko_pathStripDrive("c"), here + "c");
+    ASSERT_EQ(eko_dirCreate("gone") + chdir("gone") + eko_dirRemove((here + "gone").c_str()), 0);
+    EXPECT_EQ(eko_fullpathEx("x", tag), nullptr); // there is no current directory
+    ASSERT_EQ(chdir(here.c_str()), 0);
+    eko_diskless = 1;
+    EXPECT_STREQ(EKO_MAKESTR(tag, "%s %s", eko_currdirEx(tag), eko_fullpathEx("x", tag)), "/ /x/");
+    eko_diskless = 0;
 
     setenv("TOV_TMPDIR", "tmp", 1);
     const Text id = "_[0-9A-Fa-fx]+_0*" + std::to_string(getpid());
@@ -95,6 +104,7 @@ TEST_F(PathTest, path_stories)
     tell(R"(mkdir s -; put s/@ 1; put s/g 2; mkdir s/u -; movedir s t; is t/u (dir); is s (none); mode - x;
         movedir t n/m; is n/m/@ 1; is n/m/g 2; is t/@ (none); is t/u (dir); movedir t n/m 1002; movedir t n/l;
         rmdir t/u -; movedir t n/m 1002; is t (none); movedir none v 1002; movedir n/m i/w/; is i/w/@ 1;
+        mkdir i/x -; movedir i/x o/p/ 1006; is o/p (dir); is i/x (none);
         movedir i/w /m/d; is /m/d/@ 1; is i/w (none); movedir /m/d v; is v/@ 1; is /m/d/g (none);
         movedir v n/l/g/h; put f 3; movedir n/l/g/h f/g 1002; mkall y/@ -; put y/@/z 1; movedir n/l/g/h y 1002;
         movedir n/l/g/h # 1002; mode - r; movedir n/l/g/h z 1002; is n/l/g/h/@ 1; mode - d; movedir n y 1002)");

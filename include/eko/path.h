@@ -92,16 +92,18 @@ EKO_API int32 eko_dirRemoveW(const wchar_t* directory);
 EKO_API int32 eko_dirCreateAll(const char* directory);
 EKO_API int32 eko_dirCreateAllW(const wchar_t* directory);
 
-/** Moves a directory: as a whole by renaming it, or else its files one by one, as eko_fileMoveEx does, to the
- *  destination, which is created if need be.
+/** Moves a directory: as a whole by renaming it (see eko_fileRenameEx), or else its files one by one, as
+ *  eko_fileMoveEx does, to the destination, which is created if need be.
  *    - One by one, subdirectories stay where they are with all they hold. The source directory is then removed if
  *      it is on disk and nothing is left in it.
  *    - A file of the destination with the name of one that is moved is lost; its other files stay.
  *    - The first file that cannot be moved ends the move; those moved before it stay moved.
- *    - In memory, a source is walked by eko_pathOpenEx's rules: its path begins with "/" and does not end in one.
+ *    - In memory, neither path may end in "/", and a source is walked by eko_pathOpenEx's rules: it begins with
+ *      "/".
  *  Returns 0 moved, or the same name (see "Letter case"); the status of a file that could not be moved, or of the
- *  destination that could not be created; 1003 when memory runs out; else 1002: refused, no such source, or NOTHING
- *  TO MOVE: a source without files and a destination that exists. */
+ *  destination that could not be created; 1003 when memory runs out; 1006 for a source without files and a new
+ *  "new/sub/"; else 1002: refused, no such source, or NOTHING TO MOVE: a source without files and a destination
+ *  that exists. */
 EKO_API int32 eko_dirMoveEx(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags);
 EKO_API int32 eko_dirMoveExW(const wchar_t* src, uint16 src_xflags, const wchar_t* dest, uint16 dest_xflags);
 EKO_API int32 eko_dirMove(const char* src, const char* dest);
@@ -145,7 +147,8 @@ EKO_API void eko_pathClose(EKO_DIR dir);
  *      once, even when there is no such file.
  *    - The source's length is taken at the start: what is appended meanwhile is not copied. A pipe has the length
  *      0.
- *    - A destination with EKO_FILE_MAPPED ends at a multiple of 1 MiB, with zeros behind what was copied.
+ *    - A destination with EKO_FILE_MAPPED ends at a multiple of 1 MiB. Behind what was copied it has what it held
+ *      there before, or zeros.
  *    - "stdin", "stdout" and "stderr" are the process's streams here as in eko_fileOpen.
  *  Returns 0, or 1002: also for a failed conversion, for want of memory, and for a source that became shorter
  *  meanwhile. The destination then holds the blocks copied so far over what it held before. */

@@ -52,9 +52,6 @@ const char* tryPathNext(DIR_ENTRY* dir, int32* isdir, MemResult* result)
     *result = MemResult::refused;
     if (!dir)
         return nullptr;
-    int32 ignored;
-    if (!isdir)
-        isdir = &ignored;
     return dir->inmemory ? eko_mfPathNext(static_cast<EKO_MFDIR>(dir->data), isdir, result)
                          : eko_flPathNext(static_cast<EKO_DIR_ENTRY>(dir->data), isdir, result);
 }
@@ -139,7 +136,9 @@ int32 moveEntry(const DIR_MOVE& move, const char* name, MemResult* result)
     return status == EKO_OK && *result == MemResult::exhausted ? EKO_NO_MEMORY : status; // a copy: both are there
 }
 
-// Moves the files; subdirectories, "." and ".." among them, stay. `status` is the answer where there are no files.
+// Moves the files; `status` is the answer where there are none.
+// DELIBERATE: subdirectories stay where they are, as "." and ".." do: what is moved so is a directory of files, and
+// nothing below it is touched unasked. Pinned by path_stories.
 int32 moveFiles(const DIR_MOVE& move, int32 status, MemResult* result)
 {
     DIR_ENTRY* dir = tryPathOpen(move.src, move.src_xflags, "*", result);
@@ -182,6 +181,8 @@ int32 tryDirMove(const DIR_MOVE& move, MemResult* result)
         return EKO_OK;
     if (*result == MemResult::exhausted)
         return EKO_NO_MEMORY;
+    // DELIBERATE: where no file is moved and no directory made, nothing was done, and the answer says so: 1002.
+    // Pinned by path_stories.
     int32 status = EKO_FAILED;
     if (destinationMissing(move)) {
         status = tryCreateAll(move.dest, result);

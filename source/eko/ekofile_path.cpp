@@ -68,6 +68,8 @@ char* tryCurrdir(EKO_MEMTAG tag, MemResult* result)
     return nullptr;
 }
 
+// DELIBERATE: made for directories, so a "/" is put behind a file's name too, and no step is resolved: two
+// spellings of one place stay two texts. Pinned by path_texts.
 char* tryFullpath(const char* path, EKO_MEMTAG tag, MemResult* result)
 {
     if (meansCurrdir(path))
