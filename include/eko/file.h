@@ -45,9 +45,10 @@ typedef struct EKOFTAB* EKO_FH;
  * cuts nothing, and O_EXCL does not refuse. When memory runs out, nothing is made. Bytes never written read as
  * zero, but those that a shrink cut off may come back when the file grows again. A file that is removed while it is
  * open loses its bytes at once: its handles then read 0 and fail to write. A file lock is a plain mutex here: while
- * one thread holds it, the others wait in every read, write and open of that file, and those opens make all that is
- * done in the same directory wait; so a thread that holds one should open and close nothing in memory, nor name
- * anything there. Each file and each directory takes one of the process's 131,072 mutexes and events.
+ * one thread holds it, the others wait in every read, write, resize, removal and open of that file. Such an open
+ * holds the directory meanwhile, so others wait on the way there too, in the end all that name or close anything in
+ * memory. A thread that holds a lock must therefore do neither until it unlocks, or both may wait for ever. Each
+ * file and each directory takes one of the process's 131,072 mutexes and events.
  *
  * Mapped (EKO_FILE_MAPPED). A disk file seen through at most ten views of 1 MiB.
  *   - Only the positional calls move bytes: eko_fileRead and eko_fileWrite answer 0, eko_fileSeek 1002, and

@@ -4,9 +4,10 @@
 
 #include "ekofile_int.h"
 
-// Every call may come from any thread and neither reports nor jumps: where `result` is given, it says afterwards
-// whether memory ran out (else it is done or refused). Names are paths as the caller gives them; one that is not
-// absolute starts from the current directory.
+// Every call may come from any thread and neither jumps nor reports, but for what the semaphore table says itself
+// when it has no mutex for something new. Where `result` is given, it says afterwards whether memory ran out (else
+// it is done or refused). Names are paths as the caller gives them; one that is not absolute starts from the
+// current directory, except that of an iteration, which is then refused.
 
 EKO_MFH eko_mfOpen(const char* name, uint32 flags, MemResult* result); // of the flags only OPEN_CREATE counts
 void eko_mfClose(EKO_MFH fh);
