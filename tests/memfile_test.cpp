@@ -1,5 +1,5 @@
 // Files in memory: names and bytes against models, removal under others' hands, memory running out, threads.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc
+// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check
 #include <filesystem>
 #include <functional>
 #include <random>
@@ -9,6 +9,12 @@
 #include "support/fixture.h"
 
 using namespace std::string_literals;
+static std::function<bool()> meanwhile; // runs once, where a mutex is made, which fails when that does
+EKO_WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line))
+{
+    const auto other = std::exchange(meanwhile, nullptr);
+    return !other || other() ? __real_eko_syncCreate_check(type, file, line) : EKO_SEM_INVALID;
+}
 namespace {
 constexpr uint16 MEM = EKO_FILE_INMEMORY;
 constexpr uint32 FAILED = 0xFFFFFFFF, KIB = 1024;
@@ -64,6 +70,7 @@ TEST_F(MemFileTest, memfile_names)
     for (uint32 i = 0; i < 12; i += 3) // a name, the same, another
         EXPECT_TRUE(make(names[i]) && remove(names[i + 2]) && remove(names[i + 1]) == 0 && remove(names[i])) << i;
     EXPECT_TRUE(make("/at") && make("/t/d/at") && !make("/t/d/t") && !eko_fileOpen("/t/d/h", OPEN_READ_WRITE, MEM));
+    EXPECT_FALSE(eko_fileOpen("/t/d/t", OPEN_READ_WRITE, MEM) || eko_fileLengthStat("/t/d/t", MEM)); // a directory
     for (const char* name : {"", "t/d/", "/t/../f", "../f", "/t/d/at/f", "/t/d/h/"})
         EXPECT_FALSE(make(name) || at(name)) << name; // no name, no place, a file on the way
     EXPECT_EQ(list(at("/")) + list(at("./t/d\\t\\..")) + list(at("/t/d/")), "at at t/ ");
@@ -74,10 +81,12 @@ TEST_F(MemFileTest, memfile_names)
     EXPECT_TRUE(rename("/T/d/t/../TWO", "/t\\D/1St") == 0 && rename("/t/d/t", "/t/d/1ST") == 0);
     for (std::string last : {"1ST/ ", "1St ", "1st "}) // each name once, the one renamed last in front
         EXPECT_TRUE(list(at("/t/d")) == last + "at " && remove("/t/d/1st") == 0) << last;
-    EKO_MFDIR dir = (make("/t/d/t"), at("/t/d"));
+    int32 isdir = 7;
+    EXPECT_TRUE(make("/t/d/t/f") && eko_mfValidate("/T/D/T", &isdir, &result) == 1 && isdir == 1);
+    EKO_MFDIR dir = at("/t/d");
     EXPECT_STREQ(eko_mfPathNext(dir, nullptr, &result), "at");
     EXPECT_TRUE(remove("/t/d/at") == 0 && make("/t/d/a1") && make("/t/d/h.T") && make("/t/d/!.t"));
-    EXPECT_EQ(list(dir), "h.T t ");
+    EXPECT_EQ(list(dir), "h.T t/ ");
 }
 
 TEST_F(MemFileTest, memfile_bytes)
@@ -106,14 +115,12 @@ TEST_F(MemFileTest, memfile_bytes)
         ASSERT_TRUE(eko_fileLength(fh) == size && fh->f_mem->entry->num_segments == segments) << off;
         pos = off + (op == 0 || at == off ? 0 : left);
     }
-    const size_t held = eko_fileSetSize(fh, 0) == 0 ? used() : 0;
+    const size_t held = eko_fileSeek(fh, 0, 3) == 1002 && eko_fileSetSize(fh, 0) == 0 ? used() : 0;
     for (uint32 shift : {0u, 1u, 9u, 10u}) // more segments than can be counted, or pointed at
         EXPECT_EQ(eko_fileSetSize(fh, ~uint64(0) >> shift), 1003);
-    EXPECT_TRUE(eko_fileSeek(fh, uint64(-3), SEEK_SET) == 0 && eko_fileWrite(fh, "abc", 3) == FAILED &&
-                used() == held);
-    EXPECT_TRUE(eko_fileSeek(fh, 3, SEEK_CUR) == 0 && eko_fileWrite(fh, "abc", 3) == 3 && eko_fileLength(fh) == 3);
-    EXPECT_TRUE(eko_fileSetSize(fh, 8192 * KIB) == 0 && used() - held == 8192 * KIB &&
-                eko_fileSeek(fh, 0, 3) == 1002);
+    EXPECT_TRUE(eko_fileSeek(fh, uint64(-3), SEEK_SET) == 0 && eko_fileWrite(fh, "abc", 3) == FAILED);
+    EXPECT_TRUE(used() == held && eko_fileSeek(fh, 3, SEEK_CUR) == 0 && eko_fileWrite(fh, "abc", 3) == 3);
+    EXPECT_TRUE(eko_fileLength(fh) == 3 && eko_fileSetSize(fh, 8192 * KIB) == 0 && used() - held == 8192 * KIB);
     EXPECT_TRUE(eko_mfSeekWrite(fh->f_mem, 9000 * KIB, "", 0, &result) == 0 && closed(fh)); // also writes
     EXPECT_TRUE(eko_fileLengthStat("/T/D/F", MEM) == 9000 * KIB && eko_fileModTimeStat("/t/d/f", MEM) > 9);
 }
@@ -170,6 +177,19 @@ TEST_F(MemFileTest, memfile_out_of_memory)
     }
 }
 
+// What others make, or remove, of the way to a file while its missing part is built.
+TEST_F(MemFileTest, memfile_made_meanwhile)
+{
+    std::string all;
+    for (std::string other : {"/t/d/xt/t", "/t/d/xt/yt/t", "/t/d/xt/yt/t/t", "/t/d/xt/yt", "all", "none/"}) {
+        meanwhile = (make("/t/d/g"), [other] { return other == "all" ? remove("/t/d") == 0 : make(other); });
+        all += make("/t/d/xt/yt/t") ? "made " : "not ";
+        all += list(at("/t/d/xt")) + list(at("/t/d/xt/yt")) + "| ";
+        remove("/t/d");
+    }
+    EXPECT_EQ(all, "made t yt/ t | made yt/ t | not yt/ t/ | not yt none| made yt/ t | not nonenone| ");
+}
+
 // In the same few directories: what is read of a file is always one write, and in the end nothing is left.
 TEST_F(MemFileTest, memfile_threads)
 {
@@ -192,14 +212,9 @@ TEST_F(MemFileTest, memfile_threads)
     });
 }
 
-TEST_F(MemFileTest, memfile_streams_deep_trees_and_stop)
+TEST_F(MemFileTest, memfile_deep_trees_and_stop)
 {
-    std::string line(5, ' '), deep = "/t/d";
-    for (const char* mode : {"w", "r"}) {
-        EKO_FILE_STREAM s = eko_fopenEx("/t/d/s", mode, EKO_FILE_MODE_UTF8, MEM);
-        EXPECT_TRUE(*mode == 'w' ? eko_fputs("line\n", s) == 5 : eko_fgets(line.data(), 6, s) && line == "line\n");
-        eko_fclose(s);
-    }
+    std::string deep = "/t/d";
     for (uint32 i = 0; i < 50000; ++i)
         deep += "/t";
     EXPECT_TRUE(make(deep + "/f.t") && list(at(deep)) == "f.t " && remove("/t/d") == 0 && used() == before_);
