@@ -54,7 +54,7 @@ typedef struct EKOFTAB* EKO_FH;
  *   - Only the positional calls move bytes: eko_fileRead and eko_fileWrite answer 0, eko_fileSeek 1002, and
  *     EKO_FILE_NO_OFFSET fails.
  *   - A write must not cross a multiple of 1 MiB. The piece behind the boundary is NOT written there: it is written
- *     again where the write began. Cut writes at the boundary.
+ *     again where the write began. Cut writes at the boundary. Reads may cross it.
  *   - Opening for writing extends the file to the next multiple of 1 MiB, with zeros, and so does a write that ends
  *     beyond its end; eko_fileLength tells that length. eko_fileSetSize also rounds up, and does nothing when the
  *     size is such a multiple already. To give a file its true length, set it through a handle that is not mapped.

@@ -5,7 +5,7 @@
  *
  *      ; a comment
  *      [section]
- *      name = value        ; to the end of the line
+ *      name=value        ; to the end of the line
  *
  * How a file is read
  *   - A line ends at its first ";", carriage return or line feed, even inside a value, and loses the white space
@@ -18,7 +18,9 @@
  *   - Names of files, sections and entries are found without regard to the case of ASCII letters. Of section and
  *     entry names the first 127 bytes count, of file names the first 255: files that differ only behind that, or
  *     in case, share one place in the cache. A name is the text that the caller gives, not a path that is
- *     resolved.
+ *     resolved: what is set as "a.ini" is not seen as "./a.ini".
+ *   - A file on disk and one in memory of the same name share one place too: what was read or set last answers for
+ *     both. Give them different names.
  *   - The rules of text streams apply (stream.h): UTF-16 is read as UTF-8; what follows a byte 0 in a line is
  *     lost; a byte FF at the start of a line ends the file, elsewhere it is left out.
  *   - At most 65535 files, sections in a file and entries in a section: one more is -904.
@@ -28,7 +30,8 @@
  *   then it is removed, and the other renamed to its name. So it is a new file: mode, owner and links are not
  *   kept.
  *   - The section is the first whose line begins with "[name]". The entry is a line that begins with "name=":
- *     "name = value" is NOT taken for "name". Setting that adds a second line, and gets go on finding the first.
+ *     "name = value" is NOT taken for "name". Setting that adds a second line, and gets go on finding the first;
+ *     deleting it answers 0 and leaves it. A line that is replaced loses its comment.
  *   - A new entry goes to the end of its section, in front of the empty lines there, or instead of them at the
  *     end of the file. A new section goes to the end of the file, behind an empty line.
  *   - Setting empties the lines of the section, up to the entry, that begin with white space; deleting an entry
@@ -119,7 +122,9 @@ EKO_API int32 eko_iniInt32ExW(const wchar_t* iniName, const wchar_t* section, co
  *  the section. What is to be deleted need not exist: the file is written all the same.
  *  Returns 0; -904; -905; -919; -924 for a null iniName or section. The file is as it was after -904 or -905,
  *  unless the new one could not be read into the cache: then the next get tries that again. A file that is there
- *  but cannot be read to its end is not replaced (-905), nor is one named "_temp_.ini". */
+ *  but cannot be read to its end is not replaced (-905), nor is one named "_temp_.ini".
+ *  Surprise: a line with spaces in front of its "=" is neither replaced nor deleted, and one that begins with them
+ *  may be lost; both are told under "How a file is set". */
 EKO_API int32 eko_iniSet(const char* iniName, const char* section, const char* entry, const char* value);
 EKO_API int32 eko_iniSetEx(const char* iniName, const char* section, const char* entry, const char* value,
                            uint16 xflags);

@@ -94,8 +94,8 @@ EKO_API int32 eko_dirCreateAllW(const wchar_t* directory);
 
 /** Moves a directory: as a whole by renaming it (see eko_fileRenameEx), or else its files one by one, as
  *  eko_fileMoveEx does, to the destination, which is created if need be.
- *    - One by one, subdirectories stay where they are with all they hold. The source directory is then removed if
- *      it is on disk and nothing is left in it.
+ *    - One by one, subdirectories stay where they are with all they hold, and the answer is still 0. The source
+ *      directory is then removed if it is on disk and nothing is left in it.
  *    - A file of the destination with the name of one that is moved is lost; its other files stay.
  *    - The first file that cannot be moved ends the move; those moved before it stay moved.
  *    - In memory, neither path may end in "/", and a source is walked by eko_pathOpenEx's rules: it begins with
@@ -103,7 +103,7 @@ EKO_API int32 eko_dirCreateAllW(const wchar_t* directory);
  *  Returns 0 moved, or the same name (see "Letter case"); the status of a file that could not be moved, or of the
  *  destination that could not be created; 1003 when memory runs out; 1006 for a source without files and a new
  *  "new/sub/"; else 1002: refused, no such source, or NOTHING TO MOVE: a source without files and a destination
- *  that exists. */
+ *  that exists or is in memory. */
 EKO_API int32 eko_dirMoveEx(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags);
 EKO_API int32 eko_dirMoveExW(const wchar_t* src, uint16 src_xflags, const wchar_t* dest, uint16 dest_xflags);
 EKO_API int32 eko_dirMove(const char* src, const char* dest);
@@ -113,7 +113,8 @@ EKO_API int32 eko_dirMoveW(const wchar_t* src, const wchar_t* dest);
 
 /** Begins a walk over the names of a directory that fit a pattern.
  *  path     on disk any directory; in memory it must begin with "/", is not completed by the current directory, and
- *           must not end in "/", except "/" itself, which is the directory of the root's files.
+ *           must not end in "/", except "/" itself: that is the root's files without its directories, and cannot
+ *           be read before there was one.
  *  pattern  without regard to the case of ASCII letters, "?" stands for one byte, and "*" for any number of them,
  *           also none. The character behind a "*" stands for itself, even "?" or "*": so "*?" fits only names with
  *           a "?" in them, and "**" only those with a "*" that nothing follows. "*" alone fits all.
@@ -183,7 +184,7 @@ EKO_API int32 eko_fileMoveExW(const wchar_t* src, uint16 src_xflags, const wchar
 EKO_API int32 eko_fileMove(const char* src, const char* dest);
 EKO_API int32 eko_fileMoveW(const wchar_t* src, const wchar_t* dest);
 
-/** Removes a file or an empty directory; in memory, a directory with all that is in it.
+/** Removes a file or an empty directory; in memory, a directory not directly in the root, with all that is in it.
  *  Returns 0; on disk the system's -1, or 1002 where a mode refuses it; in memory 1002 when there is none; 1003 for
  *  a failed conversion. eko_fileRemoveExW IGNORES its flags and always removes from disk. */
 EKO_API int32 eko_fileRemoveEx(const char* name, uint16 xflags);
@@ -192,7 +193,8 @@ EKO_API int32 eko_fileRemove(const char* name);
 EKO_API int32 eko_fileRemoveW(const wchar_t* name);
 
 /** Renames a file or a directory: on disk as the system does, replacing a file of that name in one step; in memory
- *  only within one directory, and without removing what has that name already: both stay.
+ *  only within one directory, and without removing what has that name already: both stay, and the renamed one hides
+ *  the other until it is removed.
  *  Returns 0; on disk the system's -1, or 1002 where a mode refuses it; in memory 1002; 1002 from disk to memory or
  *  back; 1003 for a failed conversion. */
 EKO_API int32 eko_fileRenameEx(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags);
@@ -210,16 +212,16 @@ EKO_API int32 eko_fileValidateExW(const wchar_t* name, uint16 xflags, int32* isd
 EKO_API int32 eko_fileValidate(const char* name, int32* isdir);
 EKO_API int32 eko_fileValidateW(const wchar_t* name, int32* isdir);
 
-/** A name for a temporary file: "%s%c%s_%p_%010u_%03u.%s" of the temporary directory (eko_tmpdir), "/", the base
- *  name, the address `puFileNo`, the process's id, the counter, and the extension. With EKO_FILE_INMEMORY, and
- *  where no temporary directory can be found (as in diskless and read-only mode, unless TOV_TMPDIR is set or it was
- *  found before), there is none in front of "/".
+/** A name for a temporary file, such as "/tmp/temp_0x7ffe6f354868_0000030749_000.tmp": "%s%c%s_%p_%010u_%03u.%s" of
+ *  the temporary directory (eko_tmpdir), "/", the base name, the address `puFileNo`, the process's id, the counter,
+ *  and the extension. With EKO_FILE_INMEMORY, and where no temporary directory can be found (as in diskless and
+ *  read-only mode, unless TOV_TMPDIR is set or it was found before), the name begins with the "/".
  *  puFileNo     the caller's counter, read and then raised by 1, without a lock; null asserts. Names differ as long
  *               as a counter is not used twice at one value: from 000, with more digits behind 999.
  *  pszBaseName  null for "temp".
  *  pszExt       null for "tmp".
  *  Returns a new string on `tag`; null when memory runs out.
- *  The name can be guessed and nothing is created: open it with O_CREAT | O_EXCL. */
+ *  The name can be guessed and nothing is created: open it with O_CREAT | O_EXCL; in memory O_EXCL does nothing. */
 EKO_API char* eko_fileCreateTmpName(uint32* puFileNo, const char* pszBaseName, const char* pszExt, uint16 xflags,
                                     EKO_MEMTAG tag);
 

@@ -71,15 +71,16 @@ EKO_API uint32 eko_get_pid(void);
  *      reported             "%s started successfully.\n" through eko_log, exit status 0
  *      pipe closed, silent  the same, two seconds later, if the daemon lives then
  *      exited               "%s startup aborted with a status of %d.\r\n", that status
- *      killed by a signal   "%s terminated by internal error or external signal (%d).\r\n", the signal's number
- *                           negated (a shell shows 256 less it)
+ *      killed by a signal   "%s terminated by internal error or external signal (%d).\r\n", minus the signal's
+ *                           number (in a shell, 256 minus it)
  *      stopped              "Unexpected status signal from %s child process.\r\n", 99
  * The last three go to descriptor 2, cut to 1023 bytes. A daemon that ends at once after its report may be taken
  * for one whose start was aborted. The launching process leaves by `exit`, so its atexit handlers run.
  *
  * The daemon is a process of its own session. Its descriptors 0, 1 and 2 are the null device, so that no file gets
  * these numbers and is written to by what prints; eko_background is 1, so that logs go to the log file alone. Its
- * umask is 0: unless it sets another, everybody may write to the files that it creates. */
+ * umask is 0: unless it sets another, everybody may write to the files that it creates. It stays in the current
+ * directory. */
 
 /** What a daemon reports its start with; null is none. It does not survive an exec. */
 typedef const void* EKO_DAEMON_CTX;

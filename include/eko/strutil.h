@@ -53,8 +53,8 @@ EKO_API int32 eko_tokenize(char* input, const char* tokens, const char*** words,
 
 /* ---- errors ----------------------------------------------------------------------------------------------- */
 
-/** The system's text for an error number, as eko_strerr stores it, in a new buffer of 256 bytes or twice, four
- *  times ... as much. Returns null when memory runs out or the library is not started. May leave by longjmp. */
+/** The system's text for an error number, as eko_strerr stores it, in a new string on `tag`. Returns null
+ *  when memory runs out or the library is not started. May leave by longjmp. */
 EKO_API char* eko_strerr_alloc(int32 err, EKO_MEMTAG tag);
 
 EKO_EXTERN_C_END
