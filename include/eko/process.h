@@ -75,7 +75,8 @@ EKO_API uint32 eko_get_pid(void);
  *                           number (in a shell, 256 minus it)
  *      stopped              "Unexpected status signal from %s child process.\r\n", 99
  * The last three go to descriptor 2, cut to 1023 bytes. A daemon that ends at once after its report may be taken
- * for one whose start was aborted. The launching process leaves by `exit`, so its atexit handlers run.
+ * for one whose start was aborted. The launching process leaves by `exit` after the first two, so that its atexit
+ * handlers run, and by `_exit` after the others.
  *
  * The daemon is a process of its own session. Its descriptors 0, 1 and 2 are the null device, so that no file gets
  * these numbers and is written to by what prints; eko_background is 1, so that logs go to the log file alone. Its
@@ -96,7 +97,8 @@ typedef const void* EKO_DAEMON_CTX;
  *  from then on; the daemon has it as the caller had. */
 EKO_API int32 eko_daemonStart(const char* name, EKO_DAEMON_CTX* ctx);
 
-/** Reports that the daemon has started, once. Null is ignored. */
+/** Reports that the daemon has started, once. Null is ignored. The library should be started by then: when somebody
+ *  has ended the launching process meanwhile, SIGPIPE comes, which is ignored from eko_init on. */
 EKO_API void eko_daemonComplete(EKO_DAEMON_CTX ctx);
 
 /* ---- interrupts, messages --------------------------------------------------------------------------------- */

@@ -113,7 +113,7 @@ public:
     {
         for (size_t done = 0; done < length_;) {
             const ssize_t count = write(fd, text_ + done, length_ - done);
-            if (count < 0 && errno != EINTR)
+            if (count == 0 || (count < 0 && errno != EINTR))
                 return;
             done += count > 0 ? static_cast<size_t>(count) : 0;
         }
