@@ -85,7 +85,7 @@ TEST_F(ProcessTest, process_commands_interrupts_environment)
     EXPECT_EQ(logged(run), "a\n7  x\n");
     EXPECT_EQ(result, 0);
     signal(SIGCHLD, SIG_IGN);
-    EXPECT_EQ(eko_execfile("true", &status, none), 1002);
+    EXPECT_EQ(eko_execfile("true", &status, none, 0), 1002);
     EXPECT_TRUE(isOneReport(logged([&] { FailNthOnTag(EKO_THREAD_TAG, 1), run(); }), "eko_tmpdir.cpp"));
     EXPECT_EQ(result, 1003);
     EXPECT_EQ(status, 9); // of the one that was run
