@@ -36,7 +36,7 @@ EKO_FILE_INFO* eko_fileStackSearch(const EKO_FILE_STACK* stack, const char* name
 
 int32 openInfo(EKO_FILE_STACK* stack, EKO_FILE_INFO* info, const char* name)
 {
-    info->name = static_cast<char*>(tryGetMem(0, stack->tag, EKO_MEM_STRING, name));
+    info->name = tryStrdup(name, stack->tag);
     if (!info->name)
         return EKO_NO_MEMORY;
     int32 status;

@@ -62,11 +62,6 @@ bool tryDirWritable(const char* dir, MemResult* result)
 
 // ---- the system's temporary directory ---------------------------------------------------------------------
 
-char* tryCopy(const char* name, EKO_MEMTAG tag, MemResult* result)
-{
-    return static_cast<char*>(tryGetMem(0, tag, EKO_MEM_STRING, name, result));
-}
-
 // The current directory, if it is writable.
 char* tryWritableCurrdir(EKO_MEMTAG tag, MemResult* probing, MemResult* result)
 {
@@ -87,7 +82,7 @@ char* tryFindOStmpdir(EKO_MEMTAG tag, MemResult* probing, MemResult* result)
         if (!dir)
             continue;
         if (tryDirWritable(dir, probing))
-            return tryCopy(dir, tag, result);
+            return tryStrdup(dir, tag, result);
         if (*probing == MemResult::exhausted)
             return nullptr;
     }
@@ -123,7 +118,7 @@ const char* tmpdirName(MemResult* result)
 char* tryTmpdir(EKO_MEMTAG tag, MemResult* result)
 {
     const char* name = tmpdirName(result);
-    return name ? tryCopy(name, tag, result) : nullptr;
+    return name ? tryStrdup(name, tag, result) : nullptr;
 }
 
 const char* eko_tmpdir(EKO_MEMTAG tag)
@@ -134,7 +129,7 @@ const char* eko_tmpdir(EKO_MEMTAG tag)
         memReportIf(result, __FILE__, __LINE__);
         return nullptr;
     }
-    char* copy = tryCopy(name, tag, &result);
+    char* copy = tryStrdup(name, tag, &result);
     if (!copy)
         memFail(result, tag, __FILE__, __LINE__);
     return copy;

@@ -109,7 +109,7 @@ EKOFTAB* newRecord(const char* name, uint32 flags, uint16 xflags, EKO_MEMTAG tag
     EKOFTAB* fh = tryZeroed<EKOFTAB>(tag, result);
     if (!fh)
         return nullptr;
-    fh->f_name = static_cast<char*>(tryGetMem(0, tag, EKO_MEM_STRING, name, result));
+    fh->f_name = tryStrdup(name, tag, result);
     if (!fh->f_name) {
         EKO_FREE(fh, tag);
         return nullptr;

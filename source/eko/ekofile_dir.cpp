@@ -107,7 +107,7 @@ int32 tryCreateAll(const char* directory, MemResult* result)
     const int32 status = eko_dirCreate(directory);
     if (status == EKO_OK || status == EKO_DIR_EXISTS)
         return status;
-    auto* path = static_cast<char*>(tryGetMem(0, EKO_THREAD_TAG, EKO_MEM_STRING, directory, result));
+    auto* path = tryStrdup(directory, EKO_THREAD_TAG, result);
     if (!path)
         return EKO_NO_MEMORY;
     const int32 stepwise = createStepwise(path);

@@ -24,11 +24,6 @@ const char* slashIfMissing(const char* path)
     return endsInSlash(path) ? "" : "/";
 }
 
-char* tryCopy(const char* text, EKO_MEMTAG tag, MemResult* result)
-{
-    return static_cast<char*>(tryGetMem(0, tag, EKO_MEM_STRING, text, result));
-}
-
 // The first `length` characters of a text that has as many.
 char* tryCopyStart(const char* text, size_t length, EKO_MEMTAG tag, MemResult* result)
 {
@@ -53,10 +48,10 @@ bool meansCurrdir(const char* path)
 char* tryCurrdir(EKO_MEMTAG tag, MemResult* result)
 {
     if (disklessMode())
-        return tryCopy("/", tag, result);
+        return tryStrdup("/", tag, result);
     char usual[USUAL_PATH_BYTES];
     if (eko_getcwd(usual, sizeof(usual)))
-        return tryCopy(usual, tag, result);
+        return tryStrdup(usual, tag, result);
     for (size_t size = 2 * sizeof(usual); errno == ERANGE; size *= 2) {
         auto* buffer = static_cast<char*>(tryGetMem(size, tag, EKO_MEM_PLAIN, nullptr, result));
         if (!buffer || eko_getcwd(buffer, size))
@@ -98,7 +93,7 @@ int32 tryPathSplit(const char* path, char** dir, char** file, EKO_MEMTAG tag, Me
     const char* name = slash ? slash + 1 : path;
     char* nameCopy = nullptr;
     if (!slash || *name) {
-        nameCopy = tryCopy(name, tag, result);
+        nameCopy = tryStrdup(name, tag, result);
         if (!nameCopy)
             return EKO_NO_MEMORY;
     }

@@ -162,7 +162,7 @@ void* addGlobalEntry(const char* name, size_t size, EKO_GLOBAL_CREATE_FCN create
     entry->size = size;
     entry->data = tryGetMem(size, EKO_GLOBAL_TAG, EKO_MEM_ZERO, nullptr, result);
     if (entry->data)
-        entry->name = static_cast<const char*>(tryGetMem(0, EKO_GLOBAL_TAG, EKO_MEM_STRING, name, result));
+        entry->name = tryStrdup(name, EKO_GLOBAL_TAG, result);
     if (!entry->name) {
         removeEntry(offset);
         return nullptr;

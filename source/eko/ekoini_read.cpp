@@ -98,7 +98,7 @@ bool setValue(PARMINFO* parm, const char* value, MemResult* result)
         memcpy(parm->valuebuff, value, length + 1);
         return true;
     }
-    parm->value = static_cast<char*>(tryGetMem(0, EKO_GLOBAL_TAG, EKO_MEM_STRING, value, result));
+    parm->value = tryStrdup(value, EKO_GLOBAL_TAG, result);
     parm->allocated = parm->value ? 1 : 0;
     return parm->value != nullptr;
 }

@@ -51,6 +51,12 @@ inline void memReportIf(MemResult result, const char* file, uint32 line)
 // When `result` is exhausted: reports, then jumps if the tag has a jump buffer. Nothing may be held.
 void memFail(MemResult result, EKO_MEMTAG tt, const char* file, uint32 line);
 
+// A copy of a string.
+inline char* tryStrdup(const char* text, EKO_MEMTAG tt, MemResult* result = nullptr)
+{
+    return static_cast<char*>(tryGetMem(0, tt, EKO_MEM_STRING, text, result));
+}
+
 // A zero-filled record.
 template <class T> inline T* tryZeroed(EKO_MEMTAG tt, MemResult* result = nullptr)
 {

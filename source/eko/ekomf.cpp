@@ -306,7 +306,7 @@ int32 eko_mfRename(const char* oldName, const char* newName, MemResult* result)
         return EKO_FAILED;
     if (!from.sameDirectory(to))
         return EKO_FAILED;
-    auto* text = static_cast<char*>(tryGetMem(0, globals->mf_tag, EKO_MEM_STRING, to.last(), result));
+    auto* text = tryStrdup(to.last(), globals->mf_tag, result);
     if (!text)
         return EKO_FAILED;
     char* replaced = renameIn(globals, from, text);

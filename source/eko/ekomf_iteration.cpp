@@ -17,7 +17,7 @@ MFILE_DIR_ENTRY* newIteration(const char* pattern, EKO_MEMTAG tag, MemResult* re
     MFILE_DIR_ENTRY* dir = tryZeroed<MFILE_DIR_ENTRY>(tag, result);
     if (!dir)
         return nullptr;
-    dir->pattern = static_cast<char*>(tryGetMem(0, tag, EKO_MEM_STRING, pattern, result));
+    dir->pattern = tryStrdup(pattern, tag, result);
     if (dir->pattern)
         return dir;
     EKO_FREE(dir, tag);
@@ -77,7 +77,7 @@ const char* eko_mfPathNext(EKO_MFDIR dir, int32* isdir, MemResult* result)
     const MF_ENTRY* entry = nextEntry(dir);
     if (!entry)
         return nullptr;
-    auto* name = static_cast<char*>(tryGetMem(0, globals->mf_tag, EKO_MEM_STRING, entry->name, result));
+    auto* name = tryStrdup(entry->name, globals->mf_tag, result);
     if (!name)
         return nullptr;
     if (isdir)

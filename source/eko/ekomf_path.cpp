@@ -103,7 +103,7 @@ bool MfPath::setFile(const char* name, MemResult* result)
 bool MfPath::setDirectory(const char* path, MemResult* result)
 {
     path = eko_pathStripDrive(path);
-    directory_ = static_cast<char*>(tryGetMem(0, EKO_THREAD_TAG, EKO_MEM_STRING, path, result));
+    directory_ = tryStrdup(path, EKO_THREAD_TAG, result);
     if (!directory_)
         return false;
     *result = MemResult::refused;

@@ -70,7 +70,7 @@ MF_ENTRY* newEntry(const char* name, uint16 type, EKO_MEMTAG tag, MemResult* res
     if (!entry)
         return nullptr;
     entry->type = type;
-    entry->name = static_cast<char*>(tryGetMem(0, tag, EKO_MEM_STRING, name, result));
+    entry->name = tryStrdup(name, tag, result);
     bool made = false;
     if (entry->name && type == MF_FILE)
         made = (entry->item.file = newFile(tag, result)) != nullptr;

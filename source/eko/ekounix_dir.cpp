@@ -17,20 +17,15 @@ struct FILE_DIR_ENTRY {
 
 namespace {
 
-char* copyOf(const char* text, MemResult* result)
-{
-    return static_cast<char*>(tryGetMem(0, EKO_GLOBAL_TAG, EKO_MEM_STRING, text, result));
-}
-
 bool openStream(FILE_DIR_ENTRY* dir, const char* path, const char* pattern, MemResult* result)
 {
     *result = MemResult::refused;
     dir->entry = opendir(path);
     if (!dir->entry)
         return false;
-    dir->path = copyOf(path, result);
+    dir->path = tryStrdup(path, EKO_GLOBAL_TAG, result);
     if (dir->path)
-        dir->pattern = copyOf(pattern, result);
+        dir->pattern = tryStrdup(pattern, EKO_GLOBAL_TAG, result);
     return dir->pattern != nullptr;
 }
 
@@ -64,7 +59,7 @@ const char* eko_flPathNext(EKO_DIR_ENTRY dir, int32* isdir, MemResult* result)
     const dirent64* entry = nextMatch(dir);
     if (!entry)
         return nullptr;
-    dir->tmp = copyOf(entry->d_name, result);
+    dir->tmp = tryStrdup(entry->d_name, EKO_GLOBAL_TAG, result);
     if (dir->tmp && isdir)
         *isdir = entry->d_type == DT_UNKNOWN ? getPathType(dir, dir->tmp, result) : entry->d_type == DT_DIR;
     return dir->tmp;

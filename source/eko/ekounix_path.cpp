@@ -68,7 +68,7 @@ int32 eko_dirnameEx(const char* full_path, char* buffer, EKO_MEMTAG tag)
     if (!full_path || !buffer)
         return EKO_FAILED;
     MemResult result;
-    auto* copy = static_cast<char*>(tryGetMem(0, tag, EKO_MEM_STRING, full_path, &result)); // dirname changes it
+    auto* copy = tryStrdup(full_path, tag, &result); // dirname changes it
     if (!copy) {
         memFail(result, tag, __FILE__, __LINE__);
         return EKO_NO_MEMORY;
