@@ -126,6 +126,19 @@ TEST_F(MemFileTest, memfile_bytes)
 }
 
 // The name goes at once, the bytes as soon as nobody has the file locked, which holds up its own users only.
+TEST_F(MemFileTest, memfile_stream_overwrites)
+{
+    EKO_FH fh = open("/t/d/s");
+    std::string text(5 * KIB, 'o'), wanted = std::string(3 * KIB, 'n') + std::string(2 * KIB, 'o');
+    EXPECT_EQ(eko_fileWrite(fh, text.data(), 5 * KIB), 5 * KIB);
+    EKO_FILE_STREAM stream = eko_fopenEx("/t/d/s", "w", EKO_FILE_MODE_UTF8, MEM); // cuts nothing
+    EXPECT_EQ(eko_fputs(std::string(3 * KIB, 'n').c_str(), stream), int32(3 * KIB));
+    eko_fclose(stream);
+    EXPECT_EQ(eko_fileSeekRead(fh, 0, text.data(), 5 * KIB), 5 * KIB);
+    EXPECT_EQ(text, wanted);
+    eko_fileClose(fh);
+}
+
 TEST_F(MemFileTest, memfile_removed_while_open)
 {
     EKO_FH fh[] = {open("/t/d/x/a"), open("/t/d/x/a"), open("/t/d/x/y/b")};

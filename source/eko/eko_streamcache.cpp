@@ -38,6 +38,13 @@ bool flushModified(EKO_FILE_CACHE_CTX* cache)
     return true;
 }
 
+// A stream that only writes over what is there reads nothing: on disk the system refuses to, while from a file in
+// memory, whose opening cuts nothing, it could, and would go on writing behind what it has read.
+bool overwritesInMemory(const EKO_FILE_CACHE_CTX* cache)
+{
+    return cache->fh->f_mem && (cache->fh->f_flags & OPEN_WRITE);
+}
+
 // Lets the buffer's span start at the logical position, and fills it. At or behind the file's end nothing is read,
 // which also keeps a stream that only writes from reading: writing raises the size first. The span then is empty,
 // so that what a stream for both writes at the end is not taken for part of what it has read.
@@ -47,7 +54,7 @@ bool reposition(EKO_FILE_CACHE_CTX* cache)
         return false;
     cache->buff_off = cache->off;
     cache->bytes = 0;
-    if (cache->size != 0 && cache->off >= cache->size)
+    if ((cache->size != 0 && cache->off >= cache->size) || overwritesInMemory(cache))
         return true;
     const uint32 count = eko_fileRead(cache->fh, cache->buff, CACHE_BYTES);
     cache->bytes = count == EKO_FILE_IO_FAILED ? 0 : count;

@@ -1,8 +1,8 @@
 // Names against patterns with wildcards: "?" is any one character, "*" any run of them. Letter case does not count.
 //
-// The pattern is walked once, and only its last "*" is ever taken up again. What stands between two stars has a fixed
-// length, so at its first place in the name it leaves the most for the star behind it, which skips what it likes: all
-// that fits behind a later place fits behind the first one too. Only what follows the last star may need another
+// The pattern is walked once, and only its last "*" is ever taken up again. What stands between two stars has a
+// fixed length, so at its first place in the name it leaves the most for the star behind it, which skips what it
+// likes: all that fits behind a later place fits behind the first one too. Only what follows the last star may need another
 // place, because it must end where the name ends. So the steps are at most one name's length per character of the
 // pattern, in constant memory, whatever stars a user types.
 
@@ -25,8 +25,8 @@ const char* findLetter(const char* name, char letter)
 
 } // namespace
 
-// DELIBERATE: the character behind a "*" stands for itself, be it "?" or "*"; so "**" matches only names that hold a
-// "*". Patterns in use look for those characters that way. Pinned by match_takes_what_follows_a_star_literally.
+// DELIBERATE: the character behind a "*" stands for itself, be it "?" or "*"; so "**" matches only names that hold
+// a "*". Patterns in use look for those characters that way. Pinned by match_takes_what_follows_a_star_literally.
 bool eko_match(const char* name, const char* pattern)
 {
     const char* literal = nullptr; // behind the last star
