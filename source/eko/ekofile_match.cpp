@@ -2,9 +2,9 @@
 //
 // The pattern is walked once, and only its last "*" is ever taken up again. What stands between two stars has a
 // fixed length, so at its first place in the name it leaves the most for the star behind it, which skips what it
-// likes: all that fits behind a later place fits behind the first one too. Only what follows the last star may need another
-// place, because it must end where the name ends. So the steps are at most one name's length per character of the
-// pattern, in constant memory, whatever stars a user types.
+// likes: all that fits behind a later place fits behind the first one too. Only what follows the last star may need
+// another place, because it must end where the name ends. So the steps are at most one name's length per character
+// of the pattern, in constant memory, whatever stars a user types.
 
 #include "ekofile_int.h"
 
