@@ -103,8 +103,8 @@ TEST_F(PathTest, path_stories)
     // Directories moved as a whole, file by file to a new one, to an old one, through memory, and not at all.
     tell(R"(mkdir s -; put s/@ 1; put s/g 2; mkdir s/u -; movedir s t; is t/u (dir); is s (none); mode - x;
         movedir t n/m; is n/m/@ 1; is n/m/g 2; is t/@ (none); is t/u (dir); movedir t n/m 1002; movedir t n/l;
-        rmdir t/u -; movedir t n/m 1002; is t (none); movedir none v 1002; movedir n/m i/w/; is i/w/@ 1;
-        mkdir i/x -; movedir i/x o/p/ 1006; is o/p (dir); is i/x (none);
+        rmdir t/u -; movedir t n/m 1002; is t (none); movedir none v; is v (dir); movedir none v 1002;
+        movedir n/m i/w/; is i/w/@ 1; mkdir i/x -; movedir i/x o/p/ 1006; is o/p (dir); is i/x (none);
         movedir i/w /m/d; is /m/d/@ 1; is i/w (none); movedir /m/d v; is v/@ 1; is /m/d/g (none);
         movedir v n/l/g/h; put f 3; movedir n/l/g/h f/g 1002; mkall y/@ -; put y/@/z 1; movedir n/l/g/h y 1002;
         movedir n/l/g/h # 1002; mode - r; movedir n/l/g/h z 1002; is n/l/g/h/@ 1; mode - d; movedir n y 1002)");

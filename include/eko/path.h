@@ -102,8 +102,8 @@ EKO_API int32 eko_dirCreateAllW(const wchar_t* directory);
  *      "/".
  *  Returns 0 moved, or the same name (see "Letter case"); the status of a file that could not be moved, or of the
  *  destination that could not be created; 1003 when memory runs out; 1006 for a source without files and a new
- *  "new/sub/"; else 1002: refused, no such source, or NOTHING TO MOVE: a source without files and a destination
- *  that exists or is in memory. */
+ *  "new/sub/"; else 1002: refused, or NOTHING TO MOVE: a source without files and a destination that exists or is
+ *  in memory. A source that is not there has no files: when the destination could be created, that is 0. */
 EKO_API int32 eko_dirMoveEx(const char* src, uint16 src_xflags, const char* dest, uint16 dest_xflags);
 EKO_API int32 eko_dirMoveExW(const wchar_t* src, uint16 src_xflags, const wchar_t* dest, uint16 dest_xflags);
 EKO_API int32 eko_dirMove(const char* src, const char* dest);

@@ -137,13 +137,15 @@ int32 moveEntry(const DIR_MOVE& move, const char* name, MemResult* result)
 }
 
 // Moves the files; `status` is the answer where there are none.
+// DELIBERATE: a source that cannot be walked has none: so a missing one is moved to a new directory with the answer
+// 0. Callers who move twice find the destination there either way. Pinned by path_stories.
 // DELIBERATE: subdirectories stay where they are, as "." and ".." do: what is moved so is a directory of files, and
 // nothing below it is touched unasked. Pinned by path_stories.
 int32 moveFiles(const DIR_MOVE& move, int32 status, MemResult* result)
 {
     DIR_ENTRY* dir = tryPathOpen(move.src, move.src_xflags, "*", result);
     if (!dir)
-        return *result == MemResult::exhausted ? EKO_NO_MEMORY : EKO_FAILED;
+        return *result == MemResult::exhausted ? EKO_NO_MEMORY : status;
     for (;;) {
         int32 isdir = 0;
         const char* name = tryPathNext(dir, &isdir, result);
