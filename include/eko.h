@@ -1,6 +1,8 @@
 /* eko.h - the whole interface of eko, the platform library of a database engine.
  *
  * Statuses are int32: 0 is success. The others have no names here, only numbers:
+ *         2  nothing there: an empty queue; an INI entry or section not found
+ *         3  the message queue is closed
  *      1001  a timed wait ran out
  *      1002  general failure: not started, invalid handle or value, refused, or the system's call failed
  *      1003  out of memory, or a resource could not be made
@@ -8,6 +10,7 @@
  *      1007  the first file of a comparison cannot be opened, 1008 the second
  *      1013  a required argument is null or zero
  *      1014  a caller's buffer is too small
+ *      1015  a job of a thread pool has not come as far as the question
  * Each call names those it returns. Reads and writes return byte counts, 0xFFFFFFFF for failure. Times to wait
  * are milliseconds, 0xFFFFFFFF for no limit.
  *
@@ -27,9 +30,11 @@
 #include "eko/mem.h"
 #include "eko/path.h"
 #include "eko/process.h"
+#include "eko/queue.h"
 #include "eko/stream.h"
 #include "eko/strutil.h"
 #include "eko/sync.h"
+#include "eko/thrpool.h"
 #include "eko/thread.h"
 #include "eko/utf8.h"
 

@@ -133,6 +133,23 @@ void eko_syncTerm();
 // Mutexes and events alive, for tests.
 int32 syncSlotsInUse();
 
+// Whether the thread sanitizer watches.
+#if defined(__SANITIZE_THREAD__)
+#define EKO_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define EKO_THREAD_SANITIZER 1
+#endif
+#endif
+#ifndef EKO_THREAD_SANITIZER
+#define EKO_THREAD_SANITIZER 0
+#endif
+
+#if EKO_THREAD_SANITIZER
+// Enters a mutex that no other thread is in, or answers false.
+bool syncTryEnter(EKO_SEM sem);
+#endif
+
 // The start count, read without a lock. 0 and below are "not started": a stray eko_term leaves -1.
 inline int32 eko_inited_get__race_condition_ok()
 {

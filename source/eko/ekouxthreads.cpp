@@ -323,21 +323,50 @@ void eko_syncDelete(EKO_SEM sem)
 
 // ---- mutexes ----------------------------------------------------------------------------------------------
 
+namespace {
+
+// Whether the calling thread is in already; then it is so once more.
+bool enteredAgain(EKO_MUTEX_ENTRY& m)
+{
+    if (eko_count_get__race_condition_ok(m) == 0 ||
+        !pthread_equal(eko_id_get__race_condition_ok(m), pthread_self()))
+        return false;
+    eko_count_inc__race_condition_ok(m);
+    return true;
+}
+
+void becomeOwner(EKO_MUTEX_ENTRY& m)
+{
+    eko_id_set__race_condition_ok(m, pthread_self());
+    eko_count_set__race_condition_ok(m, 1);
+}
+
+} // namespace
+
 void eko_syncEnterExcl(EKO_SEM sem)
 {
     EKO_SEM_ENTRY* slot = mutexSlot(sem);
     if (!slot)
         return;
     EKO_MUTEX_ENTRY& m = slot->obj.m;
-    const pthread_t self = pthread_self();
-    if (eko_count_get__race_condition_ok(m) != 0 && pthread_equal(eko_id_get__race_condition_ok(m), self)) {
-        eko_count_inc__race_condition_ok(m);
+    if (enteredAgain(m))
         return;
-    }
     pthread_mutex_lock(&m.mutex);
-    eko_id_set__race_condition_ok(m, self);
-    eko_count_set__race_condition_ok(m, 1);
+    becomeOwner(m);
 }
+
+#if EKO_THREAD_SANITIZER
+bool syncTryEnter(EKO_SEM sem)
+{
+    EKO_SEM_ENTRY* slot = mutexSlot(sem);
+    if (!slot || enteredAgain(slot->obj.m))
+        return true;
+    if (pthread_mutex_trylock(&slot->obj.m.mutex) != 0)
+        return false;
+    becomeOwner(slot->obj.m);
+    return true;
+}
+#endif
 
 // DELIBERATE: who leaves is not checked. A leave without an enter takes the count to -1 and unlocks a free mutex;
 // the next enter works because id is 0. Pinned by sync_exit_does_not_check_the_caller.
