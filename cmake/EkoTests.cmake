@@ -20,9 +20,9 @@ else()
 endif()
 
 # eko_add_test(FILE)  makes a program of FILE, linked with the static library so that it reaches the private
-# headers' functions, and has CTest run each of its tests in a process of its own. A line in the file such as
+# headers' functions, and has CTest run each of its tests in a process of its own. A line such as
 #       // LINK: --wrap=malloc --wrap=free
-# gives options to the linker.
+# in the file, or in a header of support/ that it includes, gives options to the linker.
 function(eko_add_test file)
     cmake_path(GET file STEM LAST_ONLY name)
     add_executable(${name} ${file})
@@ -34,13 +34,17 @@ function(eko_add_test file)
     endif()
     target_link_libraries(${name} PRIVATE eko_static)
 
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
-    file(STRINGS ${file} link_lines REGEX "^// LINK: ")
-    foreach(line IN LISTS link_lines)
-        string(REGEX REPLACE "^// LINK: " "" options "${line}")
-        separate_arguments(options UNIX_COMMAND "${options}")
-        list(TRANSFORM options PREPEND "LINKER:")
-        target_link_options(${name} PRIVATE ${options})
+    file(STRINGS ${file} included REGEX "^#include \"support/")
+    list(TRANSFORM included REPLACE "^#include \"(.*)\"" "${PROJECT_SOURCE_DIR}/tests/\\1")
+    foreach(source IN LISTS file included)
+        set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+        file(STRINGS ${source} link_lines REGEX "^// LINK: ")
+        foreach(line IN LISTS link_lines)
+            string(REGEX REPLACE "^// LINK: " "" options "${line}")
+            separate_arguments(options UNIX_COMMAND "${options}")
+            list(TRANSFORM options PREPEND "LINKER:")
+            target_link_options(${name} PRIVATE ${options})
+        endforeach()
     endforeach()
 
     string(REGEX REPLACE "_test$" "" prefix ${name})

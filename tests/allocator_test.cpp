@@ -1,6 +1,5 @@
 // The four allocators behind a tag, and the large blocks behind the allocators: layout, which block serves a request,
 // figures, and a long random life.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc
 #include <string.h>
 
 #include <algorithm>

@@ -1,8 +1,4 @@
 // Descriptors, mappings and file handles: results, faults of every system call, modes, large files, locks.
-//
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check
-// LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
-// LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
 #include <functional>
 
 #include "ekofile_int.h"

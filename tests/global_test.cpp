@@ -1,5 +1,4 @@
 // Named globals: one record a name, made on first use, deleted in descending order of names.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc
 #include <string.h>
 
 #include <algorithm>

@@ -1,8 +1,4 @@
 // INI files: the rules of reading and setting, exact buffers in both forms, faults, kills, limits, threads.
-//
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check --wrap=open64 --wrap=read
-// LINK: --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync --wrap=ftruncate64 --wrap=fstat64
-// LINK: --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r --wrap=close --wrap=remove --wrap=rename
 #include <sys/resource.h>
 
 #include "ekoini_int.h"

@@ -2,8 +2,8 @@
 //
 // Every stop call of a module is written to a trace.
 // LINK: --wrap=_Z17eko_fileStackTermP14EKO_FILE_STACK --wrap=_Z10eko_osTermv --wrap=_Z14eko_globalTermv
-// LINK: --wrap=_Z16eko_syncShutdownv --wrap=_Z11eko_memTermv --wrap=_Z12eko_syncTermv
-// LINK: --wrap=eko_syncCreate_check --wrap=getrlimit --wrap=setrlimit --wrap=malloc --wrap=calloc --wrap=realloc
+// LINK: --wrap=_Z16eko_syncShutdownv --wrap=_Z11eko_memTermv --wrap=_Z12eko_syncTermv --wrap=eko_syncCreate_check
+// LINK: --wrap=getrlimit --wrap=setrlimit
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>

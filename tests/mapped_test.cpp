@@ -1,7 +1,5 @@
 // Wildcards, directories as they are listed, files read and written through mapped views.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check --wrap=readdir64
-// LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
-// LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
+// LINK: --wrap=readdir64
 #include <dirent.h>
 #include <fnmatch.h>
 #include <random>

@@ -1,5 +1,5 @@
 // Tags, the calls that allocate on them, the limit, and what happens when memory runs out.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check
+// LINK: --wrap=eko_syncCreate_check
 #include <fcntl.h>
 #include <string.h>
 #include <sys/mman.h>

@@ -1,5 +1,5 @@
 // Files in memory: names and bytes against models, removal under others' hands, memory running out, threads.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check
+// LINK: --wrap=eko_syncCreate_check
 #include <filesystem>
 #include <functional>
 #include <random>

@@ -1,7 +1,4 @@
 // Paths, directories, and what is done to files by name: on disk and in memory, narrow and wide, and with faults.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=eko_syncCreate_check --wrap=open64 --wrap=read
-// LINK: --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync --wrap=ftruncate64 --wrap=fstat64
-// LINK: --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r --wrap=close --wrap=remove --wrap=rename
 #include <signal.h>
 #include <sys/resource.h>
 

@@ -1,5 +1,5 @@
 // Process services: temporary directory, commands, interrupts, environment, daemons in real processes.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=open64 --wrap=fork
+// LINK: --wrap=open64 --wrap=fork
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>

@@ -1,8 +1,4 @@
 // Text streams: marks, characters both ways, the cache at its borders and against a model, lines, faults.
-//
-// LINK: --wrap=eko_syncCreate_check
-// LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
-// LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
 #include <random>
 
 #include "ekotext_int.h"

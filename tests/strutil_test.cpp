@@ -1,5 +1,5 @@
 // Helpers for strings.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=strerror_r
+// LINK: --wrap=strerror_r
 #include "support/faults.h"
 #include "support/fixture.h"
 

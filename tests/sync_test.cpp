@@ -1,5 +1,5 @@
 // The semaphore table: slots, mutexes, events. The system's clock and timed wait are replaced.
-// LINK: --wrap=gettimeofday --wrap=pthread_cond_timedwait --wrap=malloc --wrap=calloc --wrap=realloc
+// LINK: --wrap=gettimeofday --wrap=pthread_cond_timedwait
 #include <errno.h>
 #include <stdlib.h>
 #include <sys/time.h>

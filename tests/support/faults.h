@@ -1,5 +1,5 @@
-// faults.h - makes memory run out. A test that includes this needs, in its first lines and behind two slashes,
-//     LINK: --wrap=malloc --wrap=calloc --wrap=realloc
+// faults.h - makes memory run out.
+// LINK: --wrap=malloc --wrap=calloc --wrap=realloc
 #ifndef EKO_TESTS_FAULTS_H
 #define EKO_TESTS_FAULTS_H
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
 #include <string>
 #include <thread>
 #include <vector>
@@ -103,17 +104,13 @@ template <class Action> std::string logged(Action action)
 // Runs `action` with 0, 1, ... in that many threads, which begin together, and waits for them.
 template <class Action> void inThreads(uint32 count, Action action)
 {
-    pthread_barrier_t start;
-    pthread_barrier_init(&start, nullptr, count);
-    std::vector<std::thread> threads;
+    std::barrier start(count);
+    std::vector<std::jthread> threads;
     for (uint32 i = 0; i < count; ++i)
         threads.emplace_back([&start, &action, i] {
-            pthread_barrier_wait(&start);
+            start.arrive_and_wait();
             action(i);
         });
-    for (std::thread& thread : threads)
-        thread.join();
-    pthread_barrier_destroy(&start);
 }
 
 // In a test's file, in front of the body of what replaces the function of that name, which stays as __real_NAME.

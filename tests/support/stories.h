@@ -1,5 +1,5 @@
-// stories.h - what is done to files by name, told as text, in every form that the calls have. A test that includes
-// this needs the LINK lines of syscalls.h.
+// stories.h - what is done to files by name, told as text, in every form that the calls have. For tests that include
+// syscalls.h too.
 #ifndef EKO_TESTS_STORIES_H
 #define EKO_TESTS_STORIES_H
 

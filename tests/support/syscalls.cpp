@@ -5,29 +5,23 @@
 #include <time.h>
 
 #include "ekoint.h"
+#include "support/fixture.h"
 
 namespace {
 
-const char* faulty; // the call that has a fault, or null
-int faultError;
-size_t faultMost;
-uint32 faultSpared;
-uint32 faultCalls;
-
-bool hit(const char* call)
-{
-    if (!faulty || strcmp(faulty, call) != 0)
-        return false;
-    return __atomic_add_fetch(&faultCalls, 1, __ATOMIC_RELAXED) > faultSpared;
-}
+struct {
+    const char* call; // that has the fault; none when empty
+    int error;
+    size_t most;
+    uint32 spared, calls;
+} fault = {"", 0, 0, 0, 0};
 
 uint32 deadlyCall; // calls to the one in front of which the process dies; 0 when none
 
 size_t allowed(const char* call, size_t size)
 {
-    const bool limited =
-        faulty && strcmp(faulty, call) == 0 && __atomic_load_n(&faultCalls, __ATOMIC_RELAXED) > faultSpared;
-    return limited && size > faultMost ? faultMost : size;
+    const bool hit = !strcmp(fault.call, call) && __atomic_load_n(&fault.calls, __ATOMIC_RELAXED) > fault.spared;
+    return hit && size > fault.most ? fault.most : size;
 }
 
 } // namespace
@@ -36,33 +30,29 @@ bool callFails(const char* call)
 {
     if (deadlyCall && --deadlyCall == 0)
         raise(SIGKILL);
-    if (!hit(call))
+    if (strcmp(fault.call, call) || __atomic_add_fetch(&fault.calls, 1, __ATOMIC_RELAXED) <= fault.spared)
         return false;
-    if (faultError == 0) {
+    if (fault.error == 0) {
         usleep(1000);
         return false;
     }
-    errno = faultError;
+    errno = fault.error;
     return true;
 }
 
 CallFault::CallFault(const char* call, int error, size_t most, uint32 spared)
 {
-    faulty = call;
-    faultError = error;
-    faultMost = most;
-    faultSpared = spared;
-    faultCalls = 0;
+    fault = {call, error, most, spared, 0};
 }
 
 CallFault::~CallFault()
 {
-    faulty = nullptr;
+    fault.call = "";
 }
 
 uint32 CallFault::calls() const
 {
-    return __atomic_load_n(&faultCalls, __ATOMIC_RELAXED);
+    return __atomic_load_n(&fault.calls, __ATOMIC_RELAXED);
 }
 
 void dieAtCall(uint32 n)
@@ -70,11 +60,9 @@ void dieAtCall(uint32 n)
     deadlyCall = n;
 }
 
-// NAME(PARAMS) of the linker's --wrap: FAILED when the fault is on it, else the real one with ARGS.
+// FAILED when the fault is on it, else the real one with ARGS.
 #define WRAP(type, name, params, args, failed) \
-    extern "C" type __real_##name params; \
-    extern "C" type __wrap_##name params; \
-    type __wrap_##name params \
+    EKO_WRAP(type, name, params) \
     { \
         return callFails(#name) ? failed : __real_##name args; \
     }
@@ -96,3 +84,6 @@ WRAP(void*, mmap64, (void* at, size_t n, int prot, int flags, int fd, off64_t of
 WRAP(struct tm*, localtime_r, (const time_t* time, struct tm* res), (time, res),
      (memset(res, 0, sizeof(*res)), static_cast<struct tm*>(nullptr)))
 WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line), (type, file, line), EKO_SEM_INVALID)
+WRAP(int, close, (int fd), (fd), -1)
+WRAP(int, remove, (const char* path), (path), -1)
+WRAP(int, rename, (const char* from, const char* to), (from, to), -1)
