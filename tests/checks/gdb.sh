@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Has gdb show the state that gdb_program.c makes, in the process and in a core file, with either form of the library.
+#   gdb.sh CC SOURCE_DIR LIB_DIR [FLAG...]
+set -euo pipefail
+source=$2 libs=$3
+compile=("$1" "${@:4}" -std=c11 -g -I "$source/include" "$source/tests/checks/gdb_program.c" -pthread)
+cd "$(mktemp -d)"
+trap 'rm -rf "$PWD"' EXIT
+"${compile[@]}" -o shared -L "$libs" "-Wl,-rpath,$libs" -leko
+"${compile[@]}" -o static "$libs/libeko.a"
+show=(-ex 'eko tags' -ex 'eko sems' -ex 'eko queues' -ex 'eko globals')
+
+look() { # ARGUMENT...  what gdb says, in the form of the program's own lines, goes to `shown`
+    gdb -nx -batch -iex 'set debuginfod enabled off' -iex 'set disable-randomization off' \
+        -iex "set auto-load safe-path $libs" "$@" 2>&1 |
+        sed -E 's/ +/ /g; s/[0-9]+ free/? free/; s/^0x\w+ thread/0x1 thread/' > shown
+}
+# The lines of `expected`, less what the library logs, are shown in their order and each once.
+same() { diff <(grep -v Invalid expected) <(grep -Fxf expected shown) || { cat shown && exit 1; }; }
+
+load=() # the shared library brings its script
+for form in shared static; do
+    look -ex 'run > expected' "${load[@]}" -ex 'thread 2' "${show[@]}" -ex 'generate-core-file core' $form
+    same
+    look "${load[@]}" "${show[@]}" $form core
+    same
+    load=(-ex "source $source/tools/gdb/eko.py")
+done
+[ -s expected ]
+
+look "${load[@]}" -ex 'eko tags' -ex 'break main' -ex run "${show[@]}" -ex continue -ex 'eko sems 1' \
+    -ex 'set var tag->t_next = tag' -ex 'eko tags' -ex 'set var tag->t_next = 8' -ex 'eko tags' static
+for said in 'there is no process and no core file' 'the library is not started' \
+    'Stopped here: the list comes back to 0x\w+' 'Stopped here: Cannot access memory at address 0x\w+' \
+    '[0-9]+ tags, incomplete' 'eko sems takes no argument'; do
+    grep -Exq "$said" shown || { echo "gdb did not say: $said" && cat shown && exit 1; }
+done
