@@ -47,9 +47,14 @@ char* tryMakeStr(MemResult* result, EKO_MEMTAG tag, const char* fmt, ...)
 {
     va_list args;
     va_start(args, fmt);
-    char* const str = tryAppend<char>(tag, nullptr, fmt, args, result);
+    char* const str = tryMakeStrV(result, tag, fmt, args);
     va_end(args);
     return str;
+}
+
+char* tryMakeStrV(MemResult* result, EKO_MEMTAG tag, const char* fmt, va_list args)
+{
+    return tryAppend<char>(tag, nullptr, fmt, args, result);
 }
 
 // memFail may leave by longjmp: each call ends its argument list first.

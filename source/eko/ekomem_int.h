@@ -31,8 +31,9 @@ wchar_t* tryConvToWchar(const char* str, int32 errorBehavior, EKO_MEMTAG tag, Me
 // dropped.
 size_t wideLength(const char* str, int32 errorBehavior);
 
-// As eko_makeStrVA, without report or jump.
+// As eko_makeStrVA and eko_makeStrV, without report or jump.
 char* tryMakeStr(MemResult* result, EKO_MEMTAG tag, const char* fmt, ...) EKO_PRINTF_CHECK(3, 4);
+char* tryMakeStrV(MemResult* result, EKO_MEMTAG tag, const char* fmt, va_list args) EKO_PRINTF_CHECK(3, 0);
 
 // Makes a tag without reporting; EKO_TAG_INVALID on failure.
 EKO_MEMTAG tryCreateTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
