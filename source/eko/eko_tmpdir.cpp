@@ -72,8 +72,9 @@ char* tryWritableCurrdir(EKO_MEMTAG tag, MemResult* probing, MemResult* result)
     return nullptr;
 }
 
-// As eko_findOStmpdir, without report or jump: `probing` is about the library's own memory, `result` about the
-// tag's. Memory that runs out ends the search: going on, it would choose a directory that the user did not ask for.
+} // namespace
+
+// Memory that runs out ends the search: going on, it would choose a directory that the user did not ask for.
 char* tryFindOStmpdir(EKO_MEMTAG tag, MemResult* probing, MemResult* result)
 {
     *result = MemResult::done;
@@ -88,6 +89,8 @@ char* tryFindOStmpdir(EKO_MEMTAG tag, MemResult* probing, MemResult* result)
     }
     return tryWritableCurrdir(tag, probing, result);
 }
+
+namespace {
 
 // The cached name. A failure is not remembered: the next call searches again.
 const char* eko_osTmpdir(EKO_MEMTAG tag, MemResult* result)

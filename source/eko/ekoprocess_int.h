@@ -7,4 +7,8 @@
 // As eko_tmpdir, without report or jump. Takes the critical section the first time: nothing may be held.
 char* tryTmpdir(EKO_MEMTAG tag, MemResult* result);
 
+// As eko_findOStmpdir, without report or jump, and without the critical section: `probing` is about the library's
+// own memory, `result` about the tag's. Both may be one variable.
+char* tryFindOStmpdir(EKO_MEMTAG tag, MemResult* probing, MemResult* result);
+
 #endif
