@@ -36,6 +36,7 @@
 #include "eko/sync.h"
 #include "eko/thrpool.h"
 #include "eko/thread.h"
+#include "eko/trace.h"
 #include "eko/utf8.h"
 
 #endif
