@@ -46,22 +46,26 @@ def eko_need_process():
         raise gdb.GdbError("there is no process and no core file")
 
 
-def eko_exported(name):
-    symbol = gdb.lookup_global_symbol(name)
+def eko_library():
+    """The file that the library's debug information belongs to: libeko.so, or the program itself. It is known by a
+    variable that no program has as well; what the header declares, the program's debug information has too."""
+    symbol = gdb.lookup_static_symbol("(anonymous namespace)::eko_globals_list")
     if symbol:
-        return symbol
+        return symbol.symtab.objfile
     try:
-        gdb.parse_and_eval("&" + name)
+        gdb.parse_and_eval("&eko_inited")
     except gdb.error:
         raise gdb.GdbError("the program does not have the library, or has no symbols")
     raise gdb.GdbError("no debug information for libeko: it was built without -g, or stripped")
 
 
 def eko_private(name):
-    """A symbol of one of the modules' unnamed namespaces, or None. It is looked for in the library alone, be that
-    libeko.so or the program itself, and wherever the program is stopped."""
-    library = eko_exported("eko_inited").symtab.objfile
-    return library.lookup_static_symbol("(anonymous namespace)::" + name)
+    """A symbol of one of the modules' unnamed namespaces, wherever the program is stopped; None if there is none."""
+    return eko_library().lookup_static_symbol("(anonymous namespace)::" + name)
+
+
+def eko_exported(name):
+    return gdb.lookup_global_symbol(name).value()
 
 
 def eko_variable(name):
@@ -80,7 +84,7 @@ def eko_constant(name, value):
 def eko_need_library():
     """Ends the command unless the library is started, and has not freed yet what the commands show."""
     eko_need_process()
-    if eko_exported("eko_inited").value() <= 0 or eko_variable("rowsFreed") != 0:
+    if eko_variable("rowsFreed") != 0 or eko_exported("eko_inited") <= 0:
         raise gdb.GdbError("the library is not started")
 
 
@@ -107,8 +111,10 @@ def eko_chain(first, following):
         if len(seen) == EKO_LIST_LIMIT:
             raise EkoCut("the list has more than %d records" % EKO_LIST_LIMIT)
         seen.add(int(node))
+        after = node[following]
+        after.fetch_lazy()  # a record that cannot be read is not handed out
         yield node.dereference()
-        node = node[following]
+        node = after
 
 
 # ---- showing them -----------------------------------------------------------------------------------------------
@@ -271,8 +277,8 @@ own, with gdb's number of the thread. A legacy tag has no figures."""
     table.walk(eko_tag, eko_variable("static_list_tag"), "static")
     for tag in eko_chain(eko_variable("taglisthead"), "t_next"):
         table.walk(eko_tag, tag, special.get(int(tag.address), "-"))
-    usage = eko_exported("eko_mem_stats").value()
-    limit = int(eko_exported("eko_memlimit").value())
+    usage = eko_exported("eko_mem_stats")
+    limit = int(eko_exported("eko_memlimit"))
     table.note("Large blocks of all tags: %s, highest %s, limit %s"
                % (eko_figure(usage["in_use"]), eko_figure(usage["max_in_use"]), limit or "none"))
 
