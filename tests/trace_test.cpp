@@ -1,5 +1,5 @@
 // Trace: the ring against a model of its lines, the file, faults, many threads, start and stop.
-// LINK: --wrap=malloc --wrap=calloc --wrap=realloc --wrap=open64 --wrap=eko_freeMem
+// LINK: --wrap=open64 --wrap=eko_freeMem
 #include "support/faults.h"
 #include "support/fixture.h"
 

@@ -7,9 +7,9 @@
 //                                     ^ eko_trace_list
 //
 //           From there on: the newest line, one that is freed already, and the others from the oldest on.
-// Locks     trace_sem serialises all tracing: it guards the record, is the lock of the lines' tag, and is held while
-//           a file is opened, written and flushed. So the mutexes of the file module and of tags come behind it; the
-//           registry's comes before it.
+// Locks     trace_sem serialises all tracing: it guards the record, is the lock of the lines' tag, and is held
+//           while a file is opened, written and flushed. The mutexes of the file module and of tags come behind it,
+//           the registry's comes before it.
 // Failures  The line is lost. What there is to report is reported when trace_sem is left.
 // Unlocked  eko_trace_list, for whoever looks at a stopped process.
 
@@ -44,7 +44,7 @@ struct Outcome {
 
 void showListFrom(const char** slot)
 {
-    publish(eko_trace_list, reinterpret_cast<EKO_TRACE_LIST*>(slot));
+    publish(eko_trace_list, static_cast<EKO_TRACE_LIST*>(static_cast<void*>(slot)));
 }
 
 int32 eko_traceInit(void* data)
