@@ -14,28 +14,31 @@ const std::string LE = "\xFF\xFE"; // the mark of UTF-16
 
 class StreamTest : public DiskTest {
 protected:
-    EKO_FILE_STREAM open(const char* mode, EKO_FILE_MODE fmode = UTF8)
-    {
-        return eko_fopen(name_.c_str(), mode, fmode);
-    }
-    EKO_FILE_STREAM reading(const std::string& bytes, EKO_FILE_MODE fmode = UTF8, const char* mode = "r")
-    {
-        writeFile(name_, bytes);
-        return open(mode, fmode);
-    }
+    void TearDown() override { closed(), DiskTest::TearDown(); }
     std::string content() { return readFile(name_); }
+    std::string closed() { return eko_fclose(std::exchange(s_, nullptr)), content(); }
+    void open(const char* mode, EKO_FILE_MODE fmode = UTF8) // in place of the one that was open
+    {
+        closed();
+        s_ = eko_fopen(name_.c_str(), mode, fmode);
+    }
+    void reading(const std::string& bytes, EKO_FILE_MODE fmode = UTF8, const char* mode = "r")
+    {
+        closed();
+        writeFile(name_, bytes);
+        open(mode, fmode);
+    }
+    std::string rest() // what is left to read, up to the end or 10,000 bytes
+    {
+        std::string text;
+        for (int32 c; text.size() < 10000 && (c = eko_fgetc(s_)) != -1;)
+            text += char(c);
+        return text;
+    }
 
     std::string name_ = dir_.file("text");
+    EKO_FILE_STREAM s_ = nullptr;
 };
-
-// What is left to read, up to the end or 10,000 bytes.
-std::string rest(EKO_FILE_STREAM s)
-{
-    std::string text;
-    for (int32 c; text.size() < 10000 && (c = eko_fgetc(s)) != -1;)
-        text += char(c);
-    return text;
-}
 
 // Bytes that neither end a line nor a file, in that many units.
 std::string pattern(size_t size, const std::string& behind = "")
@@ -74,12 +77,11 @@ TEST_F(StreamTest, stream_marks)
         {LE + "\xE9\x00\xAC\x20\0\0b"s, UTF8, UTF16, 2, "\xC3\xA9\xE2\x82\xAC\0"s}}; // half a unit
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.bytes));
-        EKO_FILE_STREAM s = reading(c.bytes, c.given, nullptr);
-        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s)->fmode, c.found);
-        EXPECT_EQ(rest(s), c.text);
-        EXPECT_EQ(eko_fseek(s, 0, 0), 0); // behind the mark
-        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s)->fh->off, c.mark);
-        eko_fclose(s);
+        reading(c.bytes, c.given, nullptr);
+        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s_)->fmode, c.found);
+        EXPECT_EQ(rest(), c.text);
+        EXPECT_EQ(eko_fseek(s_, 0, 0), 0); // behind the mark
+        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s_)->fh->off, c.mark);
     }
 }
 
@@ -92,10 +94,10 @@ TEST_F(StreamTest, stream_marks_in_pipes)
         ASSERT_EQ(write(ends[1], (head + "later").data(), head.size() + 5), ssize_t(head.size() + 5));
         close(ends[1]);
         CallFault byteByByte("read", 0, 1);
-        EKO_FILE_STREAM s = eko_fopen(("/dev/fd/" + std::to_string(ends[0])).c_str(), "r", UNKNOWN);
+        s_ = eko_fopen(("/dev/fd/" + std::to_string(ends[0])).c_str(), "r", UNKNOWN);
         EXPECT_EQ(byteByByte.calls(), head.size());
-        EXPECT_EQ(rest(s), head + "later");
-        eko_fclose(s);
+        EXPECT_EQ(rest(), head + "later");
+        closed();
         close(ends[0]);
     }
 }
@@ -111,14 +113,12 @@ TEST_F(StreamTest, stream_modes)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.mode);
         CapturedFd err(2);
-        EKO_FILE_STREAM s = reading(old, UNKNOWN, c.mode);
-        ASSERT_NE(s, nullptr);
-        logged([&] { EXPECT_EQ(eko_fputs("new", s), 3); });
-        eko_fclose(s);
-        EXPECT_EQ(content(), c.after);
+        reading(old, UNKNOWN, c.mode);
+        logged([&] { EXPECT_EQ(eko_fputs("new", s_), 3); });
+        EXPECT_EQ(closed(), c.after);
         EXPECT_EQ(err.take(), c.mode == "r"s ? "Write failed, errno = 9\n" : "");
-        eko_fclose(reading("a\0"s, UTF16, c.mode)); // marks are written, but for reading
-        EXPECT_EQ(content(), (c.after == "new" ? "" : "a\0"s) + (c.after == old ? "" : LE));
+        reading("a\0"s, UTF16, c.mode); // marks are written, but for reading
+        EXPECT_EQ(closed(), (c.after == "new" ? "" : "a\0"s) + (c.after == old ? "" : LE));
     }
     EXPECT_EQ(eko_fopen_std("stdin"), nullptr);
     EXPECT_DEATH(open("w", EKO_FILE_MODE(3)), "ctx->fmode == EKO_FILE_MODE_UTF8");
@@ -128,7 +128,7 @@ TEST_F(StreamTest, stream_bad_mode_leaks_its_record)
 {
     for (const char* mode : {"x", "rb", "w+t"}) {
         const size_t before = currentUsage().globalBytes;
-        EXPECT_EQ(open(mode), nullptr);
+        EXPECT_EQ((open(mode), s_), nullptr);
         EXPECT_GE(currentUsage().globalBytes, before + sizeof(EKO_FILE_CTX)) << mode;
     }
     acceptUsage();
@@ -136,56 +136,48 @@ TEST_F(StreamTest, stream_bad_mode_leaks_its_record)
 
 TEST_F(StreamTest, stream_reads_signed_characters)
 {
-    EKO_FILE_STREAM s = reading("a\xC3\x80\xFF\x7Fgh\xFFij\nkl");
+    reading("a\xC3\x80\xFF\x7Fgh\xFFij\nkl");
     for (int32 expected : {97, -61, -128, -1, 127})
-        EXPECT_EQ(eko_fgetc(s), expected);
+        EXPECT_EQ(eko_fgetc(s_), expected);
     char buf[10];
     for (const char* expected : {"gh", "ij\n", "kl"})
-        EXPECT_STREQ(eko_fgets(buf, 10, s), expected);
-    EXPECT_EQ(eko_fgets(buf, 10, s), nullptr);
-    eko_fclose(s);
+        EXPECT_STREQ(eko_fgets(buf, 10, s_), expected);
+    EXPECT_EQ(eko_fgets(buf, 10, s_), nullptr);
 }
 
 TEST_F(StreamTest, stream_push_back)
 {
     for (EKO_FILE_MODE mode : {UTF8, UTF16}) {
-        EKO_FILE_STREAM s =
-            reading(mode == UTF8 ? "\xF0\x9F\x98\x80\nab\n" : LE + "\x3D\xD8\x00\xDE\n\0a\0b\0\n\0"s);
-        EXPECT_EQ(eko_fgetc(s), int8(0xF0)); // three more bytes may wait, and take none of the 20 places
+        reading(mode == UTF8 ? "\xF0\x9F\x98\x80\nab\n" : LE + "\x3D\xD8\x00\xDE\n\0a\0b\0\n\0"s);
+        EXPECT_EQ(eko_fgetc(s_), int8(0xF0)); // three more bytes may wait, and take none of the 20 places
         for (int32 i = 1; i <= 20; ++i)
-            EXPECT_EQ(eko_fungetc(i * 1000, s), i * 1000);
-        EXPECT_EQ(eko_fungetc(7, s), -1);
+            EXPECT_EQ(eko_fungetc(i * 1000, s_), i * 1000);
+        EXPECT_EQ(eko_fungetc(7, s_), -1);
         for (int32 i = 20; i >= 1; --i)
-            EXPECT_EQ(eko_fgetc(s), i * 1000);
-        eko_fungetc('!', s);
+            EXPECT_EQ(eko_fgetc(s_), i * 1000);
+        eko_fungetc('!', s_);
         char buf[10];
         for (const char* expected : {"!\x9F\x98\x80\n", "ab\n"})
-            EXPECT_STREQ(eko_fgets(buf, 10, s), expected);
+            EXPECT_STREQ(eko_fgets(buf, 10, s_), expected);
         for (int32 i = 0; i < 2; ++i) {
-            EXPECT_EQ(eko_fseek(s, 0, 0), 0); // forgets it, and what is left of a character
-            EXPECT_EQ(eko_fgetc(s), int8(0xF0));
-            eko_fungetc('?', s);
+            EXPECT_EQ(eko_fseek(s_, 0, 0), 0); // forgets it, and what is left of a character
+            EXPECT_EQ(eko_fgetc(s_), int8(0xF0));
+            eko_fungetc('?', s_);
         }
-        eko_fclose(s);
     }
 }
 
 // A character that arrives is reported as failed; bytes before its last one are accepted.
 TEST_F(StreamTest, stream_utf16_writing_reports_failure)
 {
-    EKO_FILE_STREAM s = open("w", UTF16);
-    struct {
-        int32 byte, result;
-    } const bytes[] = {{'A', 0},  {0x80, 0}, {0xC1, 0}, {0xF5, 0},            // A arrives, the others do not
-                       {0xC3, 1}, {0xA9, 0},                                  // U+00E9
-                       {0xE2, 1}, {'x', 0},  {0xC3, 0}, {0x82, 1}, {0xAC, 0}, // U+20AC, and what cannot follow
-                       {0xF0, 1}, {0x9F, 1}, {0x98, 1}, {-0x80, 0}};          // U+1F600; bytes may be signed
-    for (const auto& b : bytes)
-        EXPECT_EQ(eko_fputc(b.byte, s), b.result) << b.byte;
-    EXPECT_EQ(eko_fputs("BC", s), -1);
-    EXPECT_EQ(eko_fprintf(s, "%s", "\xC3\xA9\x44"), -1);
-    eko_fclose(s);
-    EXPECT_EQ(content(), LE + "A\0\xE9\0\xAC\x20\x3D\xD8\x00\xDE\x42\0\xE9\0"s);
+    open("w", UTF16);
+    // A arrives, the next three do not; then U+00E9, U+20AC, with what cannot follow, and U+1F600.
+    const std::string bytes = "A\x80\xC1\xF5\xC3\xA9\xE2x\xC3\x82\xAC\xF0\x9F\x98\x80", results = "000010100101110";
+    for (size_t i = 0; i < bytes.size(); ++i) // bytes may be signed
+        EXPECT_EQ(eko_fputc(i % 2 ? uint8(bytes[i]) : bytes[i], s_), results[i] - '0') << i;
+    EXPECT_EQ(eko_fputs("BC", s_), -1);
+    EXPECT_EQ(eko_fprintf(s_, "%s", "\xC3\xA9\x44"), -1);
+    EXPECT_EQ(closed(), LE + "A\0\xE9\0\xAC\x20\x3D\xD8\x00\xDE\x42\0\xE9\0"s);
 }
 
 TEST_F(StreamTest, stream_cache_borders)
@@ -194,21 +186,17 @@ TEST_F(StreamTest, stream_cache_borders)
         const std::string text = pattern(size);
         for (int way = 0; way < 3; ++way) {
             SCOPED_TRACE(testing::Message() << size << " bytes, way " << way);
-            EKO_FILE_STREAM s = open("w");
+            open("w");
+            int32 put = way == 1 ? eko_fputs(text.c_str(), s_) : way == 2 ? eko_fprintf(s_, "%s", text.c_str()) : 0;
             for (size_t i = 0; way == 0 && i < size; ++i)
-                EXPECT_EQ(eko_fputc(text[i], s), 1);
-            if (way > 0) {
-                EXPECT_EQ(way == 1 ? eko_fputs(text.c_str(), s) : eko_fprintf(s, "%s", text.c_str()), int32(size));
-            }
+                put += eko_fputc(text[i], s_);
+            EXPECT_EQ(put, int32(size));
             EXPECT_EQ(content(), text.substr(0, (size - 1) / 1024 * 1024)); // the last 1..1024 are pending
-            EXPECT_EQ(eko_fflush(s), 0);
+            EXPECT_EQ(eko_fflush(s_), 0);
             EXPECT_EQ(content(), text);
-            EXPECT_EQ(eko_fprintf(s, "%*d", int32(size) + 1, 7),
-                      int32(size) + 1); // one more than there was room for
-            eko_fclose(s);
-            s = open("r");
-            EXPECT_EQ(rest(s), text + std::string(size, ' ') + "7");
-            eko_fclose(s);
+            EXPECT_EQ(eko_fprintf(s_, "%*d", int32(size) + 1, 7), int32(size) + 1); // one more than had room
+            open("r");
+            EXPECT_EQ(rest(), text + std::string(size, ' ') + "7");
         }
     }
 }
@@ -220,29 +208,28 @@ TEST_F(StreamTest, stream_random_reads_and_seeks)
     std::string text = pattern(1024);
     for (size_t i = 0; i < text.size(); i += 1 + random() % 60)
         text[i] = '\n';
-    EKO_FILE_STREAM s = reading(text + "behind");
+    reading(text + "behind");
     for (size_t step = 0, pos = 0; step < 20000; ++step) {
         char buf[64];
         const size_t most = 1 + random() % 63, line = std::min(most - 1, text.find('\n', pos) - pos) + 1;
         if (random() % 2 && pos + line <= text.size()) {
-            ASSERT_STREQ(eko_fgets(buf, int32(most) + 1, s), text.substr(pos, line).c_str());
+            ASSERT_STREQ(eko_fgets(buf, int32(most) + 1, s_), text.substr(pos, line).c_str());
             pos += line;
         } else if (random() % 2 && pos < text.size()) {
-            ASSERT_EQ(eko_fgetc(s), text[pos++]);
+            ASSERT_EQ(eko_fgetc(s_), text[pos++]);
         } else {
             const int32 to = int32(random() % 1024), bases[] = {0, int32(pos), 1030}, origin = int32(random() % 3);
-            ASSERT_EQ(eko_fseek(s, to - bases[origin], origin), 0);
+            ASSERT_EQ(eko_fseek(s_, to - bases[origin], origin), 0);
             pos = size_t(to);
         }
     }
-    eko_fclose(s);
 }
 
 // The file itself is never positioned: far away, what comes is what follows the bytes read last.
 TEST_F(StreamTest, stream_far_seek_reads_on)
 {
     const std::string text = pattern(5000);
-    EKO_FILE_STREAM s = reading(text);
+    reading(text);
     struct {
         int32 off, origin, status;
         char next;
@@ -251,31 +238,27 @@ TEST_F(StreamTest, stream_far_seek_reads_on)
                        {0, -1, 1002, text[3073]},    {0, 3, 1002, text[3074]},        {-1, 0, 1002, text[3075]},
                        {-5005, 1, 1002, text[3076]}, {INT32_MIN, 2, 1002, text[3077]}};
     for (const auto& c : cases) {
-        EXPECT_EQ(eko_fseek(s, c.off, c.origin), c.status) << c.off;
-        EXPECT_EQ(eko_fgetc(s), c.next) << c.off;
+        EXPECT_EQ(eko_fseek(s_, c.off, c.origin), c.status) << c.off;
+        EXPECT_EQ(eko_fgetc(s_), c.next) << c.off;
     }
-    eko_fclose(s);
 }
 
 TEST_F(StreamTest, stream_seek_writes_what_is_pending)
 {
-    EKO_FILE_STREAM s = open("w");
-    eko_fputs("first", s);
-    EXPECT_EQ(eko_fseek(s, 2, 0), 0);
+    open("w");
+    eko_fputs("first", s_);
+    EXPECT_EQ(eko_fseek(s_, 2, 0), 0);
     EXPECT_EQ(content(), "first");
-    EXPECT_EQ(logged([&] { eko_fputs("second", s); }), "Read failed, errno = 9\n"); // inside the old length
-    eko_fclose(s);
-    s = open("r+");
-    EXPECT_EQ(rest(s), "firstsecond"); // in sequence, wherever the position was
-    eko_fputs("third", s);             // at the end it has read to
-    eko_fclose(s);
-    s = open("r+");
-    EXPECT_EQ(eko_fgetc(s), 'f');
-    eko_fputs("X", s);
-    EXPECT_EQ(eko_fflush(s), 0);
-    EXPECT_EQ(eko_fgetc(s), -1); // from behind all that was read; nothing is held any more
-    eko_fclose(s);
-    EXPECT_EQ(content(), "firstsecondthirdfX"); // with what was read in front of it
+    EXPECT_EQ(logged([&] { eko_fputs("second", s_); }), "Read failed, errno = 9\n"); // inside the old length
+    open("r+");
+    EXPECT_EQ(rest(), "firstsecond"); // in sequence, wherever the position was
+    eko_fputs("third", s_);           // at the end it has read to
+    open("r+");
+    EXPECT_EQ(eko_fgetc(s_), 'f');
+    eko_fputs("X", s_);
+    EXPECT_EQ(eko_fflush(s_), 0);
+    EXPECT_EQ(eko_fgetc(s_), -1);              // from behind all that was read; nothing is held any more
+    EXPECT_EQ(closed(), "firstsecondthirdfX"); // with what was read in front of it
 }
 
 TEST_F(StreamTest, stream_lines)
@@ -287,31 +270,27 @@ TEST_F(StreamTest, stream_lines)
                        {100, 100, 300}, {199, 100, 300}, {5, 1, 201},    {5, 7, 107}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.length << " from " << c.start);
-        EKO_FILE_STREAM s = reading(pattern(c.length));
+        reading(pattern(c.length));
         uint32 len = c.start;
         char* buf = static_cast<char*>(EKO_ALLOC(c.start ? c.start : 100, EKO_THREAD_TAG));
-        EXPECT_STREQ(eko_fGetLine(s, &buf, &len, EKO_THREAD_TAG), pattern(c.length).c_str());
+        EXPECT_STREQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), pattern(c.length).c_str());
         EXPECT_EQ(len, c.end);
-        EXPECT_EQ(eko_fGetLine(s, &buf, &len, EKO_THREAD_TAG), nullptr);
-        eko_fclose(s);
-        s = reading("\n" + pattern(c.length) + "\n" + pattern(c.length * 20) + "\nab\xFF\x63\n\xFF+behind");
+        EXPECT_EQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), nullptr);
+        reading("\n" + pattern(c.length) + "\n" + pattern(c.length * 20) + "\nab\xFF\x63\n\xFF+behind");
         for (const std::string& line : {""s, pattern(c.length), pattern(c.length * 20), "abc"s})
-            EXPECT_STREQ(eko_fGetLine(s, &buf, &len, EKO_THREAD_TAG), (line + "\n").c_str()); // without the 0xFF
-        EXPECT_EQ(eko_fGetLine(s, &buf, &len, EKO_THREAD_TAG), nullptr);
+            EXPECT_STREQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), (line + "\n").c_str()); // without the 0xFF
+        EXPECT_EQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), nullptr);
         EXPECT_GT(len, c.length * 20); // as it was
         EKO_FREE(buf, EKO_THREAD_TAG);
-        eko_fclose(s);
     }
     char text[10] = "########";
-    EKO_FILE_STREAM s = reading("\xEF", UNKNOWN); // its mode stays unknown: characters without end, but no line
-    EXPECT_EQ(eko_fgets(text, 10, s), nullptr);
-    eko_fclose(s);
-    s = reading("abcd\n");
-    EXPECT_EQ(eko_fgets(text, 0, s), nullptr);
-    EXPECT_STREQ(eko_fgets(text, 1, s), "");
-    EXPECT_STREQ(eko_fgets(text, 4, s), "abc");
+    reading("\xEF", UNKNOWN); // its mode stays unknown: characters without end, but no line
+    EXPECT_EQ(eko_fgets(text, 10, s_), nullptr);
+    reading("abcd\n");
+    EXPECT_EQ(eko_fgets(text, 0, s_), nullptr);
+    EXPECT_STREQ(eko_fgets(text, 1, s_), "");
+    EXPECT_STREQ(eko_fgets(text, 4, s_), "abc");
     EXPECT_EQ(text[4], '#');
-    eko_fclose(s);
 }
 
 TEST_F(StreamTest, stream_faults_of_the_file)
@@ -319,60 +298,56 @@ TEST_F(StreamTest, stream_faults_of_the_file)
     const std::string text = pattern(5000);
     CapturedFd err(2);
     for (size_t most : {0u, 100u}) { // the disk is full, or full after 100 bytes
-        EKO_FILE_STREAM s = open("w");
+        open("w");
         {
             CallFault fault("write", most ? 0 : ENOSPC, most);
-            EXPECT_EQ(eko_fputs(text.c_str(), s), -1);
+            EXPECT_EQ(eko_fputs(text.c_str(), s_), -1);
             EXPECT_EQ(fault.calls(), 1u);
         }
         EXPECT_EQ(content().size(), most);
-        EXPECT_EQ(eko_fflush(s), 0); // what was taken is still there
-        eko_fclose(s);
-        EXPECT_EQ(content(), text.substr(0, 1024));
+        EXPECT_EQ(eko_fflush(s_), 0); // what was taken is still there
+        EXPECT_EQ(closed(), text.substr(0, 1024));
     }
     EXPECT_EQ(err.take(), "Write failed, errno = 28\n");
 
-    EKO_FILE_STREAM s = reading(text);
+    reading(text);
     EXPECT_EQ(logged([&] {
                   CallFault fault("read", EINTR);
-                  EXPECT_EQ(rest(s), text.substr(0, 1024));
+                  EXPECT_EQ(rest(), text.substr(0, 1024));
                   EXPECT_EQ(fault.calls(), 1u);
               }),
               "Read failed, errno = 4\n");
     CallFault fault("read", 0, 999); // it can be tried again, and short counts are not the end
-    EXPECT_EQ(rest(s), text.substr(1024));
-    eko_fclose(s);
+    EXPECT_EQ(rest(), text.substr(1024));
 
-    s = open("w");
+    open("w");
     eko_rdonly();
-    EXPECT_EQ(eko_fputs(text.c_str(), s), -1);
-    eko_fclose(s);
-    EXPECT_EQ(content(), "");
+    EXPECT_EQ(eko_fputs(text.c_str(), s_), -1);
+    EXPECT_EQ(closed(), "");
 }
 
 TEST_F(StreamTest, stream_fflush_reverses_failure)
 {
-    EKO_FILE_STREAM s = open("w", UTF16);
-    EXPECT_EQ(eko_fflush(s), 0);
-    eko_fputc(0xC3, s);
-    EXPECT_EQ(eko_fflush(s), -1); // incomplete
+    open("w", UTF16);
+    EXPECT_EQ(eko_fflush(s_), 0);
+    eko_fputc(0xC3, s_);
+    EXPECT_EQ(eko_fflush(s_), -1); // incomplete
     {
         CallFault fault("fsync", EIO);
-        EXPECT_EQ(eko_fflush(s), 0);
+        EXPECT_EQ(eko_fflush(s_), 0);
         EXPECT_EQ(fault.calls(), 1u);
     }
-    eko_fputc(0xA9, s);
-    eko_fputc(0xC3, s);
+    eko_fputc(0xA9, s_);
+    eko_fputc(0xC3, s_);
     {
         CapturedFd err(2);
         CallFault fault("write", EIO);
-        EXPECT_EQ(eko_fflush(s), 0);
-        EXPECT_EQ(eko_fseek(s, 0, 0), 1002);
+        EXPECT_EQ(eko_fflush(s_), 0);
+        EXPECT_EQ(eko_fseek(s_, 0, 0), 1002);
         EXPECT_EQ(err.take(), "Write failed, errno = 5\nWrite failed, errno = 5\n");
     }
-    EXPECT_EQ(eko_fflush(s), -1);
+    EXPECT_EQ(eko_fflush(s_), -1);
     EXPECT_EQ(content(), LE + "\xE9\0"s);
-    eko_fclose(s);
 }
 
 } // namespace

@@ -7,31 +7,18 @@ cc=$1 source=$2 libs=$3
 shift 3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-
-mkdir "$work/static" "$work/in-shared" "$work/in-static"
-cp "$libs/libeko.a" "$work/static" # alone in its directory, so that -leko finds this form
-
-compile=("$cc" "$@" -std=c11 -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror -I "$source/include"
-    "$source/tests/consumer/consumer.c")
-"${compile[@]}" -o "$work/shared-consumer" -L "$libs" "-Wl,-rpath,$libs" -leko -pthread
-"${compile[@]}" -o "$work/static-consumer" -L "$work/static" -leko -pthread
-
+mkdir "$work/lib-static" "$work/in-shared" "$work/in-static"
+cp "$libs/libeko.a" "$work/lib-static" # alone in its directory, so that -leko finds this form
+ln -s "$libs" "$work/lib-shared"
 for form in shared static; do
-    needed=$(readelf -d "$work/$form-consumer" | grep NEEDED)
-    case $form:$needed in
-        *libstdc++* | static:*libeko*) wrong=yes ;;
-        static:* | shared:*libeko.so.12*) wrong=no ;;
-        *) wrong=yes ;;
+    "$cc" "$@" -std=c11 -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror -I "$source/include" \
+        "$source/tests/consumer/consumer.c" -o "$work/$form" -L "$work/lib-$form" "-Wl,-rpath,$libs" -leko -pthread
+    needed=$(readelf -d "$work/$form" | grep NEEDED)
+    printed=$("$work/$form" "$work/in-$form")
+    case $form:$printed:$needed in
+        *libstdc++* | static:*libeko*) ;;
+        "static:0 failures so far:"* | "shared:0 failures so far:"*libeko.so.12*) continue ;;
     esac
-    if [ $wrong = yes ]; then
-        printf 'The %s consumer needs the wrong libraries:\n%s\n' "$form" "$needed"
-        exit 1
-    fi
-    "$work/$form-consumer" "$work/in-$form" > "$work/output"
-    if [ "$(cat "$work/output")" != "0 failures so far" ]; then
-        printf 'The %s consumer printed something else:\n' "$form"
-        cat "$work/output"
-        exit 1
-    fi
-    echo "$form: passed"
+    printf 'The %s consumer printed %s, and needs\n%s\n' "$form" "$printed" "$needed"
+    exit 1
 done

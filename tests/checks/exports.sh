@@ -40,22 +40,13 @@ cut -d' ' -f1 "$work/declared" | sort -u > "$work/names"
 
 status=0
 complain() { # TITLE, lines from standard input
-    local lines
-    lines=$(cat)
-    [ -n "$lines" ] || return 0
-    printf '%s\n' "$1"
-    printf '%s\n' "$lines" | sed 's/^/    /'
-    status=1
+    awk -v title="$1" 'NR == 1 { print title } { print "    " $0 } END { exit NR > 0 }' || status=1
 }
 complain "Exported, but not declared in a public header:" < <(comm -13 "$work/names" "$work/exported")
 complain "Declared with EKO_API, but not exported:" < <(comm -23 "$work/names" "$work/exported")
 complain "Declared without a /** comment:" < <(awk '$2 == "bare" { print $1, $3 }' "$work/declared")
 complain "Declared twice:" < <(cut -d' ' -f1 "$work/declared" | uniq -d)
 
-# A scan that finds nothing must not pass.
-if [ ! -s "$work/names" ] || [ ! -s "$work/exported" ]; then
-    echo "Nothing to compare: $(wc -l < "$work/names") declared, $(wc -l < "$work/exported") exported"
-    status=1
-fi
+[ -s "$work/names" ] && [ -s "$work/exported" ] || status=1 # a scan that finds nothing must not pass
 echo "$(wc -l < "$work/names") declared, $(wc -l < "$work/exported") exported"
 exit $status

@@ -1,16 +1,14 @@
 #include "support/fixture.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <regex.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "ekomem_int.h"
 
@@ -78,13 +76,8 @@ void DiskTest::TearDown()
 
 uint32 openDescriptors()
 {
-    uint32 count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dir && readdir(dir))
-        ++count;
-    if (dir)
-        closedir(dir);
-    return count - 3; // itself, "." and ".."
+    const std::filesystem::directory_iterator all("/proc/self/fd"); // has one itself
+    return uint32(std::distance(begin(all), end(all))) - 1;
 }
 
 TempDir::TempDir()
@@ -96,23 +89,19 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-    nftw(
-        path_.c_str(), [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 8,
-        FTW_DEPTH | FTW_PHYS);
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 void writeFile(const std::string& path, const std::string& bytes)
 {
-    std::ofstream out(path, std::ios::binary);
-    out << bytes;
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 CapturedFd::CapturedFd(int fd) : fd_(fd), saved_(dup(fd))

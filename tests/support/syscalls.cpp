@@ -7,57 +7,29 @@
 #include "ekoint.h"
 #include "support/fixture.h"
 
-namespace {
+CallFaulty callFaulty = {"", 0, 0, 0, 0};
+static uint32 deadlyCall; // calls to the one in front of which the process dies; 0 when none
 
-struct {
-    const char* call; // that has the fault; none when empty
-    int error;
-    size_t most;
-    uint32 spared, calls;
-} fault = {"", 0, 0, 0, 0};
-
-uint32 deadlyCall; // calls to the one in front of which the process dies; 0 when none
-
-size_t allowed(const char* call, size_t size)
+void dieAtCall(uint32 n)
 {
-    const bool hit = !strcmp(fault.call, call) && __atomic_load_n(&fault.calls, __ATOMIC_RELAXED) > fault.spared;
-    return hit && size > fault.most ? fault.most : size;
+    deadlyCall = n;
 }
-
-} // namespace
 
 bool callFails(const char* call)
 {
     if (deadlyCall && --deadlyCall == 0)
         raise(SIGKILL);
+    CallFaulty& fault = callFaulty;
     if (strcmp(fault.call, call) || __atomic_add_fetch(&fault.calls, 1, __ATOMIC_RELAXED) <= fault.spared)
         return false;
-    if (fault.error == 0) {
-        usleep(1000);
-        return false;
-    }
     errno = fault.error;
-    return true;
+    return fault.error || usleep(1000);
 }
 
-CallFault::CallFault(const char* call, int error, size_t most, uint32 spared)
+static size_t allowed(const char* call, size_t size)
 {
-    fault = {call, error, most, spared, 0};
-}
-
-CallFault::~CallFault()
-{
-    fault.call = "";
-}
-
-uint32 CallFault::calls() const
-{
-    return __atomic_load_n(&fault.calls, __ATOMIC_RELAXED);
-}
-
-void dieAtCall(uint32 n)
-{
-    deadlyCall = n;
+    const bool limited = !strcmp(callFaulty.call, call) && CallFault::calls() > callFaulty.spared;
+    return limited && size > callFaulty.most ? callFaulty.most : size;
 }
 
 // FAILED when the fault is on it, else the real one with ARGS.

@@ -17,13 +17,22 @@
 // While alive, each call of that name (one of those above) fails with errno `error`, or with an `error` of 0 takes
 // a millisecond and moves at most `most` bytes; the first `spared` calls do neither. One at a time, and no other
 // thread running when it comes or goes.
+extern struct CallFaulty {
+    const char* call; // "" when none has the fault
+    int error;
+    size_t most;
+    uint32 spared, calls;
+} callFaulty;
 class CallFault {
 public:
-    explicit CallFault(const char* call, int error, size_t most = 0, uint32 spared = 0);
-    ~CallFault();
+    explicit CallFault(const char* call, int error, size_t most = 0, uint32 spared = 0)
+    {
+        callFaulty = {call, error, most, spared, 0};
+    }
+    ~CallFault() { callFaulty.call = ""; }
     CallFault(const CallFault&) = delete;
     CallFault& operator=(const CallFault&) = delete;
-    uint32 calls() const; // made so far
+    static uint32 calls() { return __atomic_load_n(&callFaulty.calls, __ATOMIC_RELAXED); } // made so far
 };
 
 // Asked in front of each such call: whether it is to fail. errno is set then.
