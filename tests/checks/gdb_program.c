@@ -1,4 +1,4 @@
-/* gdb_program.c - makes tags, mutexes, events, queues and a global, then aborts for gdb.sh to look at them. It
+/* gdb_program.c - makes tags, mutexes, events, queues, a global and traces, then aborts for gdb.sh to look at them. It
  * prints the lines that gdb is to show, in the order of gdb.sh's commands; "?" stands for what is not known here. */
 #include <eko.h>
 #include <stdio.h>
@@ -57,8 +57,14 @@ int main(void)
     printf("%p closed 0 0\n%p open 4 1 caf\303\251\\n1\n msgid -1, 11 bytes at %p\n", newer, older, record);
     printf(" msgid -2, 12 bytes at %p\n msgid -3, 13 bytes at %p\n and more\n2 queues\n", record, record);
     eko_globalGet("an own", 24, NULL, NULL, &record);
-    printf("%p 24 an own\n%d records\n", record, 2 + eko_inited); /* which debug information then declares twice */
+    printf("%p 24 an own\n%d records\n", record, 3 + eko_inited); /* which debug information then declares twice */
+    for (int i = 0; i < 1200; ++i) {
+        eko_trace("line %d\n", i);
+        if (i > 200)
+            printf("%#llx: line %d\n", (long long)(long)pthread_self(), i); /* %p of eko has a sign */
+    }
     eko_syncDelete(deleted);
+    puts("999 lines");
     fflush(stdout);
     abort();
 }
