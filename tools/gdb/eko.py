@@ -327,14 +327,18 @@ def eko_queues(table, wanted):
 
 
 def eko_queue(table, queue, wanted):
-    spare = sum(1 for _ in eko_chain(queue["avail"], "next"))
+    try:
+        spare = sum(1 for _ in eko_chain(queue["avail"], "next"))
+    except (EkoCut, gdb.MemoryError):
+        spare = "damaged"  # the messages are more interesting
     table.row("queue", eko_handle(queue.address), "closed" if int(queue["status"]) & 1 else "open",
               int(queue["count"]), spare, eko_text(queue["name"]))
     for i, message in enumerate(eko_chain(queue["head"], "next")):
         if i == wanted:
             table.note("    and more")
             break
-        table.note("    msgid %d, %d bytes at %s" % (message["msgid"], message["len"], eko_handle(message["msg"])))
+        size = eko_counted(int(message["len"]), "byte")
+        table.note("    msgid %d, %s at %s" % (message["msgid"], size, eko_handle(message["msg"])))
 
 
 def eko_trace(table, wanted):
