@@ -60,7 +60,7 @@ def eko_library():
 
 
 def eko_private(name):
-    """A symbol of one of the modules' unnamed namespaces, wherever the program is stopped; None if there is none."""
+    """A symbol of one of the modules' unnamed namespaces, wherever the program is stopped, or None."""
     return eko_library().lookup_static_symbol("(anonymous namespace)::" + name)
 
 
