@@ -248,7 +248,7 @@ done
 # ---- settings, backings, whole files ------------------------------------------------------------------------
 
 # The first run wrote the settings; options go before them, and what makes no sense is told.
-printf '\n[minidb]\npage_size=65536\ndata_directory=.\nlog_file=\nbacking=disk\n' >expected
+printf '\n[minidb]\npage_size=65536\ndata_directory=.\nlog_file=\nbacking=disk\nthreads=1\nprogress_after=1\n' >expected
 same minidb.ini expected 'other settings are written on first use'
 mkdir data
 printf '[minidb]\ndata_directory = data\npage_size = 4096 ; small\nlog_file = set.log\nbacking = mapped\n' >set.ini
@@ -256,7 +256,7 @@ good 'loaded 4004' --settings set.ini load text sets.db
 good 'agree on all 4003' --settings set.ini --backing memory check sets.db text
 good 'agree on all 4003' check data/sets.db text
 grep -q 'agree on all' set.log || failed 'nothing in the log that is set'
-for wrong in page_size=5000 page_size=1048576 backing=tape "log_file=$(printf '%5000s' '' | tr ' ' x)"; do
+for wrong in page_size=5000 page_size=1048576 backing=tape threads=65 "log_file=$(printf '%5000s' '' | tr ' ' x)"; do
     printf '[minidb]\n%s\n' "$wrong" >wrong.ini
     bad "${wrong%%=*}" --settings wrong.ini get two.db one
 done
@@ -293,6 +293,56 @@ bad 'no_key:2' import no_key db
 bad 'cannot be opened' export absent.db sorted
 bad 'cannot be copied' copy absent.db db
 bad 'cannot be put in place' export two.db dir/none/sorted
+
+# ---- threads, progress ----------------------------------------------------------------------------------------
+
+# Many batches, keys that come back in later ones, lines longer than a batch, and no end of the last line. What is
+# loaded in pieces of one batch each stands in the order of the text.
+{
+    seq 30000 | awk '{ printf "k%d;value %d\n", $1 % 7001, $1 }' | tee even
+    printf "k1;$long%s\n" "$long" 2 3
+    seq 5000 | sed 's/.*/k&;/'
+    printf 'k1;last'
+} >many
+awk -F ';' '{ last[$1] = $0 } END { for (key in last) print last[key] }' many | LC_ALL=C sort -t ';' -k 1,1 >expected
+split -l 1000 many piece.
+for piece in piece.*; do good 'loaded ' load "$piece" pieces.db; done
+for threads in 1 2 8; do
+    for pause in 1 2; do
+        "$program" --threads $threads load many killed.db >out 2>err &
+        { sleep 0.0$pause && kill -9 $! && wait $!; } 2>err
+        [ ! -e killed.db ] || cmp -sn "$(size killed.db)" killed.db pieces.db || failed 'killed it leaves something else'
+        good 'loaded 35004 ' load --threads $threads many killed.db
+        good 'agree on all 7001' check killed.db many
+        rm killed.db
+    done
+    good 'loaded 35004 ' load --threads $threads many many.db
+    same pieces.db many.db "$threads threads make another data file"
+    good 'exported 7001 ' export many.db sorted
+    same expected sorted "$threads threads: another export"
+    while read -r script told; do
+        sed "$script" many >faulty
+        bad "faulty:$told" load --threads $threads faulty many.db
+    done <<'END'
+1s/;//;2s/k//;35004s/;// 1: a line without a ';'
+1025s/k.*;/;/;1026s/;// 1025: a line without a key
+20000s/.*//;20001s/;/\x00/ 20000: a line without a key
+19990s/;/\x00/;19991s/.*// 19990: cannot be read to its end
+35004s/;// 35004: a line without a ';'
+END
+    rm many.db
+done
+
+# A load that takes a while tells of each tenth; or draws a bar on a terminal, and wipes it before it says a thing.
+printf '[minidb]\nprogress_after=0\nthreads=64\n' >slow.ini
+good 'loaded 30000 ' --settings slow.ini load even even.db
+sed -E 's/(: .0%), [0-9]+\.[0-9] MB.s, [0-9]+:[0-9][0-9] left$/\1/' err >out
+printf 'minidb: even: %s0%%\n' {1..9} | cmp -s - out || failed 'other lines than one for each tenth'
+for told in even,loaded faulty,faulty:35004; do
+    script -qc "'$program' --settings slow.ini load ${told%,*} even.db" /dev/null >out 2>err </dev/null
+    [[ $(head -n 1 out) =~ ^($'\r'\[[#.]{30}\]' '[0-9 ]{3}'%  '[^$'\r']{34})+$'\r'' '{73}$'\r''minidb: '"${told#*,}" ]] ||
+        failed "no bar, or not wiped: $told"
+done
 
 # Permissions are tried by a user whom they bind.
 user=()

@@ -68,14 +68,14 @@ void indexEmpty(INDEX* index)
     index->capacity = index->count = 0;
 }
 
-bool indexPut(INDEX* index, const PAIR* pair, bool keepValue, EKO_FILE_OFFSET at, bool* replaced)
+bool indexPut(INDEX* index, const PAIR* pair, bool keepValue, EKO_FILE_OFFSET at)
 {
     if (index->count >= index->capacity / 4 * 3 && !grow(index))
         return false;
     const uint32 hash = hashOf(pair->key, pair->keyLen);
     ENTRY* entry = slotOf(index->slots, index->capacity, pair->key, pair->keyLen, hash);
-    *replaced = entry->pair.key != NULL;
-    if (keepValue || !*replaced) {
+    const bool added = entry->pair.key == NULL;
+    if (keepValue || added) {
         const uint32 valueLen = keepValue ? pair->valueLen : 0;
         char* bytes = EKO_ALLOC(pair->keyLen + valueLen, index->bytesTag);
         if (!bytes)
@@ -84,7 +84,7 @@ bool indexPut(INDEX* index, const PAIR* pair, bool keepValue, EKO_FILE_OFFSET at
         memcpy(bytes + pair->keyLen, pair->value, valueLen);
         entry->pair.key = bytes;
         entry->pair.value = keepValue ? bytes + pair->keyLen : NULL;
-        index->count += !*replaced;
+        index->count += added;
     }
     entry->pair.keyLen = pair->keyLen;
     entry->pair.valueLen = pair->valueLen;

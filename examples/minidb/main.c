@@ -1,4 +1,4 @@
-/* main.c - the command line of minidb, and its first commands. */
+/* main.c - the command line of minidb, and the commands that only read. */
 #include <fcntl.h>
 #include <string.h>
 
@@ -8,13 +8,14 @@
 #define MAX_SHOWN 10u          /* differences told one by one */
 
 static const char usage[] =
-    "usage: minidb [--settings FILE] [--backing disk|mapped|memory] [--log FILE] COMMAND\n"
+    "usage: minidb [--settings FILE] [--backing disk|mapped|memory] [--log FILE] [--threads N] COMMAND\n"
     "  load FILE DB     adds the lines of FILE, each a key, a ';' and a value, to the data file DB\n"
     "  get DB KEY...    prints the records with these keys\n"
     "  check DB FILE    tells whether DB holds exactly what the lines of FILE say, the last one of each key\n"
     "  export DB FILE   writes the records as lines, in the order of their keys\n"
     "  import FILE DB   makes DB anew from the lines of FILE, in place of what it held\n"
     "  copy DB DB       makes the second a copy of the first\n"
+    "With --threads, 1 to 64, so many parse the lines for load and import. Options may stand behind COMMAND, too.\n"
     "Settings are read from minidb.ini, which is written on first use; options go before them.\n"
     "Ends with 0 when all went well, 1 when not, 2 after this text.\n";
 
@@ -23,7 +24,9 @@ void complain(const char* format, ...)
     char message[MAX_MESSAGE_BYTES];
     va_list args;
     va_start(args, format);
-    if (eko_vsnprintf(message, sizeof message, format, args) >= 0)
+    const int32 length = eko_vsnprintf(message, sizeof message, format, args);
+    progressWipe();
+    if (length >= 0)
         eko_log_err("minidb: %s\n", message);
     va_end(args);
 }
@@ -37,80 +40,9 @@ bool makeTag(EKO_MEMTAG* tag, EKO_ALLOCATOR_TYPE type)
     return false;
 }
 
-/* ---- load --------------------------------------------------------------------------------------------------- */
-
-typedef struct FIGURES {
-    uint32 records, replaced;
-    uint64 startedNs;
-    EKO_FILE_OFFSET startedAt; /* end of the data file then */
-} FIGURES;
-
-static void sayTag(const char* purpose, EKO_MEMTAG tag)
-{
-    EKO_TAG_MEM_INFO info;
-    if (eko_getTagMemInfo(tag, &info) == 0)
-        eko_log("minidb:   %-8s %9zu bytes used, at most %9zu; %9zu held\n", purpose, info.bytes.in_use,
-                info.bytes.max_in_use, info.capacity.in_use);
-    else
-        complain("no figures of the tag '%s'", purpose);
-}
-
-static double secondsSince(uint64 startedNs)
+double secondsSince(uint64 startedNs)
 {
     return (double)(int64)(eko_timeNanoSecs() - startedNs) / 1e9;
-}
-
-static void sayFigures(const FIGURES* figures, const TEXT* text, const STORE* store, const INDEX* index)
-{
-    const double seconds = secondsSince(figures->startedNs);
-    eko_log("minidb: loaded %u records, %llu bytes of text, %llu bytes of data, in %.3f s\n", figures->records,
-            (unsigned long long)text->length, (unsigned long long)(store->end - figures->startedAt), seconds);
-    eko_log("minidb: %u of them replace earlier ones; %u keys in all\n", figures->replaced, index->count);
-    eko_log("minidb: memory by tag\n");
-    sayTag("index", index->tableTag);
-    sayTag("keys", index->bytesTag);
-    sayTag("lines", text->tag);
-    sayTag("buffers", store->tag);
-}
-
-static bool loadLines(TEXT* text, STORE* store, INDEX* index, FIGURES* figures)
-{
-    FOUND found;
-    PAIR pair;
-    while ((found = textNext(text, &pair)) == FOUND_ONE) {
-        bool replaced;
-        if (!indexPut(index, &pair, false, store->end, &replaced) || !storeAppend(store, &pair))
-            return false;
-        figures->records += 1;
-        figures->replaced += replaced;
-    }
-    return found == FOUND_END && storeCommit(store);
-}
-
-/* All lines or none: after a fault the data file is as it was. */
-static bool loadOpened(TEXT* text, STORE* store, INDEX* index)
-{
-    FIGURES figures = {0, 0, eko_timeNanoSecs(), store->end};
-    if (loadLines(text, store, index, &figures)) {
-        sayFigures(&figures, text, store, index);
-        return true;
-    }
-    storeCutBack(store, figures.startedAt);
-    return false;
-}
-
-bool load(const SETTINGS* settings, const char* textName, const char* storeName)
-{
-    TEXT text = {0};
-    STORE store = {0};
-    INDEX index = {0};
-    const bool done = textOpen(&text, textName) && indexOpen(&index) &&
-                      storeOpen(&store, settings, storeName, STORE_LOAD, &index) &&
-                      loadOpened(&text, &store, &index);
-    storeClose(&store);
-    indexClose(&index);
-    textClose(&text);
-    return done;
 }
 
 /* ---- get ---------------------------------------------------------------------------------------------------- */
@@ -128,9 +60,9 @@ bool closePrinted(EKO_FILE_STREAM out)
 }
 
 /* FOUND_END when there is none; FOUND_FAULT when going on makes no sense. */
-static FOUND getOne(STORE* store, const INDEX* index, const char* key, EKO_FILE_STREAM out)
+static FOUND getOne(STORE* store, const char* key, EKO_FILE_STREAM out)
 {
-    const ENTRY* entry = indexFind(index, key, (uint32)strlen(key));
+    const ENTRY* entry = indexFind(&store->index, key, (uint32)strlen(key));
     if (!entry) {
         complain("%s: no record with the key '%s'", store->name, key);
         return FOUND_END;
@@ -144,7 +76,7 @@ static FOUND getOne(STORE* store, const INDEX* index, const char* key, EKO_FILE_
 
 /* Records are data, not messages: they go to standard output, but not into the log. A stream of our own over it
  * can tell at the end whether all was written. */
-static bool getAll(STORE* store, const INDEX* index, int count, char** keys)
+static bool getAll(STORE* store, int count, char** keys)
 {
     EKO_FILE_STREAM out = eko_fopen_std("stdout");
     if (!out) {
@@ -154,7 +86,7 @@ static bool getAll(STORE* store, const INDEX* index, int count, char** keys)
     FOUND found = FOUND_ONE;
     bool all = true;
     for (int i = 0; i < count && found != FOUND_FAULT; ++i) {
-        found = getOne(store, index, keys[i], out);
+        found = getOne(store, keys[i], out);
         all = all && found == FOUND_ONE;
     }
     if (!closePrinted(out)) {
@@ -167,80 +99,50 @@ static bool getAll(STORE* store, const INDEX* index, int count, char** keys)
 static bool get(const SETTINGS* settings, const char* storeName, int count, char** keys)
 {
     STORE store = {0};
-    INDEX index = {0};
-    const bool done = indexOpen(&index) && storeOpen(&store, settings, storeName, STORE_READ, &index) &&
-                      getAll(&store, &index, count, keys);
+    const bool done = storeOpen(&store, settings, storeName, STORE_READ) && getAll(&store, count, keys);
     storeClose(&store);
-    indexClose(&index);
     return done;
 }
 
 /* ---- check -------------------------------------------------------------------------------------------------- */
 
-typedef struct DIFFERENCES {
-    uint32 missing, different, extra;
-} DIFFERENCES;
-
-static void differ(uint32* count, const char* what, const PAIR* pair)
-{
-    if (++*count <= MAX_SHOWN)
-        complain("%s: '%.*s'", what, (int)pair->keyLen, pair->key);
-}
-
 static bool readText(TEXT* text, INDEX* expected)
 {
     FOUND found;
     PAIR pair;
-    bool replaced;
     while ((found = textNext(text, &pair)) == FOUND_ONE)
-        if (!indexPut(expected, &pair, true, 0, &replaced))
+        if (!indexPut(expected, &pair, true, 0))
             return false;
     return found == FOUND_END;
 }
 
-static void compare(const PAIR* pair, const INDEX* expected, DIFFERENCES* differences)
+/* Tells which pairs of an index the other one lacks, or has with another value, and returns how many. */
+static uint32 compare(const INDEX* index, const INDEX* others, bool values, const char* what)
 {
-    const ENTRY* line = indexFind(expected, pair->key, pair->keyLen);
-    if (!line)
-        differ(&differences->extra, "not in the text", pair);
-    else if (line->pair.valueLen != pair->valueLen || memcmp(line->pair.value, pair->value, pair->valueLen) != 0)
-        differ(&differences->different, "differs", pair);
-}
-
-/* In the order of the file, so that it is read once; of each key only the record that counts. */
-static bool compareRecords(STORE* store, const INDEX* index, const INDEX* expected, DIFFERENCES* differences)
-{
-    EKO_FILE_OFFSET next = STORE_FIRST;
-    FOUND found = FOUND_ONE;
-    while (found == FOUND_ONE) {
-        const EKO_FILE_OFFSET at = next;
-        PAIR pair;
-        found = storeNext(store, &next, &pair);
-        if (found == FOUND_ONE && indexFind(index, pair.key, pair.keyLen)->at == at)
-            compare(&pair, expected, differences);
+    uint32 count = 0;
+    for (uint32 i = 0; i < index->capacity; ++i) {
+        const PAIR* pair = &index->slots[i].pair;
+        const ENTRY* other = pair->key ? indexFind(others, pair->key, pair->keyLen) : NULL;
+        const bool same = other && other->pair.valueLen == pair->valueLen &&
+                          memcmp(other->pair.value, pair->value, pair->valueLen) == 0;
+        if (pair->key && (values ? other && !same : !other) && ++count <= MAX_SHOWN)
+            complain("%s: '%.*s'", what, (int)pair->keyLen, pair->key);
     }
-    return found == FOUND_END;
+    return count;
 }
 
-static void findMissing(const INDEX* index, const INDEX* expected, DIFFERENCES* differences)
+static bool checkOpened(TEXT* text, STORE* store, INDEX* expected)
 {
-    for (uint32 i = 0; i < expected->capacity; ++i) {
-        const PAIR* pair = &expected->slots[i].pair;
-        if (pair->key && !indexFind(index, pair->key, pair->keyLen))
-            differ(&differences->missing, "not in the data file", pair);
-    }
-}
-
-static bool checkOpened(TEXT* text, STORE* store, const INDEX* index, INDEX* expected)
-{
-    DIFFERENCES differences = {0, 0, 0};
     const uint64 startedNs = eko_timeNanoSecs();
-    if (!readText(text, expected) || !compareRecords(store, index, expected, &differences))
+    const INDEX* index = &store->index;
+    if (!readText(text, expected) || !storeReadValues(store))
         return false;
-    findMissing(index, expected, &differences);
-    if (differences.missing || differences.different || differences.extra) {
-        complain("%s and %s differ: %u missing, %u different, %u extra", store->name, text->name,
-                 differences.missing, differences.different, differences.extra);
+    const uint32 missing = compare(expected, index, false, "not in the data file");
+    const uint32 different = compare(expected, index, true, "differs");
+    const uint32 extra = compare(index, expected, false, "not in the text");
+    if (missing || different || extra) {
+        complain("%s and %s differ: %u missing, %u different, %u extra", store->name, text->name, missing,
+                 different, extra);
         return false;
     }
     eko_log("minidb: %s and %s agree on all %u records, in %.3f s\n", store->name, text->name, index->count,
@@ -252,12 +154,10 @@ static bool check(const SETTINGS* settings, const char* storeName, const char* t
 {
     TEXT text = {0};
     STORE store = {0};
-    INDEX index = {0}, expected = {0};
-    const bool done = textOpen(&text, textName) && indexOpen(&index) && indexOpen(&expected) &&
-                      storeOpen(&store, settings, storeName, STORE_READ, &index) &&
-                      checkOpened(&text, &store, &index, &expected);
+    INDEX expected = {0};
+    const bool done = textOpen(&text, textName) && indexOpen(&expected) &&
+                      storeOpen(&store, settings, storeName, STORE_READ) && checkOpened(&text, &store, &expected);
     storeClose(&store);
-    indexClose(&index);
     indexClose(&expected);
     textClose(&text);
     return done;
@@ -318,28 +218,51 @@ static int runLogged(const SETTINGS* settings, int count, char** words)
     return result;
 }
 
-/* What the options say goes before what the settings say. */
+/* The first names the file with the settings, the others go before what that says. */
+static const struct {
+    const char* name;
+    const char* setting;
+} options[] = {{"--settings", NULL}, {"--backing", "backing"}, {"--log", "log_file"}, {"--threads", "threads"}};
+#define OPTIONS (sizeof options / sizeof options[0])
+
+/* Takes the words in front that are options, and returns how many; -1 for an unknown one. */
+static int takeOptions(const char* values[OPTIONS], int count, char** words)
+{
+    int taken = 0;
+    for (; taken + 1 < count && strncmp(words[taken], "--", 2) == 0; taken += 2) {
+        size_t i = 0;
+        while (i < OPTIONS && strcmp(words[taken], options[i].name) != 0)
+            ++i;
+        if (i == OPTIONS)
+            return -1;
+        values[i] = words[taken + 1];
+    }
+    return taken;
+}
+
+static bool readSettings(SETTINGS* settings, const char* const values[OPTIONS])
+{
+    bool read = settingsRead(settings, values[0] ? values[0] : "minidb.ini");
+    for (size_t i = 1; read && i < OPTIONS; ++i)
+        read = !values[i] || settingsTake(settings, options[i].setting, values[i]);
+    return read;
+}
+
+/* Options stand in front of the command, or right behind it. */
 static int runWithOptions(int count, char** words)
 {
-    const char *file = "minidb.ini", *backing = NULL, *logFile = NULL;
-    for (; count >= 2 && strncmp(words[0], "--", 2) == 0; count -= 2, words += 2) {
-        if (strcmp(words[0], "--settings") == 0)
-            file = words[1];
-        else if (strcmp(words[0], "--backing") == 0)
-            backing = words[1];
-        else if (strcmp(words[0], "--log") == 0)
-            logFile = words[1];
-        else
-            return usageError();
-    }
-    if (count == 0)
+    const char* values[OPTIONS] = {NULL};
+    const int before = takeOptions(values, count, words);
+    if (before < 0 || before == count)
         return usageError();
+    const int behind = takeOptions(values, count - before - 1, words + before + 1);
+    if (behind < 0)
+        return usageError();
+    words[before + behind] = words[before]; /* the command next to its words */
     SETTINGS settings;
-    if (!settingsRead(&settings, file) || (backing && !settingsTakeBacking(&settings, backing)))
+    if (!readSettings(&settings, values))
         return 1;
-    if (logFile)
-        eko_strncpyZ(settings.logFile, logFile, sizeof settings.logFile);
-    return runLogged(&settings, count, words);
+    return runLogged(&settings, count - before - behind, words + before + behind);
 }
 
 /* Started with one of the descriptors 0 to 2 closed, the first file opened would get its number, and what is

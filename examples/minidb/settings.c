@@ -1,7 +1,7 @@
-/* settings.c - what the user set, in an INI file.
+/* settings.c - what the user set, in an INI file or by options.
  *
  * The section is [minidb]. An entry that is missing has its default; one that makes no sense is a fault, as it
- * would be on the command line. */
+ * is on the command line. */
 #include <string.h>
 
 #include "minidb.h"
@@ -10,70 +10,79 @@
 #define MIN_PAGE 4096u
 #define MAX_PAGE \
     524288u /* half of what a mapped view holds: a page beyond the file's end never ends with the view */
+#define MAX_THREADS 64u
 
 const char* const backingNames[3] = {"disk", "mapped", "memory"};
 
-/* The entry's text, or its default. */
-static bool take(const char* file, const char* entry, const char* preset, char text[MAX_NAME_BYTES])
-{
-    char list[MAX_NAME_BYTES + 2] = ""; /* a value comes as a list of one, with two terminators and one to spare */
-    const int32 status = eko_iniGet(file, SECTION, entry, list, sizeof list);
-    if (status == 0 || status == 2) {
-        eko_strncpyZ(text, status == 0 ? list : preset, MAX_NAME_BYTES);
-        return true;
-    }
-    complain("%s: '%s' is too long, or cannot be read", file, entry);
-    return false;
-}
+/* In the order in which they are written. */
+static const char* const defaults[][2] = {{"page_size", "65536"}, {"data_directory", "."}, {"log_file", ""},
+                                          {"backing", "disk"},    {"threads", "1"},        {"progress_after", "1"}};
+#define ENTRIES (sizeof defaults / sizeof defaults[0])
 
-static bool takePageSize(SETTINGS* settings, const char* file)
+static bool takeNumber(uint32* number, const char* name, const char* text, uint32 least, uint32 most, uint32 step)
 {
-    char text[MAX_NAME_BYTES];
-    if (!take(file, "page_size", "65536", text))
-        return false;
-    const uint64 size = eko_atoui64(text);
-    if (size < MIN_PAGE || size > MAX_PAGE || size % MIN_PAGE != 0) {
-        complain("%s: page_size is a multiple of %u, at most %u, not '%s'", file, MIN_PAGE, MAX_PAGE, text);
+    const uint64 value = eko_atoui64(text);
+    if (text[strspn(text, "0123456789")] || value < least || value > most || value % step != 0) {
+        complain("%s is from %u to %u, in steps of %u, not '%s'", name, least, most, step, text);
         return false;
     }
-    settings->pageSize = (uint32)size;
+    *number = (uint32)value;
     return true;
 }
 
-bool settingsTakeBacking(SETTINGS* settings, const char* name)
+static bool takeBacking(SETTINGS* settings, const char* text)
 {
     for (uint32 i = 0; i < sizeof backingNames / sizeof backingNames[0]; ++i) {
-        if (strcmp(name, backingNames[i]) == 0) {
+        if (strcmp(text, backingNames[i]) == 0) {
             settings->backing = (BACKING)i;
             return true;
         }
     }
-    complain("a backing is disk, mapped or memory, not '%s'", name);
+    complain("a backing is disk, mapped or memory, not '%s'", text);
     return false;
 }
 
-/* Not to be able to write it, in a directory of somebody else's, is no fault: the defaults hold as well. */
-static bool writeDefaults(SETTINGS* settings, const char* file)
+bool settingsTake(SETTINGS* settings, const char* name, const char* text)
 {
-    static const char* const defaults[][2] = {
-        {"page_size", "65536"}, {"data_directory", "."}, {"log_file", ""}, {"backing", "disk"}};
-    bool written = true;
-    for (size_t i = 0; written && i < sizeof defaults / sizeof defaults[0]; ++i)
-        written = eko_iniSet(file, SECTION, defaults[i][0], defaults[i][1]) == 0;
-    if (written)
-        eko_log("minidb: wrote the settings %s\n", file);
-    *settings = (SETTINGS){.backing = BACKING_DISK, .pageSize = 65536, .dataDirectory = "."};
+    if (strcmp(name, "page_size") == 0)
+        return takeNumber(&settings->pageSize, name, text, MIN_PAGE, MAX_PAGE, MIN_PAGE);
+    if (strcmp(name, "threads") == 0)
+        return takeNumber(&settings->threads, name, text, 1, MAX_THREADS, 1);
+    if (strcmp(name, "progress_after") == 0)
+        return takeNumber(&settings->progressAfter, name, text, 0, UINT32_MAX, 1);
+    if (strcmp(name, "backing") == 0)
+        return takeBacking(settings, text);
+    const bool log = strcmp(name, "log_file") == 0;
+    eko_strncpyZ(log ? settings->logFile : settings->dataDirectory, text, MAX_NAME_BYTES);
     return true;
 }
 
-bool settingsRead(SETTINGS* settings, const char* name)
+/* Not to be able to write them, in a directory of somebody else's, is no fault: the defaults hold as well. */
+static void writeDefaults(const char* file)
 {
-    if (!eko_fileValidate(name, NULL))
-        return writeDefaults(settings, name);
-    char backing[MAX_NAME_BYTES];
-    return take(name, "data_directory", ".", settings->dataDirectory) &&
-           take(name, "log_file", "", settings->logFile) && take(name, "backing", "disk", backing) &&
-           takePageSize(settings, name) && settingsTakeBacking(settings, backing);
+    bool written = true;
+    for (size_t i = 0; written && i < ENTRIES; ++i)
+        written = eko_iniSet(file, SECTION, defaults[i][0], defaults[i][1]) == 0;
+    if (written)
+        eko_log("minidb: wrote the settings %s\n", file);
+}
+
+bool settingsRead(SETTINGS* settings, const char* file)
+{
+    const bool exists = eko_fileValidate(file, NULL);
+    if (!exists)
+        writeDefaults(file);
+    for (size_t i = 0; i < ENTRIES; ++i) {
+        char list[MAX_NAME_BYTES + 2] = ""; /* a value comes as a list of one, with two terminators, one to spare */
+        const int32 status = exists ? eko_iniGet(file, SECTION, defaults[i][0], list, sizeof list) : 2;
+        if (status != 0 && status != 2) {
+            complain("%s: '%s' is too long, or cannot be read", file, defaults[i][0]);
+            return false;
+        }
+        if (!settingsTake(settings, defaults[i][0], status == 0 ? list : defaults[i][1]))
+            return false;
+    }
+    return true;
 }
 
 bool settingsPath(const SETTINGS* settings, const char* name, char path[MAX_NAME_BYTES])

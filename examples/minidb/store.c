@@ -32,7 +32,6 @@
 
 #define GRANULE ((EKO_FILE_OFFSET)1 << 20) /* of mapped views */
 #define VERSION 1u
-#define RECORD_HEAD ((uint32)16)
 
 /* ---- numbers and checks ---------------------------------------------------------------------------------- */
 
@@ -204,13 +203,16 @@ static bool appendBytes(STORE* store, const void* bytes, uint32 count)
     return true;
 }
 
-bool storeAppend(STORE* store, const PAIR* pair)
+void storeMakeHead(const PAIR* pair, uint8 head[RECORD_HEAD])
 {
-    uint8 head[RECORD_HEAD];
     put32(head, pair->keyLen);
     put32(head + 4, pair->valueLen);
     put32(head + 8, crc32(crc32(0, pair->key, pair->keyLen), pair->value, pair->valueLen));
     put32(head + 12, crc32(0, head, 12));
+}
+
+bool storeAppend(STORE* store, const PAIR* pair, const uint8 head[RECORD_HEAD])
+{
     return appendBytes(store, head, RECORD_HEAD) && appendBytes(store, pair->key, pair->keyLen) &&
            appendBytes(store, pair->value, pair->valueLen);
 }
@@ -277,7 +279,7 @@ static bool writeHeader(STORE* store, const uint8* header)
     return true;
 }
 
-static bool checkHeader(STORE* store, STORE_USE use)
+static bool checkHeader(STORE* store)
 {
     uint8 header[STORE_FIRST];
     makeHeader(header);
@@ -287,7 +289,7 @@ static bool checkHeader(STORE* store, STORE_USE use)
         return false;
     if (count == STORE_FIRST && memcmp(found, header, count) == 0)
         return true;
-    if (use == STORE_LOAD && store->length <= STORE_FIRST && isUnfinishedHeader(found, count, header))
+    if (store->use == STORE_LOAD && store->length <= STORE_FIRST && isUnfinishedHeader(found, count, header))
         return writeHeader(store, header);
     if (count < STORE_FIRST || memcmp(found, header, 8) != 0)
         complain("%s: %s", store->name, count ? "is no minidb data file" : "is empty, no minidb data file");
@@ -298,39 +300,41 @@ static bool checkHeader(STORE* store, STORE_USE use)
     return false;
 }
 
-static FOUND readAll(STORE* store, INDEX* index)
+static FOUND readAll(STORE* store, bool keepValues)
 {
-    EKO_FILE_OFFSET at = STORE_FIRST;
+    EKO_FILE_OFFSET at = store->end = STORE_FIRST;
     FOUND found;
-    for (;;) {
-        PAIR pair;
-        bool replaced;
-        store->end = at;
-        found = storeNext(store, &at, &pair);
-        if (found != FOUND_ONE)
-            return found;
-        if (!indexPut(index, &pair, false, store->end, &replaced))
+    PAIR pair;
+    while ((found = storeNext(store, &at, &pair)) == FOUND_ONE) {
+        if (!indexPut(&store->index, &pair, keepValues, store->end))
             return FOUND_FAULT;
+        store->end = at;
     }
+    return found;
+}
+
+bool storeReadValues(STORE* store)
+{
+    return readAll(store, true) == FOUND_END;
 }
 
 /* Reads the file from its start; true when all is well but for a torn end, which `*torn` tells. */
-static bool scan(STORE* store, STORE_USE use, INDEX* index, bool* torn)
+static bool scan(STORE* store, bool* torn)
 {
-    indexEmpty(index);
+    indexEmpty(&store->index);
     store->length = eko_fileLength(store->disk);
     store->windowLen = 0;
-    if (!checkHeader(store, use))
+    if (!checkHeader(store))
         return false;
-    const FOUND found = readAll(store, index);
+    const FOUND found = readAll(store, false);
     *torn = found == FOUND_TORN;
     return *torn || found == FOUND_END;
 }
 
-static bool recover(STORE* store, STORE_USE use, INDEX* index)
+static bool recover(STORE* store)
 {
     bool torn;
-    if (!scan(store, use, index, &torn))
+    if (!scan(store, &torn))
         return false;
     if (torn && !store->locked) {
         store->locked = !store->readOnly && eko_fileLock(store->disk) == 0;
@@ -338,7 +342,7 @@ static bool recover(STORE* store, STORE_USE use, INDEX* index)
             store->length = store->end;
             return true;
         }
-        if (!scan(store, use, index, &torn)) /* a load may have ended before the lock was had */
+        if (!scan(store, &torn)) /* a load may have ended before the lock was had */
             return false;
     }
     if (!torn)
@@ -403,13 +407,13 @@ static bool openBacking(STORE* store, BACKING backing)
     return true;
 }
 
-bool storeOpen(STORE* store, const SETTINGS* settings, const char* name, STORE_USE use, INDEX* index)
+bool storeOpen(STORE* store, const SETTINGS* settings, const char* name, STORE_USE use)
 {
     store->name = name;
     store->use = use;
     store->pageSize = settings->pageSize;
-    return makeTag(&store->tag, LIST_ALLOCATOR) && openFile(store) && (use == STORE_READ || prepareLoad(store)) &&
-           recover(store, use, index) && openBacking(store, settings->backing);
+    return indexOpen(&store->index) && makeTag(&store->tag, LIST_ALLOCATOR) && openFile(store) &&
+           (use == STORE_READ || prepareLoad(store)) && recover(store) && openBacking(store, settings->backing);
 }
 
 /* Closing a handle ends its lock's mutex too, so the lock goes first; and before it the backing, which may still
@@ -421,4 +425,5 @@ void storeClose(STORE* store)
         eko_fileUnlock(store->disk);
     eko_fileClose(store->disk);
     EKO_TAG_DESTROY(store->tag);
+    indexClose(&store->index);
 }

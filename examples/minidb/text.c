@@ -16,6 +16,8 @@
 #define MARK_BYTES 3u
 #define LINE_ROOM (MAX_PAIR_BYTES + 4) /* with ';', \r, \n and the terminator */
 
+static const char tooLong[] = "longer than 1 MiB";
+
 /* The system opens a directory for reading, but reads nothing from it. */
 static bool isDirectory(const char* name)
 {
@@ -82,29 +84,23 @@ void textClose(TEXT* text)
     EKO_TAG_DESTROY(text->tag);
 }
 
-static FOUND fault(const TEXT* text, const char* what)
-{
-    complain("%s:%u: %s", text->name, text->lineNo, what);
-    return FOUND_FAULT;
-}
-
-static FOUND splitLine(const TEXT* text, const char* line, uint32 len, PAIR* pair)
+const char* splitLine(const char* line, uint32 len, PAIR* pair)
 {
     const char* separator = memchr(line, ';', len);
     if (len == 0 || separator == line)
-        return fault(text, "a line without a key");
+        return "a line without a key";
     if (!separator)
-        return fault(text, "a line without a ';'");
+        return "a line without a ';'";
     if (len - 1 > MAX_PAIR_BYTES)
-        return fault(text, "longer than 1 MiB");
+        return tooLong;
     pair->key = line;
     pair->keyLen = (uint32)(separator - line);
     pair->value = separator + 1;
     pair->valueLen = len - pair->keyLen - 1;
-    return FOUND_ONE;
+    return NULL;
 }
 
-FOUND textNext(TEXT* text, PAIR* pair)
+FOUND textLine(TEXT* text)
 {
     const char* line = eko_fgets(text->line, (int32)LINE_ROOM, text->stream);
     const size_t len = line ? strlen(line) : 0;
@@ -113,10 +109,26 @@ FOUND textNext(TEXT* text, PAIR* pair)
     if (!line && text->seen == text->length)
         return FOUND_END;
     text->lineNo += 1;
-    if (!ended && len == LINE_ROOM - 1)
-        return fault(text, "longer than 1 MiB");
-    if (!ended && text->seen != text->length)
-        return fault(text, "cannot be read to its end: it holds a byte 00 or FF, or the file changes");
-    const size_t lineEnd = !ended ? 0 : len > 1 && line[len - 2] == '\r' ? 2 : 1;
-    return splitLine(text, line, (uint32)(len - lineEnd), pair);
+    text->lineLen = (uint32)(len - (!ended ? 0 : len > 1 && line[len - 2] == '\r' ? 2 : 1));
+    if (ended || text->seen == text->length)
+        return FOUND_ONE;
+    text->fault =
+        len == LINE_ROOM - 1 ? tooLong : "cannot be read to its end: it holds a byte 00 or FF, or the file changes";
+    return FOUND_FAULT;
+}
+
+FOUND textNext(TEXT* text, PAIR* pair)
+{
+    const FOUND found = textLine(text);
+    if (found == FOUND_ONE)
+        text->fault = splitLine(text->line, text->lineLen, pair);
+    if (!text->fault)
+        return found;
+    textTell(text, text->lineNo, text->fault);
+    return FOUND_FAULT;
+}
+
+void textTell(const TEXT* text, uint32 lineNo, const char* fault)
+{
+    complain("%s:%u: %s", text->name, lineNo, fault);
 }

@@ -100,33 +100,20 @@ static const ENTRY** sortedEntries(const INDEX* index)
     return entries;
 }
 
-/* All records with their values: of several with one key the last one stays. */
-static bool gather(STORE* store, INDEX* all)
+static bool printSorted(const INDEX* index, EKO_FILE_STREAM out)
 {
-    EKO_FILE_OFFSET at = STORE_FIRST;
-    PAIR pair;
-    bool replaced;
-    FOUND found;
-    while ((found = storeNext(store, &at, &pair)) == FOUND_ONE)
-        if (!indexPut(all, &pair, true, at, &replaced))
-            return false;
-    return found == FOUND_END;
-}
-
-static bool printSorted(const INDEX* all, EKO_FILE_STREAM out)
-{
-    const ENTRY** entries = sortedEntries(all);
+    const ENTRY** entries = sortedEntries(index);
     bool done = entries != NULL;
-    for (uint32 i = 0; done && i < all->count; ++i)
+    for (uint32 i = 0; done && i < index->count; ++i)
         done = printPair(out, &entries[i]->pair);
     return done;
 }
 
-static bool exportTo(const INDEX* all, const char* textName)
+static bool exportTo(const INDEX* index, const char* textName)
 {
     char* temporary = makeTemporary();
     EKO_FILE_STREAM out = temporary ? eko_fopen(temporary, "w", EKO_FILE_MODE_UTF8) : NULL;
-    bool done = out && printSorted(all, out);
+    bool done = out && printSorted(index, out);
     if (out && !closePrinted(out)) {
         complain("%s: cannot be written", temporary);
         done = false;
@@ -134,20 +121,16 @@ static bool exportTo(const INDEX* all, const char* textName)
     done = done && putInPlace(temporary, textName);
     endTemporary(temporary, done);
     if (done)
-        eko_log("minidb: exported %u records to %s\n", all->count, textName);
+        eko_log("minidb: exported %u records to %s\n", index->count, textName);
     return done;
 }
 
 bool exportText(const SETTINGS* settings, const char* storeName, const char* textName)
 {
     STORE store = {0};
-    INDEX index = {0}, all = {0};
-    const bool done = indexOpen(&index) && indexOpen(&all) &&
-                      storeOpen(&store, settings, storeName, STORE_READ, &index) && gather(&store, &all) &&
-                      exportTo(&all, textName);
+    const bool done = storeOpen(&store, settings, storeName, STORE_READ) && storeReadValues(&store) &&
+                      exportTo(&store.index, textName);
     storeClose(&store);
-    indexClose(&index);
-    indexClose(&all);
     return done;
 }
 
