@@ -50,9 +50,9 @@ EKO_API void eko_thrpoolDestroy(EKO_THRPOOL* thrPool);
 /** Adds a job behind those that wait.
  *  fcn, data         the function and what it is called with.
  *  callback, cbdata  likewise at the end; callback may be null.
- *  pjob              receives the job, where not null, before the job can start; null when the status is 1003 or 3.
- *  Returns 0; 1013 for a null pool or function; 1003 without memory; 3 when the pool's queue, which is found by the
- *  name "thread pool queue", was closed. */
+ *  pjob              receives the job, where not null, before the job can start; null when the status is 1003.
+ *  Returns 0; 1013 for a null pool or function; 1003 without memory. The pool's queue can be found by its name,
+ *  "thread pool queue". It is not to be closed: workers assert that they can read it. */
 EKO_API int32 eko_thrpoolAddJob(const EKO_THRPOOL* thrPool, EKO_THRPOOL_FCN fcn, void* data,
                                 EKO_THRPOOL_CALLBACK_FCN callback, void* cbdata, EKO_THRPOOL_JOB** pjob);
 

@@ -72,8 +72,8 @@ EKO_QUEUE* givenQueue(EKO_QUEUE_HANDLE queueHandle)
 }
 
 // The same for calls that also look at the name.
-// DELIBERATE: a queue without a name is only reported, and then used like any other; engines that lay out their own
-// records leave the name out. Pinned by queue_without_a_name_is_reported_and_used.
+// DELIBERATE: a queue whose name is null is reported and then used like any other: to callers the message is a hint,
+// not a refusal. Pinned by queue_without_a_name_is_reported_and_used.
 EKO_QUEUE* namedQueue(EKO_QUEUE_HANDLE queueHandle)
 {
     if (!queueHandle || !queueOf(queueHandle)->name)

@@ -45,6 +45,21 @@ FailNthOnTag::~FailNthOnTag()
     tag_->t_fcns = tagFcns;
 }
 
+NoMoreMemory::NoMoreMemory() : filler_(EKO_TAG_CREATE(LIST_ALLOCATOR))
+{
+    EXPECT_EQ(eko_setMemLimit(nullptr, 4195328), 0);
+    logged([&] {
+        while (EKO_ALLOC(4064, filler_))
+            ;
+    });
+}
+
+NoMoreMemory::~NoMoreMemory()
+{
+    EKO_TAG_DESTROY(filler_);
+    eko_setMemLimit(nullptr, 0);
+}
+
 std::string exhaust(EKO_MEMTAG tag, const std::function<int32()>& operation, FailNthAlloc::Extent extent)
 {
     std::string statuses;

@@ -44,6 +44,18 @@ private:
     TAG_ENTRY* tag_;
 };
 
+// While alive, tags can take no more from the system: all that is permitted is used up.
+class NoMoreMemory {
+public:
+    NoMoreMemory();
+    ~NoMoreMemory();
+    NoMoreMemory(const NoMoreMemory&) = delete;
+    NoMoreMemory& operator=(const NoMoreMemory&) = delete;
+
+private:
+    EKO_MEMTAG filler_;
+};
+
 // Runs an operation with each of its requests on a tag failing in turn, and at last with none; each must be
 // reported once. Returns the statuses, as "1003 1003 0 ", with "jump" for one that left by `exhaustedJump`.
 std::string exhaust(EKO_MEMTAG tag, const std::function<int32()>& operation,
