@@ -197,8 +197,10 @@ TEST_F(PoolTest, pool_without_memory_goes_on_and_ends)
 {
     EKO_THRPOOL* pool = create(2);
     Gate gate;
+    for (int i = 0; i < 2; ++i)
+        waitUntil(gate.addTo(pool), JOB_STARTED);
     for (int i = 0; i < 10; ++i)
-        gate.addTo(pool);
+        gate.addTo(pool); // they use up all spare records
     EKO_QUEUE* queue = jobQueue();
     EKO_THRPOOL_JOB* none = nullptr;
     static auto* fault = new FailNthOnTag(queue->mtag, 1, FailNthAlloc::ALL_FROM_THERE); // the tag goes first
