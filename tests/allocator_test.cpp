@@ -22,7 +22,6 @@ struct OwnTag {
     explicit OwnTag(EKO_ALLOCATOR_TYPE type) : tag(EKO_TAG_CREATE(type)) { EXPECT_NE(tag, EKO_TAG_INVALID); }
     ~OwnTag() { EKO_TAG_DESTROY(tag); }
     OwnTag(const OwnTag&) = delete;
-    OwnTag& operator=(const OwnTag&) = delete;
     char* take(size_t size) const { return static_cast<char*>(EKO_ALLOC(size, tag)); }
     char* extend(void* p, size_t size) const { return static_cast<char*>(EKO_EXTEND(p, size, tag)); }
     void free(void* p) const { EKO_FREE(p, tag); }

@@ -71,15 +71,12 @@ TEST_F(FileTest, file_names)
     EXPECT_EQ(eko_fileModTimeStat(name_, EKO_FILE_INMEMORY), 0); // another file, and there is none
     EXPECT_EQ(eko_fileLengthStat(name_, EKO_FILE_INMEMORY), 0u);
     acceptUsage();
-    struct {
-        std::string name;
-        int32 exists, isdir;
-    } const cases[] = {{dir_.path(), 1, 1}, {path_, 1, 0}, {dir_.file("none"), 0, 0}};
-    for (const auto& c : cases) {
+    for (const auto& [name, exists, directory] :
+         {std::tuple(dir_.path(), 1, 1), {path_, 1, 0}, {dir_.file("none"), 0, 0}}) {
         int32 isdir = 7;
-        EXPECT_EQ(eko_flValidate(c.name.c_str(), &isdir), c.exists) << c.name;
-        EXPECT_EQ(isdir, c.isdir) << c.name;
-        EXPECT_EQ(eko_flValidate(c.name.c_str(), nullptr), c.exists) << c.name; // opens directories too
+        EXPECT_EQ(eko_flValidate(name.c_str(), &isdir), exists) << name;
+        EXPECT_EQ(isdir, directory) << name;
+        EXPECT_EQ(eko_flValidate(name.c_str(), nullptr), exists) << name; // opens directories too
     }
     EXPECT_EQ(eko_flRemove(name_), 0);
     EXPECT_EQ(eko_flRemove(name_), -1);

@@ -16,19 +16,15 @@
 
 extern char* eko_tmp;
 
-namespace {
+static std::string trace;           // a stop is marked when the library says that it is terminating
+static uint32 createsLeft = 0;      // semaphores that can still be created before one fails; 0: all can
+static rlimit limit = {1024, 1024}; // what the system answers and is told
+static int limitResult = 0;         // of reading and writing it
 
-std::string trace;           // a stop is marked when the library says that it is terminating
-uint32 createsLeft = 0;      // semaphores that can still be created before one fails; 0: all can
-rlimit limit = {1024, 1024}; // what the system answers and is told
-int limitResult = 0;         // of reading and writing it
-
-void note(const char* call)
+static void note(const char* call)
 {
     trace += std::string(call) + (eko_terminating ? "! " : " ");
 }
-
-} // namespace
 
 #define TRACED(name, mangled) \
     EKO_WRAP(void, mangled, ()) \
@@ -162,15 +158,13 @@ TEST_F(Lifecycle, lifecycle_threads_start_it_once)
 
 TEST_F(Lifecycle, lifecycle_of_the_operating_system_layer)
 {
-    const struct {
-        rlim_t soft, hard, raised;
-    } cases[] = {{256, 4096, 4096},           {4096, 4096, 4096},          {256, RLIM_INFINITY, 1024},
-                 {2048, RLIM_INFINITY, 2048}, {1024, RLIM_INFINITY, 1024}, {1500, 65536, 1500}};
-    for (const auto& c : cases) {
-        limitResult = c.soft == 1500 ? -1 : 0;
-        limit = {c.soft, c.hard};
+    const rlim_t cases[][3] = {{256, 4096, 4096},           {4096, 4096, 4096},          {256, RLIM_INFINITY, 1024},
+                               {2048, RLIM_INFINITY, 2048}, {1024, RLIM_INFINITY, 1024}, {1500, 65536, 1500}};
+    for (const auto& [soft, hard, raised] : cases) {
+        limitResult = soft == 1500 ? -1 : 0;
+        limit = {soft, hard};
         EXPECT_EQ(eko_osInit(), 0);
-        EXPECT_TRUE(limit.rlim_cur == c.raised && limit.rlim_max == c.hard) << c.soft;
+        EXPECT_TRUE(limit.rlim_cur == raised && limit.rlim_max == hard) << soft;
     }
     EXPECT_EQ(raise(SIGPIPE), 0); // a broken pipe is a status
 }

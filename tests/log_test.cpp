@@ -227,16 +227,13 @@ TEST_F(LogTest, log_out_of_memory)
     ASSERT_EQ(eko_log_open(name_.c_str()), 0);
     for (int t : {1, 3}) // a short report needs none
         EXPECT_EQ(failing(t, 1, [] { EXPECT_EQ(eko_log("%01022d\n", 7), 1023); }).size(), 1023u);
-    struct {
-        int tag;
-        const char* file;
-        std::function<void()> call;
-    } const cases[] = {{2, "ekofile.cpp", [&] { EXPECT_EQ(eko_fileOpen(name_.c_str(), O_RDONLY, 0), nullptr); }},
-                       {3, "ekofile.cpp", [] { EXPECT_EQ(eko_fileOpenW(L"/", 0, 0), nullptr); }},
-                       {3, "eko_log.cpp", [] { EXPECT_EQ(eko_log("%01024d\n", 7), 0); }},
-                       {3, "eko_log.cpp", [] { EXPECT_EQ(eko_log_create("no", "name"), 1002); }}};
-    for (const auto& c : cases)
-        EXPECT_TRUE(isOneReport(failing(c.tag, 1, c.call), c.file)) << &c - cases;
+    const std::tuple<int, const char*, std::function<void()>> cases[] = {
+        {2, "ekofile.cpp", [&] { EXPECT_EQ(eko_fileOpen(name_.c_str(), O_RDONLY, 0), nullptr); }},
+        {3, "ekofile.cpp", [] { EXPECT_EQ(eko_fileOpenW(L"/", 0, 0), nullptr); }},
+        {3, "eko_log.cpp", [] { EXPECT_EQ(eko_log("%01024d\n", 7), 0); }},
+        {3, "eko_log.cpp", [] { EXPECT_EQ(eko_log_create("no", "name"), 1002); }}};
+    for (const auto& [tag, file, call] : cases)
+        EXPECT_TRUE(isOneReport(failing(tag, 1, call), file)) << tag;
     eko_log_close();
     const EKO_LOG_CHUNK chunk = eko_log_chunk_init();
     eko_log_chunk(chunk, "kept ");

@@ -10,9 +10,14 @@
 #include "support/faults.h"
 #include "support/fixture.h"
 
-namespace {
+static uint32 mutexToFail; // counts down to the creation that is to fail; 0 for none
 
-uint32 mutexToFail; // counts down to the creation that is to fail; 0 for none
+EKO_WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line))
+{
+    return mutexToFail && --mutexToFail == 0 ? EKO_SEM_INVALID : __real_eko_syncCreate_check(type, file, line);
+}
+
+namespace {
 
 constexpr EKO_ALLOCATOR_TYPE TYPES[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR, LEGACY_ALLOCATOR};
 constexpr size_t WORD = sizeof(void*);
@@ -50,13 +55,6 @@ bool jumped(EKO_MEMTAG tag, const std::function<void()>& action)
         return true;
     action();
     return false;
-}
-
-} // namespace
-
-EKO_WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line))
-{
-    return mutexToFail && --mutexToFail == 0 ? EKO_SEM_INVALID : __real_eko_syncCreate_check(type, file, line);
 }
 
 TEST_F(EkoTest, getMem_modes)
@@ -157,8 +155,6 @@ TEST_F(EkoTest, block_given_to_the_wrong_tag_stays_where_it_is)
 }
 #endif
 
-namespace {
-
 EKO_MEMTAG owners[4];
 void* globalBlock;
 std::string events; // what callbacks saw
@@ -175,8 +171,6 @@ void recordDestroy(void* ctx)
         EKO_FREE(globalBlock, EKO_GLOBAL_TAG);
     }
 }
-
-} // namespace
 
 TEST(MemStop, calls_back_before_freeing_in_order_of_creation_and_then_nothing_works)
 {
@@ -476,3 +470,5 @@ TEST(MemLimit, callers_buffer_is_used_to_its_end)
     eko_term();
     munmap(buffer, SIZE);
 }
+
+} // namespace

@@ -52,12 +52,8 @@ std::string pattern(size_t size, const std::string& behind = "")
 TEST_F(StreamTest, stream_marks)
 {
     const std::string ends = LE + pattern(511, "\0"s); // a border of the cache behind them
-    struct {
-        std::string bytes;
-        EKO_FILE_MODE given, found;
-        size_t mark;
-        std::string text;
-    } const cases[] = {
+    // The bytes, the mode given, the one found, the length of the mark, the text.
+    const std::tuple<std::string, EKO_FILE_MODE, EKO_FILE_MODE, size_t, std::string> cases[] = {
         {"\xEF\xBB\xBF\x61\x62", UTF16, UTF8, 3, "ab"},
         {"\xEF\xBB\xBF", UNKNOWN, UTF8, 3, ""},
         {"\xEF\xFF\x61\0"s, UTF8, UTF16, 2, "a"},
@@ -75,13 +71,13 @@ TEST_F(StreamTest, stream_marks)
         {LE + "\x3D\xD8\x41\0z\0"s, UTF8, UTF16, 2, "\xF0\x9F\x91\x81z"}, // a high one takes what follows
         {LE + "a\0\x3D\xD8"s, UTF8, UTF16, 2, "a"},                       // and nothing at the end
         {LE + "\xE9\x00\xAC\x20\0\0b"s, UTF8, UTF16, 2, "\xC3\xA9\xE2\x82\xAC\0"s}}; // half a unit
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.bytes));
-        reading(c.bytes, c.given, nullptr);
-        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s_)->fmode, c.found);
-        EXPECT_EQ(rest(), c.text);
+    for (const auto& [bytes, given, found, mark, text] : cases) {
+        SCOPED_TRACE(testing::PrintToString(bytes));
+        reading(bytes, given, nullptr);
+        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s_)->fmode, found);
+        EXPECT_EQ(rest(), text);
         EXPECT_EQ(eko_fseek(s_, 0, 0), 0); // behind the mark
-        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s_)->fh->off, c.mark);
+        EXPECT_EQ(static_cast<const EKO_FILE_CTX*>(s_)->fh->off, mark);
     }
 }
 
@@ -105,20 +101,17 @@ TEST_F(StreamTest, stream_marks_in_pipes)
 TEST_F(StreamTest, stream_modes)
 {
     const std::string old = pattern(3000);
-    struct {
-        const char* mode;
-        std::string after; // writing "new" into the old file
-    } const cases[] = {{"w", "new"},    {"a", old + "new"}, {"a+", old + "new"},
-                       {"w++x", "new"}, {"rw", "new"},      {"r", old}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode);
+    const std::pair<const char*, std::string> cases[] = {{"w", "new"},    {"a", old + "new"}, {"a+", old + "new"},
+                                                         {"w++x", "new"}, {"rw", "new"},      {"r", old}};
+    for (const auto& [mode, after] : cases) { // in which writing "new" into the old file ends with that
+        SCOPED_TRACE(mode);
         CapturedFd err(2);
-        reading(old, UNKNOWN, c.mode);
+        reading(old, UNKNOWN, mode);
         logged([&] { EXPECT_EQ(eko_fputs("new", s_), 3); });
-        EXPECT_EQ(closed(), c.after);
-        EXPECT_EQ(err.take(), c.mode == "r"s ? "Write failed, errno = 9\n" : "");
-        reading("a\0"s, UTF16, c.mode); // marks are written, but for reading
-        EXPECT_EQ(closed(), (c.after == "new" ? "" : "a\0"s) + (c.after == old ? "" : LE));
+        EXPECT_EQ(closed(), after);
+        EXPECT_EQ(err.take(), mode == "r"s ? "Write failed, errno = 9\n" : "");
+        reading("a\0"s, UTF16, mode); // marks are written, but for reading
+        EXPECT_EQ(closed(), (after == "new" ? "" : "a\0"s) + (after == old ? "" : LE));
     }
     EXPECT_EQ(eko_fopen_std("stdin"), nullptr);
     EXPECT_DEATH(open("w", EKO_FILE_MODE(3)), "ctx->fmode == EKO_FILE_MODE_UTF8");
@@ -230,16 +223,14 @@ TEST_F(StreamTest, stream_far_seek_reads_on)
 {
     const std::string text = pattern(5000);
     reading(text);
-    struct {
-        int32 off, origin, status;
-        char next;
-    } const cases[] = {{0, 0, 0, text[0]},           {4000, 0, 0, text[1024]},        {0, 0, 0, text[2048]},
-                       {0, 2, 0, char(-1)},          {-1, 2, 0, text[3072]}, // the end dropped the bytes held
-                       {0, -1, 1002, text[3073]},    {0, 3, 1002, text[3074]},        {-1, 0, 1002, text[3075]},
-                       {-5005, 1, 1002, text[3076]}, {INT32_MIN, 2, 1002, text[3077]}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(eko_fseek(s_, c.off, c.origin), c.status) << c.off;
-        EXPECT_EQ(eko_fgetc(s_), c.next) << c.off;
+    const std::tuple<int32, int32, int32, char> cases[] = {
+        {0, 0, 0, text[0]},           {4000, 0, 0, text[1024]},        {0, 0, 0, text[2048]},
+        {0, 2, 0, char(-1)},          {-1, 2, 0, text[3072]}, // the end dropped the bytes held
+        {0, -1, 1002, text[3073]},    {0, 3, 1002, text[3074]},        {-1, 0, 1002, text[3075]},
+        {-5005, 1, 1002, text[3076]}, {INT32_MIN, 2, 1002, text[3077]}};
+    for (const auto& [off, origin, status, next] : cases) {
+        EXPECT_EQ(eko_fseek(s_, off, origin), status) << off;
+        EXPECT_EQ(eko_fgetc(s_), next) << off;
     }
 }
 
@@ -263,24 +254,23 @@ TEST_F(StreamTest, stream_seek_writes_what_is_pending)
 
 TEST_F(StreamTest, stream_lines)
 {
-    struct {
-        size_t length;
-        uint32 start, end; // of the buffer, around a last line without a line end
-    } const cases[] = {{250, 100, 400}, {250, 0, 400},   {98, 100, 200}, {99, 100, 200},
-                       {100, 100, 300}, {199, 100, 300}, {5, 1, 201},    {5, 7, 107}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.length << " from " << c.start);
-        reading(pattern(c.length));
-        uint32 len = c.start;
-        char* buf = static_cast<char*>(EKO_ALLOC(c.start ? c.start : 100, EKO_THREAD_TAG));
-        EXPECT_STREQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), pattern(c.length).c_str());
-        EXPECT_EQ(len, c.end);
+    // The length of a last line without a line end, and that of the buffer before and after.
+    const std::tuple<size_t, uint32, uint32> cases[] = {{250, 100, 400}, {250, 0, 400},   {98, 100, 200},
+                                                        {99, 100, 200},  {100, 100, 300}, {199, 100, 300},
+                                                        {5, 1, 201},     {5, 7, 107}};
+    for (const auto& [length, start, end] : cases) {
+        SCOPED_TRACE(testing::Message() << length << " from " << start);
+        reading(pattern(length));
+        uint32 len = start;
+        char* buf = static_cast<char*>(EKO_ALLOC(start ? start : 100, EKO_THREAD_TAG));
+        EXPECT_STREQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), pattern(length).c_str());
+        EXPECT_EQ(len, end);
         EXPECT_EQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), nullptr);
-        reading("\n" + pattern(c.length) + "\n" + pattern(c.length * 20) + "\nab\xFF\x63\n\xFF+behind");
-        for (const std::string& line : {""s, pattern(c.length), pattern(c.length * 20), "abc"s})
+        reading("\n" + pattern(length) + "\n" + pattern(length * 20) + "\nab\xFF\x63\n\xFF+behind");
+        for (const std::string& line : {""s, pattern(length), pattern(length * 20), "abc"s})
             EXPECT_STREQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), (line + "\n").c_str()); // without the 0xFF
         EXPECT_EQ(eko_fGetLine(s_, &buf, &len, EKO_THREAD_TAG), nullptr);
-        EXPECT_GT(len, c.length * 20); // as it was
+        EXPECT_GT(len, length * 20); // as it was
         EKO_FREE(buf, EKO_THREAD_TAG);
     }
     char text[10] = "########";

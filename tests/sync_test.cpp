@@ -12,13 +12,9 @@
 #include "support/faults.h"
 #include "support/fixture.h"
 
-namespace {
-
-timeval pretended = {1000, 250000}; // the time, a second later after each timed wait
-std::vector<int> answers;           // of the timed wait, the last one again and again
-std::vector<timespec> deadlines;    // that it was given
-
-} // namespace
+static timeval pretended = {1000, 250000}; // the time, a second later after each timed wait
+static std::vector<int> answers;           // of the timed wait, the last one again and again
+static std::vector<timespec> deadlines;    // that it was given
 
 EKO_WRAP(int, gettimeofday, (timeval * now, void*))
 {
@@ -188,22 +184,17 @@ TEST_F(SyncTest, sync_timedwait_exact_second)
     pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     constexpr time_t LAST = std::numeric_limits<time_t>::max();
-    const struct {
-        time_t now;
-        uint32 t;
-        int answer, result;
-        timespec deadline;
-    } cases[] = {{1000, 599, ETIMEDOUT, 1001, {1000, 999000000}},
-                 {1000, 600, EINVAL, 0, {1000, 1000000000}},
-                 {1000, 601, ETIME, 1001, {1001, 1000000}},
-                 {1000, 2600, 0, 0, {1002, 1000000000}},
-                 {LAST - 1, 4294967295u, 0, 0, {LAST, 695000000}}};
-    for (const auto& c : cases) {
-        pretended = {c.now, 400000};
-        answers = {c.answer};
+    for (const auto& [now, t, answer, result, deadline] :
+         {std::tuple<time_t, uint32, int, int, timespec>(1000, 599, ETIMEDOUT, 1001, {1000, 999000000}),
+          {1000, 600, EINVAL, 0, {1000, 1000000000}},
+          {1000, 601, ETIME, 1001, {1001, 1000000}},
+          {1000, 2600, 0, 0, {1002, 1000000000}},
+          {LAST - 1, 4294967295u, 0, 0, {LAST, 695000000}}}) {
+        pretended = {now, 400000};
+        answers = {answer};
         deadlines.clear();
-        EXPECT_EQ(eko_posix_cond_timedwait(&cond, &mutex, c.t), c.result) << c.t;
-        EXPECT_EQ(memcmp(&deadlines[0], &c.deadline, sizeof(timespec)), 0) << c.t;
+        EXPECT_EQ(eko_posix_cond_timedwait(&cond, &mutex, t), result) << t;
+        EXPECT_EQ(memcmp(&deadlines[0], &deadline, sizeof(timespec)), 0) << t;
     }
 }
 

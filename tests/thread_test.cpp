@@ -10,18 +10,14 @@
 #include "ekomem_int.h"
 #include "support/fixture.h"
 
-namespace {
-
-struct {
+static struct {
     int refusal, detached;
     size_t stack;
     sigset_t blocked;
 } creation;
-struct {
-    int min, max, readsLeft, set, setResult; // readsLeft: of the scheduling, before one fails
+static struct {
+    int min, max, readsLeft, setResult, set; // readsLeft: of the scheduling, before one fails
 } scheduler;
-
-} // namespace
 
 EKO_WRAP(int, pthread_create, (pthread_t * tid, const pthread_attr_t* attr, void* (*fcn)(void*), void* arg))
 {
@@ -104,22 +100,20 @@ TEST_F(ThreadTest, thread_end_gives_its_tag_back)
 
 TEST(Thread, thread_priorities_divide_the_range)
 {
-    const struct {
-        int min, max, readsLeft, setResult, level, status, set;
-    } cases[] = {{1, 99, 3, 0, EKO_PRIORITY_LOW, 0, 25},
-                 {1, 99, 3, 0, EKO_PRIORITY_NORMAL, 0, 50},
-                 {-10, 5, 3, 0, EKO_PRIORITY_HIGH, 0, 1},
-                 {-10, 5, 3, EPERM, EKO_PRIORITY_LOW, 1002, -6},
-                 {1, 99, 3, 0, 2, 1002, -7},
-                 {1, 99, 3, 0, -2, 1002, -7},
-                 {1, 99, 0, 0, 0, -1, -7},
-                 {1, 99, 1, 0, 0, -1, -7},
-                 {-1, 99, 3, 0, 0, 1002, -7},
-                 {1, -1, 3, 0, 0, 1002, -7}};
-    for (const auto& c : cases) {
-        scheduler = {c.min, c.max, c.readsLeft, -7, c.setResult};
-        EXPECT_EQ(eko_threadSetPriority(eko_threadId(), c.level), c.status) << &c - cases;
-        EXPECT_EQ(scheduler.set, c.set) << &c - cases;
+    const int cases[][7] = {{1, 99, 3, 0, EKO_PRIORITY_LOW, 0, 25},
+                            {1, 99, 3, 0, EKO_PRIORITY_NORMAL, 0, 50},
+                            {-10, 5, 3, 0, EKO_PRIORITY_HIGH, 0, 1},
+                            {-10, 5, 3, EPERM, EKO_PRIORITY_LOW, 1002, -6},
+                            {1, 99, 3, 0, 2, 1002, -7},
+                            {1, 99, 3, 0, -2, 1002, -7},
+                            {1, 99, 0, 0, 0, -1, -7},
+                            {1, 99, 1, 0, 0, -1, -7},
+                            {-1, 99, 3, 0, 0, 1002, -7},
+                            {1, -1, 3, 0, 0, 1002, -7}};
+    for (const auto& [min, max, readsLeft, setResult, level, status, set] : cases) {
+        scheduler = {min, max, readsLeft, setResult, -7};
+        EXPECT_EQ(eko_threadSetPriority(eko_threadId(), level), status) << min << ' ' << level;
+        EXPECT_EQ(scheduler.set, set) << min << ' ' << level;
     }
 }
 

@@ -8,7 +8,7 @@
 #include <random>
 #include <string>
 
-#include "eko.h"
+#include "support/faults.h"
 #include "support/fixture.h"
 
 namespace {
@@ -135,11 +135,11 @@ TEST(Utf8, random_texts_agree_with_iconv_and_the_model)
     }
 }
 
-class Utf8Copies : public EkoTest {};
+using Utf8Copies = EkoTest;
 
 TEST_F(Utf8Copies, are_on_the_tag_or_null_and_without_memory_leave_by_its_jump_buffer)
 {
-    static const EKO_MEMTAG tag = EKO_TAG_CREATE(BLOCK_ALLOCATOR);
+    const EKO_MEMTAG tag = EKO_TAG_CREATE(BLOCK_ALLOCATOR);
     char* const utf8 = eko_convToUTF8(L"\x20AC 5", EKO_UTF8_FAIL, tag);
     wchar_t* const wide = eko_convToWchar("\xE2\x82\xAC 5", EKO_UTF8_FAIL, tag);
     EXPECT_STREQ(utf8, "\xE2\x82\xAC 5");
@@ -154,30 +154,19 @@ TEST_F(Utf8Copies, are_on_the_tag_or_null_and_without_memory_leave_by_its_jump_b
     EKO_TAG_MEM_INFO info;
     ASSERT_EQ(eko_getTagMemInfo(tag, &info), 0);
     EXPECT_EQ(info.bytes.in_use, 0u);
-    EXPECT_EQ(eko_convArgvToUTF8(4, argv, EKO_UTF8_FAIL, tag), nullptr);
-    EXPECT_EQ(eko_convArgvToUTF8(5, argv, EKO_UTF8_DROP, tag), nullptr);
-    EXPECT_EQ(eko_convArgvToUTF8(-1, argv, EKO_UTF8_DROP, tag), nullptr);
+    for (const auto& [count, mode] : {std::pair(4, EKO_UTF8_FAIL), {5, EKO_UTF8_DROP}, {-1, EKO_UTF8_DROP}})
+        EXPECT_EQ(eko_convArgvToUTF8(count, argv, mode, tag), nullptr);
     EXPECT_EQ(eko_convToUTF8(L"a\xDFFF", 7, tag), nullptr);
     EXPECT_EQ(eko_convToWchar(nullptr, EKO_UTF8_DROP, tag), nullptr);
     EXPECT_EQ(eko_utf8_to_wchar(nullptr, "a", 4, EKO_UTF8_DROP), EKO_UTF8_FAILED);
 
-    static const std::string text(6 << 20, 'x'); // more than the limit
-    static const std::wstring wideText(6 << 20, L'x');
-    const wchar_t* const longArgv[] = {wideText.c_str()};
-    ASSERT_EQ(eko_setMemLimit(nullptr, 5 << 20), 0);
-    EXPECT_EQ(eko_convToUTF8(wideText.c_str(), EKO_UTF8_FAIL, tag), nullptr);
-    static volatile int jumps = -1;
-    static jmp_buf jb;
-    setjmp(jb);
-    jumps = jumps + 1;
-    eko_resetTag(&jb, tag);
-    if (jumps == 0)
-        eko_convToUTF8(wideText.c_str(), EKO_UTF8_FAIL, tag);
-    if (jumps == 1)
-        eko_convToWchar(text.c_str(), EKO_UTF8_FAIL, tag);
-    if (jumps == 2)
-        eko_convArgvToUTF8(1, longArgv, EKO_UTF8_FAIL, tag);
-    ASSERT_EQ(jumps, 3);
+    const auto all = [&] { // how many there are
+        char* const narrow = eko_convToUTF8(L"a", EKO_UTF8_FAIL, tag);
+        wchar_t* const widened = eko_convToWchar("a", EKO_UTF8_FAIL, tag);
+        return (narrow != nullptr) + (widened != nullptr) + (eko_convArgvToUTF8(3, argv, 0, tag) != nullptr);
+    };
+    EXPECT_EQ(exhaust(tag, all), "2 2 2 3 ");
+    eko_resetTag(&exhaustedJump, tag);
+    EXPECT_EQ(exhaust(tag, all), "jump jump jump 3 ");
     EKO_TAG_DESTROY(tag);
-    ASSERT_EQ(eko_setMemLimit(nullptr, 0), 0);
 }

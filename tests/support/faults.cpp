@@ -73,7 +73,7 @@ std::string exhaust(EKO_MEMTAG tag, const std::function<int32()>& operation, Fai
         });
         fired = fault.fired();
         statuses += status + ' ';
-        const char* const report = "(Failed to seek.*\n)?Out of memory\\. Called from source/eko/[^\n]*\n";
+        const char* const report = "(Failed to seek.*\n)?Out of memory\\. Called from (source/eko|tests)/[^\n]*\n";
         EXPECT_TRUE(matches(said, fired ? report : "")) << "request " << n;
     }
     return statuses;
