@@ -8,6 +8,7 @@
  *   - a fixed-style float whose integer part is 18446744073709551615 or more makes the whole call fail;
  *   - of an exponent of four digits, which only a long double has, the last three are printed;
  *   - %s of a null pointer prints "(null)", or nothing when the precision is below 6; %p of one "(nil)";
+ *   - %p of 32 bits is widened with its sign: 0x80000000 prints as 0xffffffff80000000;
  *   - with z values are unsigned even for d, with t signed even for u and x;
  *   - with L an integer conversion takes no argument and prints 0, and %n stores nothing;
  *   - l changes nothing for s and c: %ls takes a char string, whatever compilers think. Wide text is converted

@@ -1,18 +1,22 @@
 /* thrpool.h - a fixed number of worker threads that run the jobs given to them.
  *
- * Jobs are taken in the order in which they were added and run by whichever worker is free. A job is a function,
- * its argument, and perhaps a callback that hears of the end. Both run on a worker, with SIGINT, SIGTERM and
- * SIGCHLD blocked and the worker's own EKO_THREAD_TAG; they must return: no longjmp, exception or eko_threadEnd may
- * leave them.
+ * Jobs are taken in the order in which they were added and run by whichever worker is free; with several workers
+ * they end in any order. A job is a function, its argument, and perhaps a callback that hears of the end. Both run
+ * on a worker, with SIGINT, SIGTERM and SIGCHLD blocked and the worker's own EKO_THREAD_TAG; they must return: no
+ * longjmp, exception or eko_threadEnd may leave them. Callbacks of several jobs can run at the same time.
  *
- * Adding, and all questions about jobs, may come from any thread, jobs and callbacks included. Creating and
- * destroying are for one owner, who destroys the pool before the last eko_term, which hangs otherwise, and not from
- * a job of the pool itself. Once it is being destroyed nothing may be added, not even by a job: the pool asserts
- * that none is left.
+ * Adding, and all questions about jobs, may come from any thread, jobs and callbacks included, but not from a
+ * signal handler. No call leaves by longjmp. None cancels a job or waits for one: let its callback signal an event.
+ * A job that waits for another one hangs when all workers do so.
  *
- * Memory   A job's record lives until its pool is destroyed, also when eko_thrpoolJobDelete was called: a pool
- *          grows with each job it ever had, by about 80 bytes. One that runs for months is to be made anew now and
- *          then. */
+ * Ending   The pool's owner destroys it, not in a job or callback of its own, and before the last eko_term, which
+ *          hangs otherwise. From then on nobody may add, not even a job: the process is aborted, by an assertion,
+ *          when a job stays behind. Where jobs add jobs, first wait until all are done. For that count them: from
+ *          1, up before each adding, down in each callback, and down by the owner when its own jobs are added;
+ *          whoever comes to 0 signals an event.
+ * Memory   What data and cbdata point to is the caller's; the callback is the place to free it. A job's record
+ *          lives until its pool is destroyed, also when eko_thrpoolJobDelete was called: a pool grows with each job
+ *          it ever had, by about 80 bytes. One that runs for months is to be made anew now and then. */
 #ifndef EKO_THRPOOL_H
 #define EKO_THRPOOL_H
 
@@ -51,14 +55,14 @@ EKO_API void eko_thrpoolDestroy(EKO_THRPOOL* thrPool);
  *  fcn, data         the function and what it is called with.
  *  callback, cbdata  likewise at the end; callback may be null.
  *  pjob              receives the job, where not null, before the job can start; null when the status is 1003.
- *  Returns 0; 1013 for a null pool or function; 1003 without memory. The pool's queue can be found by its name,
- *  "thread pool queue". It is not to be closed: workers assert that they can read it. */
+ *  Returns 0; 1013 for a null pool or function; 1003 without memory: the pool is as before. The pool's queue can be
+ *  found by its name, "thread pool queue". It is not to be touched: workers assert that they can read it. */
 EKO_API int32 eko_thrpoolAddJob(const EKO_THRPOOL* thrPool, EKO_THRPOOL_FCN fcn, void* data,
                                 EKO_THRPOOL_CALLBACK_FCN callback, void* cbdata, EKO_THRPOOL_JOB** pjob);
 
-/** An estimate of the jobs that have not finished. Surprise: while jobs wait in the queue every worker is counted
- *  as busy, so it can be too high; it is 0 for an instant when a worker has taken the last job and not begun it. So
- *  0 does not tell that all is done: count in callbacks, or destroy the pool. 0 for null. */
+/** An estimate of the jobs whose callbacks have not returned. Surprise: while jobs wait in the queue every worker
+ *  is counted as busy, so it can be too high; it is 0 for an instant when a worker has taken the last job and not
+ *  begun it. So 0 does not tell that all is done: see "Ending" above. 0 for null. */
 EKO_API int32 eko_thrpoolJobsLeft(const EKO_THRPOOL* thrPool);
 
 /** How far a job is. A thread that sees JOB_FINISHED also sees what the job wrote. Returns 0; 1013 for null. */
@@ -75,8 +79,8 @@ EKO_API int32 eko_thrpoolJobExecTime(const EKO_THRPOOL_JOB* job, uint64* pnsecs)
 /** What the job's function returned. Returns 0; 1013 for null; 1015 until it has finished. */
 EKO_API int32 eko_thrpoolJobResult(const EKO_THRPOOL_JOB* job, int32* prc);
 
-/** Gives a job up: the caller does not use it again. Its callback may still be running, with a valid job; its
- *  memory stays with the pool. Returns 0; 1013 for null; 1015 until it has finished. */
+/** Gives a job up: the caller does not use it again. Nothing is freed, and nothing is lost without this call. The
+ *  callback may still be running, with a valid job. Returns 0; 1013 for null; 1015 until it has finished. */
 EKO_API int32 eko_thrpoolJobDelete(const EKO_THRPOOL_JOB* job);
 
 EKO_EXTERN_C_END
