@@ -27,10 +27,16 @@ static int32 worker(void* arg)
     return eko_syncWait(forever, EKO_FOREVER); /* gdb finds this thread inside the library */
 }
 
+static int32 rival(void* arg)
+{
+    eko_syncEnterExcl(held); /* and this one */
+    return arg != NULL;
+}
+
 int main(void)
 {
     static jmp_buf jb;
-    pthread_t id;
+    pthread_t id, rivals;
     void* record = NULL;
     eko_init();
     EKO_SEM mutex = EKO_MUTEX_CREATE();
@@ -45,9 +51,10 @@ int main(void)
     eko_syncStart(ready), eko_syncStart(forever);
     eko_threadBeginEx(worker, 0, NULL, &id, EKO_PRIORITY_NORMAL, "");
     eko_syncWait(ready, EKO_FOREVER);
-    printf("%p mutex held 2 %#lx 2\n%p event signalled - - -\n%p event reset - - -\n", held, (long)id, ready,
+    eko_threadBeginEx(rival, 0, NULL, &rivals, EKO_PRIORITY_NORMAL, "");
+    printf("%p mutex held 2 %#lx 2 3\n%p event signalled - - - -\n%p event reset - - - 2\n", held, (long)id, ready,
            forever);
-    printf("%p mutex free 0 - -\n1 held mutex, ? free mutexes, 4 events, 1 lost slot\n", unheld);
+    printf("%p mutex free 0 - - -\n1 held mutex, ? free mutexes, 4 events, 1 lost slot\n", unheld);
 
     EKO_QUEUE_HANDLE older = eko_queueCreate("caf\303\251\n1"), newer = eko_queueCreate(NULL);
     for (int i = 0; i < 5; ++i)
@@ -66,5 +73,6 @@ int main(void)
     eko_syncDelete(deleted);
     puts("999 lines");
     fflush(stdout);
+    eko_sleep(300); /* for both threads to get to where they wait */
     abort();
 }

@@ -1,8 +1,12 @@
-# eko.py - what gdb shows of the eko library inside a program: its mutexes and events, memory tags, message queues,
-# trace lines and named globals, in a live process or in a core file.
+# eko.py - what gdb shows of the eko library inside a program, in a live process or in a core file.
 #
 #   (gdb) source tools/gdb/eko.py
-#   (gdb) help eko
+#   (gdb) eko sems       mutexes and events: who holds what, who waits for what
+#   (gdb) eko queues     message queues and their first messages
+#   (gdb) eko trace      the trace lines in memory; works without debug information
+#   (gdb) eko tags       memory tags, whose they are and how much they hold
+#   (gdb) eko globals    the named globals
+#   (gdb) help eko       more about each
 #
 # A copy is built beside libeko.so under the name that gdb looks for. gdb loads it with the library, once a line in
 # ~/.gdbinit says that it may:
@@ -13,25 +17,23 @@
 # a thread may be stopped anywhere, in the middle of the library too. What it finds can then be half changed, or
 # overwritten: every walk is bounded, and says where and why it ended early.
 #
-# All but `eko trace` need the library's debug information. Fields are found by their names, so the script fits
-# either word size; it is to be of the same version as the library.
-#
-# gdb runs all scripts in one name space: hence the prefix of every name.
+# Fields are found by their names, in the library's debug information, so the script fits either word size; it is to
+# be of the same version as the library. gdb runs all scripts in one name space: hence the prefix of every name.
 
 import gdb
 import re
 
 EKO_LIST_LIMIT = 100000  # records
-EKO_TEXT_LIMIT = 4096    # bytes
+EKO_FRAMES = 32          # of each thread
 EKO_MESSAGES = 3         # shown of each queue
+EKO_STOPPED = "Stopped here"
 
-# Of source/eko/ekouxthreads.cpp and include/eko/sync.h, as far as debug information does not have them.
+# Of source/eko/ekouxthreads.cpp, include/eko/sync.h and trace.h: debug information does not have them all.
 EKO_SLOTS_PER_ROW = 1024
 EKO_SLOT_IN_USE = -2
 EKO_SEM_MUTEX = 1
 EKO_SEM_EVENT = 2
-
-EKO_TRACE_ENTRIES = 1000  # of what eko_trace_list points to
+EKO_TRACE_ENTRIES = 1000
 
 
 class EkoCut(Exception):
@@ -60,45 +62,27 @@ def eko_library():
 
 
 def eko_private(name):
-    """A symbol of one of the modules' unnamed namespaces, wherever the program is stopped, or None."""
-    return eko_library().lookup_static_symbol("(anonymous namespace)::" + name)
+    """A variable of one of the modules' unnamed namespaces, wherever the program is stopped."""
+    symbol = eko_library().lookup_static_symbol("(anonymous namespace)::" + name)
+    if not symbol:
+        raise gdb.GdbError("no debug information for libeko: it does not tell of %s" % name)
+    return symbol.value()
 
 
 def eko_exported(name):
     return gdb.lookup_global_symbol(name).value()
 
 
-def eko_variable(name):
-    symbol = eko_private(name)
-    if not symbol:
-        raise gdb.GdbError("no debug information for libeko: it does not tell of %s" % name)
-    return symbol.value()
-
-
-def eko_constant(name, value):
-    """A constant of the sources. Debug information may lack it, as the compiled code does: then `value`."""
-    symbol = eko_private(name)
-    return int(symbol.value()) if symbol else value
-
-
 def eko_need_library():
     """Ends the command unless the library is started, and has not freed yet what the commands show."""
     eko_need_process()
-    if eko_variable("rowsFreed") != 0 or eko_exported("eko_inited") <= 0:
+    if eko_private("rowsFreed") != 0 or eko_exported("eko_inited") <= 0:
         raise gdb.GdbError("the library is not started")
 
 
 def eko_record(pointer, type_name):
     """What a pointer without a type points to."""
     return pointer.cast(gdb.lookup_type(type_name).pointer()).dereference()
-
-
-def eko_memory(address, size):
-    return gdb.selected_inferior().read_memory(address, size).tobytes()
-
-
-def eko_unsigned(address, size):
-    return int.from_bytes(eko_memory(address, size), "little")
 
 
 def eko_chain(first, following):
@@ -118,6 +102,31 @@ def eko_chain(first, following):
 
 
 # ---- showing them -----------------------------------------------------------------------------------------------
+# What a command finds it yields: tuples of the noun to count and the cells of a row, and notes, which are strings.
+
+
+def eko_bounded(walk):
+    """What `walk` finds, and a note if it ended early: what comes behind it is still looked at."""
+    try:
+        yield from walk
+    except (EkoCut, gdb.MemoryError) as why:
+        yield "%s: %s" % (EKO_STOPPED, why)
+
+
+def eko_show(columns, nouns, found):
+    """Aligned columns, to the right where the title begins with '>', and a total of each noun."""
+    lines = [("title", *[title.lstrip(">") for title in columns]), *found]
+    rows = [[str(cell) for cell in line] for line in lines if isinstance(line, tuple)]
+    widths = [max(map(len, column)) for column in zip(*rows)][1:]
+    form = "  ".join("{:%s%d}" % (">" if title.startswith(">") else "<", width)
+                     for title, width in zip(columns, widths))
+    for line in lines:
+        text = line if isinstance(line, str) else form.format(*map(str, line[1:]))
+        gdb.write(text.rstrip() + "\n")
+    kinds = [row[0] for row in rows]
+    gdb.write(", ".join(eko_counted(kinds.count(noun), noun) for noun in nouns))
+    complete = not any(isinstance(line, str) and line.startswith(EKO_STOPPED) for line in found)
+    gdb.write("\n" if complete else ", incomplete\n")
 
 
 def eko_handle(pointer):
@@ -128,59 +137,16 @@ def eko_text(pointer):
     """The string that starts at a pointer, in one line: what is no visible character of UTF-8 is escaped."""
     if not int(pointer):
         return "(null)"
-    data = b""
     try:
-        while b"\0" not in data and len(data) < EKO_TEXT_LIMIT:
-            address = int(pointer) + len(data)
-            data += eko_memory(address, 256 - address % 256)  # not across a page's end: the next may not be there
+        text = pointer.string("utf-8", "backslashreplace").removesuffix("\n")
     except gdb.MemoryError:
         return "(unreadable: %s)" % eko_handle(pointer)
-    text, end, _ = data.partition(b"\0")
-    text = text.decode("utf-8", "backslashreplace").removesuffix("\n")
-    visible = "".join(c if c.isprintable() else c.encode("unicode_escape").decode() for c in text)
-    return visible if end else visible + "..."
+    return "".join(c if c.isprintable() else c.encode("unicode_escape").decode() for c in text)
 
 
 def eko_counted(n, noun):
     plural = noun + ("es" if noun.endswith("x") else "s")
     return "%d %s" % (n, noun if n == 1 else plural)
-
-
-class EkoTable:
-    """Rows in aligned columns below a header, notes between them, and a total of what was counted. A title that
-    begins with '>' makes its column align to the right."""
-
-    def __init__(self, columns, nouns):
-        self.right = [title.startswith(">") for title in columns]
-        self.lines = [[title.lstrip(">") for title in columns]]  # a row is a list, a note a string
-        self.counts = dict.fromkeys(nouns, 0)
-        self.complete = True
-
-    def row(self, noun, *cells):
-        self.lines.append([str(cell) for cell in cells])
-        self.counts[noun] += 1
-
-    def note(self, words):
-        self.lines.append(words)
-
-    def walk(self, work, *arguments):
-        """Adds what `work` finds, and why it ended if it did so early."""
-        try:
-            work(self, *arguments)
-        except (EkoCut, gdb.MemoryError) as why:
-            self.note("Stopped here: %s" % why)
-            self.complete = False
-
-    def show(self):
-        rows = [line for line in self.lines if isinstance(line, list)]
-        widths = [max(map(len, column)) for column in zip(*rows)]
-        for line in self.lines:
-            if isinstance(line, list):
-                line = "  ".join(cell.rjust(width) if right else cell.ljust(width)
-                                 for cell, width, right in zip(line, widths, self.right))
-            gdb.write(line.rstrip() + "\n")
-        total = ", ".join(eko_counted(n, noun) for noun, n in self.counts.items())
-        gdb.write(total + ("\n" if self.complete else ", incomplete\n"))
 
 
 # ---- threads ----------------------------------------------------------------------------------------------------
@@ -200,90 +166,105 @@ def eko_threads():
 def eko_thread_tags():
     """gdb's number of each thread by the thread's own tag, which is the value of a key in a table of two levels.
     How to read that table the C library says in variables made for debuggers."""
-    def described(name):
-        return int(gdb.parse_and_eval("&_thread_db_" + name))
+    def number_at(address, size):
+        return int.from_bytes(gdb.selected_inferior().read_memory(address, size).tobytes(), "little")
+
+    def told(name, place):
+        return number_at(int(gdb.parse_and_eval("&_thread_db_" + name)) + place, 4)
 
     def offset(field):  # behind the field's bits and number of elements
-        return eko_unsigned(described(field) + 8, 4)
+        return told(field, 8)
 
     tags = {}
     try:
         pointer = gdb.lookup_type("void").pointer().sizeof
-        value = eko_unsigned(described("sizeof_pthread_key_data"), 4)
-        block, place = divmod(int(eko_variable("tagTLSkey")), 32)
+        block, place = divmod(int(eko_private("tagTLSkey")), 32)
         first = offset("pthread_specific") + block * pointer
-        second = offset("pthread_key_data_level2_data") + place * value + offset("pthread_key_data_data")
+        second = offset("pthread_key_data_level2_data") + offset("pthread_key_data_data")
+        second += place * told("sizeof_pthread_key_data", 0)
         for thread, number in eko_threads().items():
-            values = eko_unsigned(thread + first, pointer)
+            values = number_at(thread + first, pointer)
             if values:
-                tags[eko_unsigned(values + second, pointer)] = number
+                tags[number_at(values + second, pointer)] = number
     except gdb.error:
         pass  # another C library, or no memory of it: the tags are shown without their threads
     return tags
 
 
+def eko_waiting():
+    """gdb's numbers of the waiting threads by the handle of what they wait for."""
+    waiting = {}
+    chosen = gdb.selected_thread()
+    if not chosen:
+        return waiting  # it has ended, and there would be no way back to it
+    chosen_frame = gdb.selected_frame()
+    for thread in sorted(gdb.selected_inferior().threads(), key=lambda thread: thread.num):
+        try:
+            thread.switch()
+            frame, depth = gdb.newest_frame(), 0
+            while frame and depth < EKO_FRAMES and frame.name() not in ("eko_syncEnterExcl", "eko_syncWait"):
+                frame, depth = frame.older(), depth + 1
+            if frame and depth < EKO_FRAMES:
+                waiting.setdefault(int(frame.read_var("sem")), []).append(str(thread.num))
+        except gdb.error:
+            pass  # it runs, its stack is damaged, or the handle is optimised out
+    chosen.switch()
+    chosen_frame.select()
+    return waiting
+
+
 # ---- the commands -----------------------------------------------------------------------------------------------
 
 
-def eko_sems(table, _):
-    """Mutexes and events: who holds what and how often, which events are signalled.
-The thread is gdb's number of the owner, '-' if it has ended. A lost slot is what the creation of neither a
-mutex nor an event leaves behind."""
+def eko_sems(_):
+    """Mutexes and events: who holds what and how often, who waits for what, which events are signalled.
+THREAD is gdb's number of the owner, '-' if it has ended, WAITING those of the threads that wait. In a deadlock
+each thread of a ring waits for what the next one holds. Where the table is long: `pipe eko sems | grep held`.
+A lost slot is what the creation of neither a mutex nor an event leaves behind."""
     eko_need_library()
-    threads = eko_threads()
-    rows = eko_variable("sem_table")
+    threads, waiting = eko_threads(), eko_waiting()
+    rows = eko_private("sem_table")
     for i in range(rows.type.range()[1] + 1):
         if int(rows[i]["entry"]):
-            table.walk(eko_sems_of_row, rows[i]["entry"], threads)
+            yield from eko_bounded(eko_sems_of_row(rows[i]["entry"], threads, waiting))
 
 
-def eko_sems_of_row(table, entry, threads):
-    slots = eko_constant("SLOTS_PER_ROW", EKO_SLOTS_PER_ROW)
-    in_use = eko_constant("SLOT_IN_USE", EKO_SLOT_IN_USE)
-    size = entry.dereference().type.sizeof
-    mark = int(entry["avail"].address) - int(entry)
-    block = eko_memory(int(entry), slots * size)  # at once, since most slots are free
-    for i in range(slots):
-        avail = block[i * size + mark:][:2]
-        if int.from_bytes(avail, "little", signed=True) == in_use:
-            eko_sem(table, entry[i], threads)
+def eko_sems_of_row(row, threads, waiting):
+    for i in range(EKO_SLOTS_PER_ROW):
+        if row[i]["avail"] == EKO_SLOT_IN_USE:
+            handle = row[i].address
+            noun, *cells = eko_sem(row[i], threads)
+            yield noun, eko_handle(handle), *cells, ",".join(waiting.get(int(handle), "-"))
 
 
-def eko_sem(table, slot, threads):
-    handle = eko_handle(slot.address)
+def eko_sem(slot, threads):
     if slot["type"] == EKO_SEM_EVENT:
-        state = "signalled" if slot["obj"]["e"]["flag"] != 0 else "reset"
-        table.row("event", handle, "event", state, "-", "-", "-")
-        return
+        return "event", "event", "signalled" if slot["obj"]["e"]["flag"] != 0 else "reset", "-", "-", "-"
     if slot["type"] != EKO_SEM_MUTEX:
-        table.row("lost slot", handle, "none", "lost", "-", "-", "-")
-        return
-    mutex = slot["obj"]["m"]
-    count = int(mutex["count"])
-    if count > 0:
-        owner = int(mutex["id"])
-        table.row("held mutex", handle, "mutex", "held", count, "%#x" % owner, threads.get(owner, "-"))
-    else:
-        table.row("free mutex", handle, "mutex", "free", count, "-", "-")
+        return "lost slot", "none", "lost", "-", "-", "-"
+    owner, count = int(slot["obj"]["m"]["id"]), int(slot["obj"]["m"]["count"])
+    if count <= 0:
+        return "free mutex", "mutex", "free", count, "-", "-"
+    return "held mutex", "mutex", "held", count, "%#x" % owner, threads.get(owner, "-")
 
 
-def eko_tags(table, _):
+def eko_tags(_):
     """Memory tags and the figures of their allocators, in bytes.
 Special tags are the static one, from which the records of all others come, the global one and the threads'
 own, with gdb's number of the thread. A legacy tag has no figures."""
     eko_need_library()
     special = {tag: "thread %d" % number for tag, number in eko_thread_tags().items()}
-    special[int(eko_variable("tagGlobal"))] = "global"
-    table.walk(eko_tag, eko_variable("static_list_tag"), "static")
-    for tag in eko_chain(eko_variable("taglisthead"), "t_next"):
-        table.walk(eko_tag, tag, special.get(int(tag.address), "-"))
+    special[int(eko_private("tagGlobal"))] = "global"
+    yield eko_tag(eko_private("static_list_tag"), "static")
+    chain = eko_chain(eko_private("taglisthead"), "t_next")
+    yield from eko_bounded(eko_tag(tag, special.get(int(tag.address), "-")) for tag in chain)
     usage = eko_exported("eko_mem_stats")
     limit = int(eko_exported("eko_memlimit"))
-    table.note("Large blocks of all tags: %s, highest %s, limit %s"
-               % (eko_figure(usage["in_use"]), eko_figure(usage["max_in_use"]), limit or "none"))
+    yield ("Large blocks of all tags: %d, highest %d, limit %s"
+           % (eko_figure(usage["in_use"]), eko_figure(usage["max_in_use"]), limit or "none"))
 
 
-def eko_tag(table, tag, special):
+def eko_tag(tag, special):
     function = tag["t_fcns"]["alloc_fcn"].format_string(symbols=True)
     found = re.search(r"(\w+)_allocator_alloc", function)
     kind = found[1] if found else "unknown"
@@ -293,20 +274,21 @@ def eko_tag(table, tag, special):
         figures = [eko_figure(state["mem_info"][what][which])
                    for what in ("bytes", "capacity") for which in ("in_use", "max_in_use")]
     no_mutex = (1 << 8 * tag["t_sem"].type.sizeof) - 1  # EKO_SEM_INVALID
-    table.row("tag", eko_handle(tag.address), special, kind, *figures,
-              eko_handle(tag["t_sem"]) if int(tag["t_sem"]) != no_mutex else "-",
-              eko_handle(tag["t_jmpbuf"]) if int(tag["t_jmpbuf"]) else "-")
+    return ("tag", eko_handle(tag.address), special, kind, *figures,
+            eko_handle(tag["t_sem"]) if int(tag["t_sem"]) != no_mutex else "-",
+            eko_handle(tag["t_jmpbuf"]) if int(tag["t_jmpbuf"]) else "-")
 
 
 def eko_figure(value):
     """Figures can fall below 0, and then wrap: what is less than 1 GiB from the top is such a one."""
     wrap = 1 << 8 * value.type.sizeof
-    return str(int(value) - wrap if int(value) > wrap - (1 << 30) else int(value))
+    return int(value) - wrap if int(value) > wrap - (1 << 30) else int(value)
 
 
 def eko_registry():
     """The entries of the registry."""
-    entries, count, room = (eko_variable("eko_globals_" + name) for name in ("list", "num", "max"))
+    eko_need_library()
+    entries, count, room = (eko_private("eko_globals_" + name) for name in ("list", "num", "max"))
     if not int(entries) and room > 0:
         raise EkoCut("the registry is lost, since memory ran out when it was to grow")
     if count > room or count > EKO_LIST_LIMIT:
@@ -315,33 +297,32 @@ def eko_registry():
         yield entries[i]
 
 
-def eko_queues(table, wanted):
+def eko_queues(wanted):
     """Message queues, the newest first, and the first messages of each.
 `eko queues N` shows up to N messages of each. Spare records wait for later messages."""
-    eko_need_library()
-    wanted = EKO_MESSAGES if wanted is None else wanted
     for entry in eko_registry():
         if eko_text(entry["name"]) == "ekoqueue":
             for node in eko_chain(eko_record(entry["data"], "EKO_QUEUE_GLOBALS")["qList"], "next"):
-                table.walk(eko_queue, eko_record(node["hQ"], "EKO_QUEUE"), wanted)
+                queue = eko_record(node["hQ"], "EKO_QUEUE")
+                yield from eko_bounded(eko_queue(queue, EKO_MESSAGES if wanted is None else wanted))
 
 
-def eko_queue(table, queue, wanted):
+def eko_queue(queue, wanted):
     try:
         spare = sum(1 for _ in eko_chain(queue["avail"], "next"))
     except (EkoCut, gdb.MemoryError):
         spare = "damaged"  # the messages are more interesting
-    table.row("queue", eko_handle(queue.address), "closed" if int(queue["status"]) & 1 else "open",
-              int(queue["count"]), spare, eko_text(queue["name"]))
+    yield ("queue", eko_handle(queue.address), "closed" if int(queue["status"]) & 1 else "open",
+           int(queue["count"]), spare, eko_text(queue["name"]))
     for i, message in enumerate(eko_chain(queue["head"], "next")):
         if i == wanted:
-            table.note("    and more")
+            yield "    and more"
             break
         size = eko_counted(int(message["len"]), "byte")
-        table.note("    msgid %d, %s at %s" % (message["msgid"], size, eko_handle(message["msg"])))
+        yield "    msgid %d, %s at %s" % (message["msgid"], size, eko_handle(message["msg"]))
 
 
-def eko_trace(table, wanted):
+def eko_trace(wanted):
     """The memory trace, the newest line last.
 `eko trace N` shows the last N lines. Debug information is not needed."""
     eko_need_process()
@@ -355,26 +336,44 @@ def eko_trace(table, wanted):
     # From the oldest on. Entry 1 is left out: once the ring is full, its line is in memory that was freed.
     used = [i for i in [*range(2, EKO_TRACE_ENTRIES), 0] if int(lines[i])]
     for i in used if wanted is None else used[max(len(used) - wanted, 0):]:
-        table.row("line", eko_text(lines[i]))
+        yield "line", eko_text(lines[i])
 
 
-def eko_globals(table, _):
+def eko_globals(_):
     """The named globals of the library and of the program, with their sizes in bytes."""
-    eko_need_library()
     for entry in eko_registry():
-        table.row("record", eko_handle(entry["data"]), int(entry["size"]), eko_text(entry["name"]))
+        yield "record", eko_handle(entry["data"]), int(entry["size"]), eko_text(entry["name"])
 
 
-# The name, what fills the table, its columns, what it counts, whether a number may be given.
+# The name, what finds its rows, its columns, what it counts, whether a number may be given.
 EKO_COMMANDS = (
-    ("sems", eko_sems, ("HANDLE", "KIND", "STATE", ">COUNT", "OWNER", ">THREAD"),
+    ("sems", eko_sems, ("HANDLE", "KIND", "STATE", ">COUNT", "OWNER", ">THREAD", "WAITING"),
      ("held mutex", "free mutex", "event", "lost slot"), False),
-    ("tags", eko_tags, ("HANDLE", "SPECIAL", "ALLOCATOR", ">BYTES", ">HIGHEST", ">CAPACITY", ">HIGHEST",
-                        "MUTEX", "JUMP BUFFER"), ("tag",), False),
     ("queues", eko_queues, ("HANDLE", "STATE", ">MESSAGES", ">SPARE", "NAME"), ("queue",), True),
     ("trace", eko_trace, ("LINE",), ("line",), True),
+    ("tags", eko_tags, ("HANDLE", "SPECIAL", "ALLOCATOR", ">BYTES", ">HIGHEST", ">CAPACITY", ">HIGHEST",
+                        "MUTEX", "JUMP BUFFER"), ("tag",), False),
     ("globals", eko_globals, ("ADDRESS", ">SIZE", "NAME"), ("record",), False),
 )
+
+
+class EkoCommand(gdb.Command):
+    """One of EKO_COMMANDS."""
+
+    def __init__(self, name, find, columns, nouns, takes_number):
+        self.__doc__ = find.__doc__
+        self.name, self.find, self.columns, self.nouns = name, find, columns, nouns
+        self.takes_number = takes_number
+        super().__init__("eko " + name, gdb.COMMAND_DATA)
+
+    def invoke(self, argument, from_tty):
+        if argument and not (self.takes_number and argument.isdecimal()):
+            raise gdb.GdbError("eko %s takes %s" % (self.name, "a number" if self.takes_number else "no argument"))
+        try:
+            found = list(eko_bounded(self.find(int(argument) if argument else None)))
+        except gdb.error as why:
+            raise gdb.GdbError("the library's debug information is not what this script knows: %s" % why)
+        eko_show(self.columns, self.nouns, found)
 
 
 class EkoPrefix(gdb.Command):
@@ -386,33 +385,7 @@ class EkoPrefix(gdb.Command):
     def invoke(self, argument, from_tty):
         if argument:
             raise gdb.GdbError('there is no command "eko %s"; "help eko" lists those that there are' % argument)
-        for name, fill, *_ in EKO_COMMANDS:
-            gdb.write("eko %-8s %s\n" % (name, fill.__doc__.splitlines()[0]))
-
-
-class EkoCommand(gdb.Command):
-    """One of EKO_COMMANDS."""
-
-    def __init__(self, name, fill, columns, nouns, takes_number):
-        self.__doc__ = fill.__doc__
-        self.name, self.fill, self.columns, self.nouns = name, fill, columns, nouns
-        self.takes_number = takes_number
-        super().__init__("eko " + name, gdb.COMMAND_DATA)
-
-    def invoke(self, argument, from_tty):
-        table = EkoTable(self.columns, self.nouns)
-        try:
-            table.walk(self.fill, self.wanted(argument))
-        except gdb.error as why:
-            raise gdb.GdbError("the library's debug information is not what this script knows: %s" % why)
-        table.show()
-
-    def wanted(self, argument):
-        if not argument:
-            return None
-        if not self.takes_number or not argument.isdecimal():
-            raise gdb.GdbError("eko %s takes %s" % (self.name, "a number" if self.takes_number else "no argument"))
-        return int(argument)
+        gdb.execute("help eko")
 
 
 EkoPrefix()
