@@ -166,26 +166,22 @@ def eko_threads():
 def eko_thread_tags():
     """gdb's number of each thread by the thread's own tag, which is the value of a key in a table of two levels.
     How to read that table the C library says in variables made for debuggers."""
-    def number_at(address, size):
-        return int.from_bytes(gdb.selected_inferior().read_memory(address, size).tobytes(), "little")
+    def told(name, part=2):  # of a field's bits, elements and offset the offset
+        return int(gdb.parse_and_eval("((unsigned*) &_thread_db_%s)[%d]" % (name, part)))
 
-    def told(name, place):
-        return number_at(int(gdb.parse_and_eval("&_thread_db_" + name)) + place, 4)
-
-    def offset(field):  # behind the field's bits and number of elements
-        return told(field, 8)
+    def word_at(address):
+        return int(gdb.parse_and_eval("*(unsigned long*) %#x" % address))
 
     tags = {}
     try:
-        pointer = gdb.lookup_type("void").pointer().sizeof
         block, place = divmod(int(eko_private("tagTLSkey")), 32)
-        first = offset("pthread_specific") + block * pointer
-        second = offset("pthread_key_data_level2_data") + offset("pthread_key_data_data")
+        first = told("pthread_specific") + block * gdb.lookup_type("long").sizeof
+        second = told("pthread_key_data_level2_data") + told("pthread_key_data_data")
         second += place * told("sizeof_pthread_key_data", 0)
         for thread, number in eko_threads().items():
-            values = number_at(thread + first, pointer)
+            values = word_at(thread + first)
             if values:
-                tags[number_at(values + second, pointer)] = number
+                tags[word_at(values + second)] = number
     except gdb.error:
         pass  # another C library, or no memory of it: the tags are shown without their threads
     return tags
