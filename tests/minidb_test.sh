@@ -294,10 +294,7 @@ bad 'cannot be opened' export absent.db sorted
 bad 'cannot be copied' copy absent.db db
 bad 'cannot be put in place' export two.db dir/none/sorted
 
-# ---- threads, progress ----------------------------------------------------------------------------------------
-
-# Many batches, keys that come back in later ones, lines longer than a batch, and no end of the last line. What is
-# loaded in pieces of one batch each stands in the order of the text.
+# Many batches, in which keys come back, and lines longer than one. Pieces of a batch each go in in the text's order.
 {
     seq 30000 | awk '{ printf "k%d;value %d\n", $1 % 7001, $1 }' | tee even
     printf "k1;$long%s\n" "$long" 2 3
@@ -316,7 +313,7 @@ for threads in 1 2 8; do
         good 'agree on all 7001' check killed.db many
         rm killed.db
     done
-    good 'loaded 35004 ' load --threads $threads many many.db
+    good 'loaded 35004 ' --trace import --threads $threads many many.db
     same pieces.db many.db "$threads threads make another data file"
     good 'exported 7001 ' export many.db sorted
     same expected sorted "$threads threads: another export"
@@ -330,9 +327,7 @@ for threads in 1 2 8; do
 19990s/;/\x00/;19991s/.*// 19990: cannot be read to its end
 35004s/;// 35004: a line without a ';'
 END
-    rm many.db
 done
-
 # A load that takes a while tells of each tenth; or draws a bar on a terminal, and wipes it before it says a thing.
 printf '[minidb]\nprogress_after=0\nthreads=64\n' >slow.ini
 good 'loaded 30000 ' --settings slow.ini load even even.db

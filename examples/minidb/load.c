@@ -67,6 +67,7 @@ static int32 parse(void* data)
         storeMakeHead(&record->pair, record->head);
     }
     batch->count = i;
+    TRACE("line %u: parsed %u records", batch->firstLine, i);
     return eko_queueWrite(batch->finished, batch, 0, 0, EKO_QUEUE_TAIL);
 }
 
@@ -91,6 +92,8 @@ static bool append(LOAD* load, const BATCH* batch)
             return false;
     }
     load->records += batch->count;
+    TRACE("line %u: appended %u records, to byte %llu", batch->firstLine, batch->count,
+          (unsigned long long)store->end);
     if (batch->fault)
         textTell(&load->text, batch->firstLine + batch->count, batch->fault);
     return !batch->fault;
@@ -113,6 +116,7 @@ static bool addLine(const LOAD* load, BATCH* batch)
     return true;
 }
 
+/* Fills a batch and gives it away. */
 static bool fill(LOAD* load, BATCH* batch)
 {
     batch->firstLine = load->text.lineNo + 1;
@@ -123,12 +127,8 @@ static bool fill(LOAD* load, BATCH* batch)
             return false;
     }
     batch->fault = load->text.fault;
+    TRACE("line %u: read %u lines", batch->firstLine, batch->count);
     progressShow(&load->text, load->startedNs, load->settings);
-    return true;
-}
-
-static bool giveAway(const LOAD* load, BATCH* batch)
-{
     batch->back = false;
     return eko_thrpoolAddJob(load->pool, parse, batch, NULL, NULL, NULL) == 0;
 }
@@ -143,9 +143,10 @@ static bool loadLines(LOAD* load)
             return false;
         if (load->ended)
             --left;
-        else if (!fill(load, batch) || !giveAway(load, batch))
+        else if (!fill(load, batch))
             return false;
     }
+    TRACE("committing %u records", load->records);
     return storeCommit(&load->store);
 }
 
@@ -157,8 +158,6 @@ static void sayTag(const char* purpose, EKO_MEMTAG tag)
     if (eko_getTagMemInfo(tag, &info) == 0)
         eko_log("minidb:   %-8s %9zu bytes used, at most %9zu; %9zu held\n", purpose, info.bytes.in_use,
                 info.bytes.max_in_use, info.capacity.in_use);
-    else
-        complain("no figures of the tag '%s'", purpose);
 }
 
 static void sayFigures(const LOAD* load)

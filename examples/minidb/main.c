@@ -7,15 +7,19 @@
 #define MAX_MESSAGE_BYTES 8192 /* two paths fit */
 #define MAX_SHOWN 10u          /* differences told one by one */
 
+bool tracing;
+
 static const char usage[] =
-    "usage: minidb [--settings FILE] [--backing disk|mapped|memory] [--log FILE] [--threads N] COMMAND\n"
+    "usage: minidb [--settings FILE] [--backing disk|mapped|memory] [--log FILE] [--threads N]\n"
+    "              [--trace] COMMAND\n"
     "  load FILE DB     adds the lines of FILE, each a key, a ';' and a value, to the data file DB\n"
     "  get DB KEY...    prints the records with these keys\n"
     "  check DB FILE    tells whether DB holds exactly what the lines of FILE say, the last one of each key\n"
     "  export DB FILE   writes the records as lines, in the order of their keys\n"
     "  import FILE DB   makes DB anew from the lines of FILE, in place of what it held\n"
     "  copy DB DB       makes the second a copy of the first\n"
-    "With --threads, 1 to 64, so many parse the lines for load and import. Options may stand behind COMMAND, too.\n"
+    "With --threads, 1 to 64, so many threads parse the lines of load and import. With --trace a debugger can\n"
+    "show what was done last. Options may also stand behind the command's name.\n"
     "Settings are read from minidb.ini, which is written on first use; options go before them.\n"
     "Ends with 0 when all went well, 1 when not, 2 after this text.\n";
 
@@ -225,17 +229,21 @@ static const struct {
 } options[] = {{"--settings", NULL}, {"--backing", "backing"}, {"--log", "log_file"}, {"--threads", "threads"}};
 #define OPTIONS (sizeof options / sizeof options[0])
 
-/* Takes the words in front that are options, and returns how many; -1 for an unknown one. */
+/* Takes the words in front that are options, and returns how many; -1 when one makes no sense. */
 static int takeOptions(const char* values[OPTIONS], int count, char** words)
 {
     int taken = 0;
-    for (; taken + 1 < count && strncmp(words[taken], "--", 2) == 0; taken += 2) {
+    for (; taken < count && strncmp(words[taken], "--", 2) == 0; ++taken) {
+        if (strcmp(words[taken], "--trace") == 0) {
+            tracing = true;
+            continue;
+        }
         size_t i = 0;
         while (i < OPTIONS && strcmp(words[taken], options[i].name) != 0)
             ++i;
-        if (i == OPTIONS)
+        if (i == OPTIONS || ++taken == count)
             return -1;
-        values[i] = words[taken + 1];
+        values[i] = words[taken];
     }
     return taken;
 }

@@ -29,6 +29,10 @@
 /* Writes "minidb: ", the message and a line end to standard error and the log. */
 void complain(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
 
+/* Traces into memory, where "eko trace" in the debugger finds the last lines; for nothing unless it was asked for. */
+extern bool tracing;
+#define TRACE(...) ((void)(tracing && (eko_trace(__VA_ARGS__), true)))
+
 /* A tag for one thread; false, after a line, when it cannot be made. */
 bool makeTag(EKO_MEMTAG* tag, EKO_ALLOCATOR_TYPE type);
 

@@ -379,25 +379,17 @@ static bool prepareLoad(STORE* store)
     return store->locked;
 }
 
-/* Opened for reading only, a map ends where the file ends and leaves its length alone. */
-static EKO_FH openMapped(const STORE* store)
-{
-    const uint32 flags = store->use == STORE_LOAD ? O_RDWR : O_RDONLY;
-    return eko_fileOpen(store->name, flags | O_CLOEXEC, EKO_FILE_MAPPED);
-}
-
-static EKO_FH openCopy(const STORE* store)
-{
-    if (eko_fileCopyEx(store->name, 0, store->name, EKO_FILE_INMEMORY) != 0)
-        return NULL;
-    return eko_fileOpen(store->name, O_RDWR, EKO_FILE_INMEMORY);
-}
-
 static bool openBacking(STORE* store, BACKING backing)
 {
+    /* Opened for reading only, a map ends where the file ends and leaves its length alone. */
+    const uint32 mapFlags = (store->use == STORE_LOAD ? O_RDWR : O_RDONLY) | O_CLOEXEC;
+    EKO_FH fh = NULL;
     if (backing == BACKING_DISK)
-        return true;
-    EKO_FH fh = backing == BACKING_MAPPED ? openMapped(store) : openCopy(store);
+        fh = store->disk;
+    else if (backing == BACKING_MAPPED)
+        fh = eko_fileOpen(store->name, mapFlags, EKO_FILE_MAPPED);
+    else if (eko_fileCopyEx(store->name, 0, store->name, EKO_FILE_INMEMORY) == 0)
+        fh = eko_fileOpen(store->name, O_RDWR, EKO_FILE_INMEMORY);
     if (!fh) {
         complain("%s: cannot be opened with the backing '%s'", store->name, backingNames[backing]);
         return false;

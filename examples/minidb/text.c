@@ -18,14 +18,6 @@
 
 static const char tooLong[] = "longer than 1 MiB";
 
-/* The system opens a directory for reading, but reads nothing from it. */
-static bool isDirectory(const char* name)
-{
-    EKO_FH fh = eko_fileOpen(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-    eko_fileClose(fh);
-    return fh != NULL;
-}
-
 /* A stream keeps a byte-order mark to itself, but its bytes count, and the length of a UTF-16 file cannot be
  * told from its lines. */
 static bool skipMark(TEXT* text, EKO_FH fh)
@@ -48,7 +40,8 @@ static bool skipMark(TEXT* text, EKO_FH fh)
 
 static bool lookAt(TEXT* text)
 {
-    const bool directory = isDirectory(text->name);
+    int32 directory; /* the system opens one for reading, but reads nothing from it */
+    eko_fileValidate(text->name, &directory);
     EKO_FH fh = directory ? NULL : eko_fileOpen(text->name, O_RDONLY | O_CLOEXEC, 0);
     if (!fh) {
         complain("%s: cannot be opened: %s", text->name, strerror(directory ? EISDIR : errno));
