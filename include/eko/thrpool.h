@@ -16,7 +16,8 @@
  *          whoever comes to 0 signals an event.
  * Memory   What data and cbdata point to is the caller's; the callback is the place to free it. A job's record
  *          lives until its pool is destroyed, also when eko_thrpoolJobDelete was called: a pool grows with each job
- *          it ever had, by about 80 bytes. One that runs for months is to be made anew now and then. */
+ *          it ever had, 64 bytes, or 48 with 32-bit pointers. One that runs for months is to be made anew now and
+ *          then. */
 #ifndef EKO_THRPOOL_H
 #define EKO_THRPOOL_H
 
@@ -54,15 +55,17 @@ EKO_API void eko_thrpoolDestroy(EKO_THRPOOL* thrPool);
 /** Adds a job behind those that wait.
  *  fcn, data         the function and what it is called with.
  *  callback, cbdata  likewise at the end; callback may be null.
- *  pjob              receives the job, where not null, before the job can start; null when the status is 1003.
- *  Returns 0; 1013 for a null pool or function; 1003 without memory: the pool is as before. The pool's queue can be
- *  found by its name, "thread pool queue". It is not to be touched: workers assert that they can read it. */
+ *  pjob              receives the job, where not null, before the job can start; null when the status is 1003 or 3.
+ *  Returns 0; 1013 for a null pool or function; 1003 without memory: the pool is as before; 3 when the pool's queue is
+ *  closed. That can be found by its name, "thread pool queue", but is not to be touched: workers assert that they
+ *  can read it. */
 EKO_API int32 eko_thrpoolAddJob(const EKO_THRPOOL* thrPool, EKO_THRPOOL_FCN fcn, void* data,
                                 EKO_THRPOOL_CALLBACK_FCN callback, void* cbdata, EKO_THRPOOL_JOB** pjob);
 
 /** An estimate of the jobs whose callbacks have not returned. Surprise: while jobs wait in the queue every worker
  *  is counted as busy, so it can be too high; it is 0 for an instant when a worker has taken the last job and not
- *  begun it. So 0 does not tell that all is done: see "Ending" above. 0 for null. */
+ *  begun it. So 0 does not tell that all is done: see "Ending" above. While the pool is being destroyed, the
+ *  messages that end the workers are counted like jobs. 0 for null. */
 EKO_API int32 eko_thrpoolJobsLeft(const EKO_THRPOOL* thrPool);
 
 /** How far a job is. A thread that sees JOB_FINISHED also sees what the job wrote. Returns 0; 1013 for null. */
