@@ -10,7 +10,8 @@
 // Locks     trace_sem serialises all tracing: it guards the record, is the lock of the lines' tag, and is held
 //           while a file is opened, written and flushed. The mutexes of the file module and of tags come behind it,
 //           the registry's comes before it.
-// Failures  The line is lost. What there is to report is reported when trace_sem is left.
+// Failures  The line is lost. What there is to report is reported when trace_sem is left, except what the file
+//           module says itself when the disk does not take the bytes: the locks of the log come behind, too.
 // Unlocked  eko_trace_list, for whoever looks at a stopped process.
 
 #include "ekoprocess_int.h"
