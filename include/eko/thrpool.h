@@ -16,7 +16,7 @@
  *          whoever comes to 0 signals an event.
  * Memory   What data and cbdata point to is the caller's; the callback is the place to free it. A job's record
  *          lives until its pool is destroyed, also when eko_thrpoolJobDelete was called: a pool grows with each job
- *          it ever had, 64 bytes, or 48 with 32-bit pointers. One that runs for months is to be made anew now and
+ *          it ever had, by 64 bytes, or 48 with 32-bit pointers. One that runs for months is to be made anew now and
  *          then. */
 #ifndef EKO_THRPOOL_H
 #define EKO_THRPOOL_H
@@ -56,9 +56,9 @@ EKO_API void eko_thrpoolDestroy(EKO_THRPOOL* thrPool);
  *  fcn, data         the function and what it is called with.
  *  callback, cbdata  likewise at the end; callback may be null.
  *  pjob              receives the job, where not null, before the job can start; null when the status is 1003 or 3.
- *  Returns 0; 1013 for a null pool or function; 1003 without memory: the pool is as before; 3 when the pool's queue is
- *  closed. That can be found by its name, "thread pool queue", but is not to be touched: workers assert that they
- *  can read it. */
+ *  Returns 0; 1013 for a null pool or function; 1003 without memory: the pool is as before; 3 when the pool's
+ *  queue is closed. That can be found by its name, "thread pool queue", but is not to be touched: workers assert
+ *  that they can read it. */
 EKO_API int32 eko_thrpoolAddJob(const EKO_THRPOOL* thrPool, EKO_THRPOOL_FCN fcn, void* data,
                                 EKO_THRPOOL_CALLBACK_FCN callback, void* cbdata, EKO_THRPOOL_JOB** pjob);
 
