@@ -16,8 +16,8 @@
  *          whoever comes to 0 signals an event.
  * Memory   What data and cbdata point to is the caller's; the callback is the place to free it. A job's record
  *          lives until its pool is destroyed, also when eko_thrpoolJobDelete was called: a pool grows with each job
- *          it ever had, by 64 bytes, or 48 with 32-bit pointers. One that runs for months is to be made anew now and
- *          then. */
+ *          it ever had, by 64 bytes, or 48 with 32-bit pointers. One that runs for months is to be made anew now
+ *          and then. */
 #ifndef EKO_THRPOOL_H
 #define EKO_THRPOOL_H
 
