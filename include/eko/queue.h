@@ -42,8 +42,8 @@ typedef void* EKO_QUEUE_HANDLE;
  *  semaphores cannot be had. */
 EKO_API EKO_QUEUE_HANDLE eko_queueCreate(const char* qName);
 
-/** Deletes a queue, open or closed, and the messages in it; what those point to is left alone. No thread may be
- *  using the queue, or use it afterwards. */
+/** Deletes a queue, open or closed, and the messages in it; what those point to is left alone. Ignored once the
+ *  library has stopped. No thread may be using the queue, or use it afterwards. */
 EKO_API void eko_queueDelete(EKO_QUEUE_HANDLE queueHandle);
 
 /** The newest queue of exactly that name; null when there is none, and for null. Nothing keeps another thread from
@@ -66,8 +66,8 @@ EKO_API int32 eko_queueWrite(EKO_QUEUE_HANDLE queueHandle, void* buf, uint32 buf
  *                   readers to finish comes on top. EKO_FOREVER, and how time is measured: sync.h, eko_syncWait.
  *  Returns 0 with a message; 2 empty, and timeout is 0; 3 the queue is closed, or was while waiting; 1001 no
  *  message in time; 1002 a null handle, or, after "unexpected empty queue on %s" was logged, a queue that was
- *  purged between the message's arrival and the reader's awakening; 1013 buf is null. Surprise: after that second
- *  1002 the calling thread holds the queue, as after 1003 of eko_queueWrite. So never purge while a thread
+ *  purged after its message had arrived, and before the reader took it; 1013 buf is null. Surprise: after that
+ *  second 1002 the calling thread holds the queue, as after 1003 of eko_queueWrite. So never purge while a thread
  *  reads. */
 EKO_API int32 eko_queueRead(EKO_QUEUE_HANDLE queueHandle, void** buf, uint32* bufLen, int32* pmsgid,
                             uint32 timeout);

@@ -4,8 +4,8 @@
 //           all come from there, so one call frees it. Records of messages that were read are kept and used again.
 // Locks     queueTabMutex guards the list of queues, and is never held together with a queue's own. mtSem makes
 //           readers take turns and is held while one waits; exclSem guards the messages; mtSem comes first.
-// Unlocked  the closed flag, the count. The count is only a hint where no lock is held: an empty queue is looked at
-//           again under exclSem.
+// Unlocked  the closed flag, the count, whether there is a name. The count is only a hint where no lock is held: an
+//           empty queue is looked at again under exclSem.
 //
 // Waking up  A reader that finds nothing resets the event under exclSem and then waits; a writer signals it under
 //           exclSem: no message can come between look and reset unseen. Closing takes no lock: it sets the flag and
@@ -42,6 +42,10 @@ void eko_queue_closed_set__race_condition_ok(EKO_QUEUE& q)
 {
     __atomic_fetch_or(&q.status, QUEUE_CLOSED, __ATOMIC_SEQ_CST);
 }
+bool eko_queue_named_get__race_condition_ok(const EKO_QUEUE& q)
+{
+    return readUnlocked(q.name) != nullptr;
+}
 int32 eko_queue_count_get__race_condition_ok(const EKO_QUEUE& q)
 {
     return readUnlocked(q.count);
@@ -72,11 +76,11 @@ EKO_QUEUE* givenQueue(EKO_QUEUE_HANDLE queueHandle)
 }
 
 // The same for calls that also look at the name.
-// DELIBERATE: a queue whose name is null is reported and then used like any other: to callers the message is a hint,
-// not a refusal. Pinned by queue_without_a_name_is_reported_and_used.
+// DELIBERATE: a queue whose name is null is reported and then used like any other: to callers the message is a
+// hint, not a refusal. Pinned by queue_without_a_name_is_reported_and_used.
 EKO_QUEUE* namedQueue(EKO_QUEUE_HANDLE queueHandle)
 {
-    if (!queueHandle || !queueOf(queueHandle)->name)
+    if (!queueHandle || !eko_queue_named_get__race_condition_ok(*queueOf(queueHandle)))
         complainOfHandle();
     return queueOf(queueHandle);
 }
@@ -351,10 +355,9 @@ EKO_QUEUE_HANDLE eko_queueCreate(const char* qName)
 
 void eko_queueDelete(EKO_QUEUE_HANDLE queueHandle)
 {
-    if (!queueHandle || !queueOf(queueHandle)->name)
-        return;
-    EKO_QUEUE_GLOBALS* globals = eko_queueGlobals();
-    if (!globals)
+    // The state comes first: once the library has stopped, the handle points into freed memory.
+    EKO_QUEUE_GLOBALS* globals = queueHandle ? eko_queueGlobals() : nullptr;
+    if (!globals || !eko_queue_named_get__race_condition_ok(*queueOf(queueHandle)))
         return;
     const int16 left = unlist(*globals, queueHandle);
     destroyQueue(*queueOf(queueHandle));
@@ -369,7 +372,8 @@ EKO_QUEUE_HANDLE eko_queueFind(const char* queueName)
         return nullptr;
     const SemGuard lock(globals->queueTabMutex);
     for (const EKO_QUEUE_NODE* node = globals->qList; node; node = node->next) {
-        if (strcmp(queueOf(node->hQ)->name, queueName) == 0)
+        const EKO_QUEUE& q = *queueOf(node->hQ);
+        if (eko_queue_named_get__race_condition_ok(q) && strcmp(q.name, queueName) == 0)
             return node->hQ;
     }
     return nullptr;
