@@ -104,7 +104,7 @@ template <class Action> std::string logged(Action action)
 // Runs `action` with 0, 1, ... in that many threads, which begin together, and waits for them.
 template <class Action> void inThreads(uint32 count, Action action)
 {
-    std::barrier start(count);
+    std::barrier start(static_cast<std::ptrdiff_t>(count));
     std::vector<std::jthread> threads;
     for (uint32 i = 0; i < count; ++i)
         threads.emplace_back([&start, &action, i] {
