@@ -34,8 +34,8 @@
 #include "eko/stream.h"
 #include "eko/strutil.h"
 #include "eko/sync.h"
-#include "eko/thrpool.h"
 #include "eko/thread.h"
+#include "eko/thrpool.h"
 #include "eko/trace.h"
 #include "eko/utf8.h"
 

@@ -1,9 +1,10 @@
-#!/usr/bin/env bash
+#!/bin/sh
 # Fails when a form of the library needs a symbol that only the C++ run-time has: C programs link it with
 # nothing but the C library. Fails also when objects are constructed before main, or on first use: calls must work
 # at any time, and from any thread.
+# Every build of the library runs it, so any shell must do.
 #   no_cxx_runtime.sh NM LIBEKO_SO LIBEKO_A
-set -euo pipefail
+set -eu
 nm=$1 shared=$2 archive=$3
 
 # Symbols that FILE, listed with the options, uses and does not define.
@@ -14,20 +15,30 @@ undefined() { # FILE OPTION...
         END { for (name in used) if (!(name in defined)) print name }' | sort
 }
 
-status=0
-complain() { # TITLE, lines from standard input
-    awk -v title="$1" 'NR == 1 { print title } { print "    " $0 } END { exit NR > 0 }' || status=1
-}
-
 # Mangled names are C++ by themselves; those of the library's own are defined in it.
-runtime='^(_Z|__cxa_(allocate|throw|begin|end|rethrow|guard|pure|deleted|bad|demangle|get_)|__gxx_|__dynamic_cast'
-runtime+='|_Unwind_Resume|__cxa_thread_atexit$)'
+status=0
 for file in "$shared" "$archive"; do
-    options=()
-    [[ $file == *.a ]] || options=(-D)
-    symbols=$(undefined "$file" "${options[@]}")
-    [ -n "$symbols" ] || complain "Nothing was checked, as no undefined symbols were found:" <<< "$file"
-    complain "$file needs the C++ run-time:" < <(grep -E "$runtime" <<< "$symbols")
+    case $file in
+        *.a) symbols=$(undefined "$file") ;;
+        *) symbols=$(undefined "$file" -D) ;;
+    esac
+    if [ -z "$symbols" ]; then
+        echo "$file: no undefined symbols found, so nothing was checked"
+        status=1
+        continue
+    fi
+    bad=$(printf '%s\n' "$symbols" | grep -E '^(_Z|__cxa_(allocate|throw|begin|end|rethrow|guard|pure|deleted|bad|demangle|get_)|__gxx_|__dynamic_cast|_Unwind_Resume|__cxa_thread_atexit$)' || true)
+    if [ -n "$bad" ]; then
+        echo "$file needs the C++ run-time:"
+        printf '%s\n' "$bad" | sed 's/^/    /'
+        status=1
+    fi
 done
-complain "$archive constructs objects at run time, in:" < <("$nm" "$archive" | grep -E ' (_GLOBAL__sub_I_|_ZGV)')
+
+constructed=$("$nm" "$archive" | grep -E ' (_GLOBAL__sub_I_|_ZGV)' || true)
+if [ -n "$constructed" ]; then
+    echo "$archive constructs objects at run time, in:"
+    printf '%s\n' "$constructed" | sed 's/^/    /'
+    status=1
+fi
 exit $status
