@@ -2,6 +2,7 @@
 # Has gdb show what a load traced: each batch read, parsed and appended, and the commit as the newest line.
 #   gdb_minidb.sh MINIDB SOURCE_DIR
 set -euo pipefail
+gdb -nx -batch -iex 'set disable-randomization off' -ex run /bin/true 2>&1 | grep 'exited normally' || exit 77
 cd "$(mktemp -d)"
 trap 'rm -rf "$PWD"' EXIT
 seq -f '%g;value' 3000 > text
