@@ -229,6 +229,19 @@ TEST_F(QueueTest, queue_unlisted_deletion_is_counted)
     EXPECT_EQ(logged([&] { eko_queueDelete(eko_queueCreate("q")); }), "Deleted too many queues");
 }
 
+TEST_F(QueueTest, queue_list_is_changed_by_many_at_once)
+{
+    inThreads(4, [](uint32 i) {
+        const std::string name(i + 1, 'n');
+        for (int n = 0; n < 500; ++n) {
+            EKO_QUEUE_HANDLE queue = eko_queueCreate(name.c_str());
+            EXPECT_EQ(eko_queueFind(name.c_str()), queue);
+            eko_queueDelete(queue);
+        }
+    });
+    EXPECT_TRUE(eko_queueGlobals()->nQueues == 1 && eko_queueFind("q") == q_);
+}
+
 TEST_F(QueueTest, queue_left_over_goes_with_the_library)
 {
     EKO_QUEUE_GLOBALS* globals = eko_queueGlobals();

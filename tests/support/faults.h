@@ -25,8 +25,6 @@ public:
     enum Extent { ONE, ALL_FROM_THERE };
     explicit FailNthAlloc(uint32 n, Extent extent = ONE) { heapFuse = {n, extent == ALL_FROM_THERE, false, false}; }
     ~FailNthAlloc() { heapFuse.countdown = heapFuse.failing = 0; }
-    FailNthAlloc(const FailNthAlloc&) = delete;
-    FailNthAlloc& operator=(const FailNthAlloc&) = delete;
     static bool fired() { return heapFuse.fired; }
 };
 
@@ -36,8 +34,6 @@ class FailNthOnTag {
 public:
     explicit FailNthOnTag(EKO_MEMTAG tag, uint32 n, FailNthAlloc::Extent extent = FailNthAlloc::ONE);
     ~FailNthOnTag();
-    FailNthOnTag(const FailNthOnTag&) = delete;
-    FailNthOnTag& operator=(const FailNthOnTag&) = delete;
     static bool fired() { return tagFuse.fired; }
 
 private:
@@ -49,8 +45,6 @@ class NoMoreMemory {
 public:
     NoMoreMemory();
     ~NoMoreMemory();
-    NoMoreMemory(const NoMoreMemory&) = delete;
-    NoMoreMemory& operator=(const NoMoreMemory&) = delete;
 
 private:
     EKO_MEMTAG filler_;

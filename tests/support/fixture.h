@@ -42,8 +42,6 @@ class TempDir {
 public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     std::string file(const char* name) const { return path_ + "/" + name; }
     const std::string& path() const { return path_; }
 
@@ -75,8 +73,6 @@ class CapturedFd {
 public:
     explicit CapturedFd(int fd);
     ~CapturedFd();
-    CapturedFd(const CapturedFd&) = delete;
-    CapturedFd& operator=(const CapturedFd&) = delete;
     std::string take(); // what has come so far, and nothing that was taken before
 
 private:

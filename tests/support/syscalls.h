@@ -30,8 +30,6 @@ public:
         callFaulty = {call, error, most, spared, 0};
     }
     ~CallFault() { callFaulty.call = ""; }
-    CallFault(const CallFault&) = delete;
-    CallFault& operator=(const CallFault&) = delete;
     static uint32 calls() { return __atomic_load_n(&callFaulty.calls, __ATOMIC_RELAXED); } // made so far
 };
 
