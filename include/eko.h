@@ -22,6 +22,7 @@
 #include "dbtype.h"
 #include "ekoplat.h"
 
+#include "eko/buffstream.h"
 #include "eko/core.h"
 #include "eko/file.h"
 #include "eko/format.h"
