@@ -8,6 +8,7 @@
  *      1003  out of memory, or a resource could not be made
  *      1006  the directory exists already
  *      1007  the first file of a comparison cannot be opened, 1008 the second
+ *      1012  a text is malformed: it is not a UUID, or does not follow a grammar
  *      1013  a required argument is null or zero
  *      1014  a caller's buffer is too small
  *      1015  a job of a thread pool has not come as far as the question

@@ -12,6 +12,7 @@ constexpr int32 EKO_OK = 0;
 constexpr int32 EKO_TIMED_OUT = 1001;
 constexpr int32 EKO_FAILED = 1002;
 constexpr int32 EKO_NO_MEMORY = 1003;
+constexpr int32 EKO_MALFORMED = 1012;
 constexpr int32 EKO_BAD_ARGUMENT = 1013;
 constexpr int32 EKO_TOO_SMALL = 1014;
 
