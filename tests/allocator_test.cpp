@@ -1,10 +1,7 @@
 // The four allocators behind a tag, and the large blocks behind the allocators: layout, which block serves a request,
 // figures, and a long random life.
-#include <string.h>
-
 #include <algorithm>
 #include <random>
-#include <vector>
 
 #include "ekomem_int.h"
 #include "support/faults.h"
@@ -27,8 +24,7 @@ struct OwnTag {
     void free(void* p) const { EKO_FREE(p, tag); }
     Figures figures(size_t EKO_MEM_INFO::*figure = &EKO_MEM_INFO::in_use) const
     {
-        EKO_TAG_MEM_INFO info;
-        EXPECT_EQ(eko_getTagMemInfo(tag, &info), 0);
+        const EKO_TAG_MEM_INFO info = infoOf(tag);
         return {info.bytes.*figure, info.capacity.*figure};
     }
     Figures most() const { return figures(&EKO_MEM_INFO::max_in_use); }

@@ -2,22 +2,21 @@
 //
 // Every stop call of a module is written to a trace.
 // LINK: --wrap=_Z17eko_fileStackTermP14EKO_FILE_STACK --wrap=_Z10eko_osTermv --wrap=_Z14eko_globalTermv
-// LINK: --wrap=_Z16eko_syncShutdownv --wrap=_Z11eko_memTermv --wrap=_Z12eko_syncTermv --wrap=eko_syncCreate_check
+// LINK: --wrap=_Z16eko_syncShutdownv --wrap=_Z11eko_memTermv --wrap=_Z12eko_syncTermv
 // LINK: --wrap=getrlimit --wrap=setrlimit
 #include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 
 #include "ekotext_int.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/syscalls.h"
 
 extern char* eko_tmp;
 
 static std::string trace;           // a stop is marked when the library says that it is terminating
-static uint32 createsLeft = 0;      // semaphores that can still be created before one fails; 0: all can
 static rlimit limit = {1024, 1024}; // what the system answers and is told
 static int limitResult = 0;         // of reading and writing it
 
@@ -44,12 +43,6 @@ EKO_WRAP(void, _Z17eko_fileStackTermP14EKO_FILE_STACK, (EKO_FILE_STACK * stack))
     __real__Z17eko_fileStackTermP14EKO_FILE_STACK(stack);
 }
 
-EKO_WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line))
-{
-    const bool fails = createsLeft && --createsLeft == 0;
-    return fails ? EKO_SEM_INVALID : __real_eko_syncCreate_check(type, file, line);
-}
-
 EKO_WRAP(int, getrlimit, (__rlimit_resource_t resource, rlimit* answer))
 {
     *answer = resource == RLIMIT_NOFILE ? limit : rlimit();
@@ -74,7 +67,6 @@ protected:
     void TearDown() override
     {
         trace = "";
-        createsLeft = 0;
         ASSERT_EQ(eko_init(), 0);
         EXPECT_EQ(eko_printf("held back"), 9);
         EXPECT_EQ(logged([] { eko_log("up\n"); }), "held backup\n");
@@ -90,6 +82,7 @@ void expectSilentFailure(const std::string& undone)
     trace = "";
     EXPECT_EQ(logged([] { EXPECT_EQ(eko_init(), 1002); }), "");
     EXPECT_EQ(eko_inited, 0);
+    EXPECT_EQ(eko_mem_stats.in_use, 0u);
     EXPECT_EQ(trace, undone);
 }
 
@@ -97,17 +90,21 @@ TEST_F(Lifecycle, lifecycle_failed_step_undoes_the_earlier_ones)
 {
     const std::string registry = "shutdown mem sync ", consoles = "os global " + registry;
     const std::string undone[] = {registry, consoles, consoles, "stdout " + consoles, "stderr stdout " + consoles};
-    for (uint32 n = 1; n <= 9; ++n) { // memory has four, the first console one more than the others
-        createsLeft = n;
-        expectSilentFailure(n <= 4 ? "sync " : undone[n - 5]);
+    for (uint32 n = 0; n < 9; ++n) { // memory has four, the first console one more than the others
+        const CallFault noMutex("eko_syncCreate_check", ENOMEM, 0, n, 1);
+        expectSilentFailure(n < 4 ? "sync " : undone[n - 4]);
     }
     std::vector<pthread_key_t> keys;
     for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0;)
         keys.push_back(key);
     expectSilentFailure("sync ");
     std::for_each(keys.begin(), keys.end(), pthread_key_delete);
-    for (size_t n = 0; n < 2 * keys.size(); ++n) { // none of them leaks a key
-        const FailNthAlloc fault(1, FailNthAlloc::ALL_FROM_THERE);
+    for (uint32 n = 0; n < 2 * keys.size(); ++n) { // none of them leaks a key
+        {
+            const CallFault noMutex("eko_syncCreate_check", ENOMEM, 0, n % 4, 1);
+            expectSilentFailure("sync ");
+        }
+        const FailNthAlloc noHeap(1, FailNthAlloc::ALL_FROM_THERE);
         expectSilentFailure("sync ");
     }
 }

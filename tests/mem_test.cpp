@@ -1,33 +1,13 @@
 // Tags, the calls that allocate on them, the limit, and what happens when memory runs out.
-// LINK: --wrap=eko_syncCreate_check
-#include <fcntl.h>
-#include <string.h>
-#include <sys/mman.h>
-
-#include <functional>
-
 #include "ekomem_int.h"
 #include "support/faults.h"
 #include "support/fixture.h"
-
-static uint32 mutexToFail; // counts down to the creation that is to fail; 0 for none
-
-EKO_WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line))
-{
-    return mutexToFail && --mutexToFail == 0 ? EKO_SEM_INVALID : __real_eko_syncCreate_check(type, file, line);
-}
+#include "support/syscalls.h"
 
 namespace {
 
 constexpr EKO_ALLOCATOR_TYPE TYPES[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR, LEGACY_ALLOCATOR};
 constexpr size_t WORD = sizeof(void*);
-
-EKO_TAG_MEM_INFO infoOf(EKO_MEMTAG tag)
-{
-    EKO_TAG_MEM_INFO info = {};
-    EXPECT_EQ(eko_getTagMemInfo(tag, &info), 0);
-    return info;
-}
 
 size_t usage()
 {
@@ -43,18 +23,6 @@ size_t reports(const std::string& said)
     for (size_t at = 0; (at = said.find("Out of memory. Called from ", at)) != std::string::npos; ++at)
         ++count;
     return count;
-}
-
-jmp_buf jumpBuffer;
-
-// Whether an action on a tag with a jump buffer jumped.
-bool jumped(EKO_MEMTAG tag, const std::function<void()>& action)
-{
-    eko_resetTag(&jumpBuffer, tag);
-    if (setjmp(jumpBuffer) == 1)
-        return true;
-    action();
-    return false;
 }
 
 TEST_F(EkoTest, getMem_modes)
@@ -203,9 +171,8 @@ TEST_F(EkoTest, tag_creation_fails_cleanly_at_every_step)
     eko_releaseTLSTag();
     const size_t before = usage();
     for (int i = 0; i < 400; ++i) { // enough to see a record that is lost
-        mutexToFail = 1;
+        const CallFault noMutex("eko_syncCreate_check", ENOMEM);
         EXPECT_EQ(logged([=] { EXPECT_EQ(EKO_TAG_CREATE_SHARED(TYPES[i % 4]), EKO_TAG_INVALID); }), "");
-        EXPECT_EQ(mutexToFail, 0u);
     }
     EXPECT_EQ(usage(), before);
     const FailNthAlloc noHeap(1, FailNthAlloc::ALL_FROM_THERE);
@@ -234,25 +201,6 @@ TEST_F(EkoTest, tag_creation_fails_cleanly_at_every_step)
     for (void* block : small)
         eko_freeSmallBlock(block);
     EXPECT_EQ(usage(), before);
-}
-
-TEST(MemStart, fails_cleanly_at_every_step)
-{
-    for (uint32 i = 0; i < 1200; ++i) { // more than there are keys of thread-local storage
-        mutexToFail = 1 + i % 4;        // the four mutexes of this module
-        EXPECT_EQ(eko_init(), 1002);
-        EXPECT_EQ(mutexToFail, 0u);
-        EXPECT_EQ(usage(), 0u);
-    }
-    {
-        const FailNthAlloc fault(1, FailNthAlloc::ALL_FROM_THERE);
-        EXPECT_EQ(eko_init(), 1002);
-    }
-    ASSERT_EQ(eko_setMemLimit(nullptr, 4195328), 0); // the least lets it start
-    ASSERT_EQ(eko_init(), 0);
-    logged([] { EXPECT_EQ(EKO_ALLOC(5000000, EKO_GLOBAL_TAG), nullptr); });
-    EXPECT_NE(EKO_ALLOC(500000, EKO_GLOBAL_TAG), nullptr);
-    eko_term();
 }
 
 TEST_F(EkoTest, shared_tags_take_threads_at_once_and_each_thread_has_its_own)
@@ -306,78 +254,44 @@ TEST_F(EkoTest, out_of_memory_is_reported_once_for_each_request)
     }
 }
 
-// Every request of these fails in turn. Memory that the library wants for itself is reported only; for memory on the
-// caller's tag a jump follows. Nothing is left behind or locked.
-TEST_F(EkoTest, jump_is_for_the_callers_memory_only_and_leaks_nothing)
+// Every request of these fails in turn, and each time they leave by the jump.
+TEST_F(EkoTest, jump_leaves_no_block_and_no_lock_behind)
 {
     const TempDir dir;
-    const std::string file = dir.file("file"), text(5000, 'x');
-    const EKO_MEMTAG own = EKO_TAG_CREATE_SHARED(LIST_ALLOCATOR);
-    static char* line;
-    static EKO_FILE_STREAM stream;
-    static void* record;
-    static uint32 length;
-    const wchar_t* wide[] = {L"eins", L"zwei"};
-    EKO_MEMTAG tag = own; // the one that is made to fail
-    const std::function<void()> librarys[] = {
-        [&] { EKO_TAG_DESTROY(EKO_TAG_CREATE_SHARED(STACK_ALLOCATOR)); },
-        [&] { eko_fclose(eko_fopen(file.c_str(), "w", EKO_FILE_MODE_UTF8)); },
-        [&] { eko_fileClose(eko_fileOpen(file.c_str(), O_RDONLY, 0)); },
-        [&] { eko_log("%s", text.c_str()); },
-        [&] { eko_printf("%s", text.c_str()); },
-        [&] { eko_log_open(dir.file("log").c_str()) == 0 ? eko_log_close() : void(); },
-        [&] { eko_stdout_open(file.c_str()) == 0 ? eko_stdout_close() : void(); },
-        [&] { eko_log_create(dir.path().c_str(), "/x") == 0 ? eko_log_close() : void(); },
-        [&] { eko_log_chunk_end(eko_log_chunk_init(), "%s", text.c_str()); },
-        [&] { eko_globalGet("mem_test", 100, nullptr, nullptr, &record); }};
-    const std::function<void()> callers[] = {
-        [&] {
-            line = static_cast<char*>(EKO_ALLOC(10, tag));
-            line = static_cast<char*>(EKO_EXTEND(line, 9000, tag));
-        },
-        [&] { EKO_FREE(eko_makeStrVA("", 0, tag, "%s", "text"), tag); },
-        [&] { EKO_FREE(eko_appendStrVA("", 0, tag, nullptr, "%s", "text"), tag); },
-        [&] { EKO_FREE(eko_convToUTF8(L"wide", EKO_UTF8_FAIL, tag), tag); },
-        [&] { EKO_FREE(eko_convToWchar("narrow", EKO_UTF8_FAIL, tag), tag); },
-        [&] { EKO_FREE(eko_convArgvToUTF8(2, wide, EKO_UTF8_FAIL, tag), tag); },
-        [&] { eko_fGetLine(stream, &line, &length, tag); }};
-    librarys[0](); // brings the first row of semaphores along
+    const std::string file = dir.file("file");
     writeFile(file, std::string(250, 'l') + "\n");
-    const auto failures = [&](const std::function<void()>& call, bool jumps) {
-        uint32 count = 0;
-        for (bool fired = true; fired; count += fired) {
-            const Usage before = currentUsage();
-            const std::string said = logged([&] {
-                const FailNthOnTag fault(tag, count + 1);
-                const bool jump = jumped(tag, call);
-                fired = fault.fired();
-                EXPECT_EQ(jump, fired && jumps);
-            });
-            EXPECT_EQ(reports(said), fired) << said;
-            eko_resetTag(nullptr, tag);
-            EKO_FREE(line, tag); // still valid, whatever became of the call
-            line = nullptr;
-            length = 0;
-            inThreads(1, [&](uint32) { EKO_FREE(EKO_ALLOC(10, tag), tag), eko_releaseTLSTag(); }); // none is locked
-            EXPECT_TRUE(!fired || currentUsage() == before) << said;
+    const EKO_FILE_STREAM stream = eko_fopen(file.c_str(), "r", EKO_FILE_MODE_UTF8);
+    const EKO_MEMTAG tags[] = {EKO_TAG_CREATE_SHARED(LIST_ALLOCATOR), EKO_GLOBAL_TAG, EKO_THREAD_TAG};
+    const wchar_t* wide[] = {L"eins", L"zwei"};
+    for (const EKO_MEMTAG tag : tags) {
+        char* line = nullptr;
+        uint32 length;
+        const std::function<void()> calls[] = {
+            [&] {
+                line = static_cast<char*>(EKO_ALLOC(10, tag));
+                line = static_cast<char*>(EKO_EXTEND(line, 9000, tag));
+            },
+            [&] { EKO_FREE(EKO_MAKESTR(tag, "%s", "text"), tag); },
+            [&] { EKO_FREE(EKO_APPENDSTR(tag, nullptr, "%s", "text"), tag); },
+            [&] { EKO_FREE(eko_convToUTF8(L"wide", EKO_UTF8_FAIL, tag), tag); },
+            [&] { EKO_FREE(eko_convToWchar("narrow", EKO_UTF8_FAIL, tag), tag); },
+            [&] { EKO_FREE(eko_convArgvToUTF8(2, wide, EKO_UTF8_FAIL, tag), tag); },
+            [&] { eko_fGetLine(stream, &line, &length, tag); }};
+        eko_resetTag(&exhaustedJump, tag);
+        for (const auto& call : calls) {
+            const auto run = [&] {
+                EKO_FREE(std::exchange(line, nullptr), tag); // still valid, whatever became of the last call
+                return length = 0, call(), 0;
+            };
+            EXPECT_TRUE(matches(exhaust(tag, run), "(jump )+0 ")) << &call - calls;
         }
-        return count;
-    };
-    stream = eko_fopen(file.c_str(), "r", EKO_FILE_MODE_UTF8);
-    for (const auto& call : callers)
-        EXPECT_GE(failures(call, true), 1u) << &call - callers;
-    EXPECT_EQ(infoOf(own).capacity.in_use, 0u);
-    eko_fclose(stream);
-    uint32 failed = 0;
-    for (const EKO_MEMTAG each : {EKO_GLOBAL_TAG, EKO_THREAD_TAG}) {
-        tag = each;
-        EXPECT_EQ(failures(callers[0], true), 2u);
-        for (const auto& call : librarys)
-            failed += failures(call, false);
+        EKO_FREE(line, tag);
+        eko_resetTag(nullptr, tag);
+        inThreads(1, [&](uint32) { EKO_FREE(EKO_ALLOC(10, tag), tag), eko_releaseTLSTag(); });
     }
-    EXPECT_GE(failed, 12u);
-    EKO_TAG_DESTROY(own);
-    acceptUsage(); // the record stays
+    EXPECT_EQ(infoOf(tags[0]).capacity.in_use, 0u);
+    EKO_TAG_DESTROY(tags[0]);
+    eko_fclose(stream);
 }
 
 TEST_F(EkoTest, limit_refuses_what_would_pass_it)
@@ -390,6 +304,10 @@ TEST_F(EkoTest, limit_refuses_what_would_pass_it)
         EXPECT_EQ(eko_setMemLimit(ptr, limit), result) << limit;
         EXPECT_EQ(eko_memlimit, result ? 0 : limit);
     }
+    eko_term();
+    ASSERT_EQ(eko_init(), 0); // the least lets it start
+    logged([] { EXPECT_EQ(EKO_ALLOC(5000000, EKO_GLOBAL_TAG), nullptr); });
+    EKO_FREE(EKO_ALLOC(500000, EKO_GLOBAL_TAG), EKO_GLOBAL_TAG);
     // What a block takes of the system: its own header, that behind which large blocks lie, and the chunk's.
     const size_t before = usage(), asked = 6000000 + 8 * WORD;
     size_t size = 6000000;

@@ -12,27 +12,25 @@
 
 #include "ekomem_int.h"
 
-namespace {
-
-// The file module's record holds nothing but its tag.
-size_t bytesOnFileTag()
+EKO_TAG_MEM_INFO infoOf(EKO_MEMTAG tag)
 {
-    void* record = nullptr;
     EKO_TAG_MEM_INFO info = {};
-    EXPECT_EQ(eko_globalGet("ekofile", sizeof(EKO_MEMTAG), nullptr, nullptr, &record), 0);
-    EXPECT_EQ(eko_getTagMemInfo(*static_cast<EKO_MEMTAG*>(record), &info), 0);
-    return info.bytes.in_use;
+    EXPECT_EQ(eko_getTagMemInfo(tag, &info), 0);
+    return info;
 }
 
-} // namespace
+EKO_MEMTAG fileTag()
+{
+    void* record = nullptr; // it holds nothing but the tag
+    EXPECT_EQ(eko_globalGet("ekofile", sizeof(EKO_MEMTAG), nullptr, nullptr, &record), 0);
+    return *static_cast<EKO_MEMTAG*>(record);
+}
 
 Usage currentUsage()
 {
-    EKO_TAG_MEM_INFO global = {};
-    EKO_TAG_MEM_INFO thread = {};
-    EXPECT_EQ(eko_getTagMemInfo(EKO_THREAD_TAG, &thread), 0); // first: it may create the tag
-    EXPECT_EQ(eko_getTagMemInfo(EKO_GLOBAL_TAG, &global), 0);
-    return {global.bytes.in_use, thread.bytes.in_use, bytesOnFileTag(), syncSlotsInUse(), memTagsAlive()};
+    const size_t ofThread = infoOf(EKO_THREAD_TAG).bytes.in_use; // first: it may create the tag
+    return {infoOf(EKO_GLOBAL_TAG).bytes.in_use, ofThread, infoOf(fileTag()).bytes.in_use, syncSlotsInUse(),
+            memTagsAlive()};
 }
 
 std::ostream& operator<<(std::ostream& out, const Usage& usage)

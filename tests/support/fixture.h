@@ -22,6 +22,8 @@ struct Usage {
     bool operator==(const Usage&) const = default;
 };
 Usage currentUsage();
+EKO_TAG_MEM_INFO infoOf(EKO_MEMTAG tag);
+EKO_MEMTAG fileTag(); // the file module's own
 std::ostream& operator<<(std::ostream& out, const Usage& usage);
 
 // Starts the library, and fails a test that leaves anything in use.

@@ -7,7 +7,7 @@
 #include "ekoint.h"
 #include "support/fixture.h"
 
-CallFaulty callFaulty = {"", 0, 0, 0, 0};
+CallFaulty callFaulty = {"", 0, 0, 0, 0, 0};
 static uint32 deadlyCall; // calls to the one in front of which the process dies; 0 when none
 
 void dieAtCall(uint32 n)
@@ -20,7 +20,8 @@ bool callFails(const char* call)
     if (deadlyCall && --deadlyCall == 0)
         raise(SIGKILL);
     CallFaulty& fault = callFaulty;
-    if (strcmp(fault.call, call) || __atomic_add_fetch(&fault.calls, 1, __ATOMIC_RELAXED) <= fault.spared)
+    if (strcmp(fault.call, call) ||
+        __atomic_fetch_add(&fault.calls, 1, __ATOMIC_RELAXED) - fault.spared >= fault.times)
         return false;
     errno = fault.error;
     return fault.error || usleep(1000);

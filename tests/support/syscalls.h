@@ -15,19 +15,19 @@
 #include "base.h"
 
 // While alive, each call of that name (one of those above) fails with errno `error`, or with an `error` of 0 takes
-// a millisecond and moves at most `most` bytes; the first `spared` calls do neither. One at a time, and no other
-// thread running when it comes or goes.
+// a millisecond and moves at most `most` bytes; the first `spared` calls do neither, nor do those behind the next
+// `times`. One at a time, and no other thread running when it comes or goes.
 extern struct CallFaulty {
     const char* call; // "" when none has the fault
     int error;
     size_t most;
-    uint32 spared, calls;
+    uint32 spared, times, calls;
 } callFaulty;
 class CallFault {
 public:
-    explicit CallFault(const char* call, int error, size_t most = 0, uint32 spared = 0)
+    explicit CallFault(const char* call, int error, size_t most = 0, uint32 spared = 0, uint32 times = INT32_MAX)
     {
-        callFaulty = {call, error, most, spared, 0};
+        callFaulty = {call, error, most, spared, times, 0};
     }
     ~CallFault() { callFaulty.call = ""; }
     static uint32 calls() { return __atomic_load_n(&callFaulty.calls, __ATOMIC_RELAXED); } // made so far
