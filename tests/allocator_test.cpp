@@ -1,8 +1,5 @@
 // The four allocators behind a tag, and the large blocks behind the allocators: layout, which block serves a request,
 // figures, and a long random life.
-#include <algorithm>
-#include <random>
-
 #include "ekomem_int.h"
 #include "support/faults.h"
 #include "support/fixture.h"

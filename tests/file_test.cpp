@@ -1,6 +1,4 @@
 // Descriptors, mappings and file handles: results, faults of every system call, modes, large files, locks.
-#include <functional>
-
 #include "ekofile_int.h"
 #include "support/faults.h"
 #include "support/fixture.h"

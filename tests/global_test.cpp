@@ -1,7 +1,4 @@
 // Named globals: one record a name, made on first use, deleted in descending order of names.
-#include <string.h>
-
-#include <algorithm>
 #include <map>
 
 #include "support/faults.h"

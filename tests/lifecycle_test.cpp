@@ -7,8 +7,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include <algorithm>
-
 #include "ekotext_int.h"
 #include "support/faults.h"
 #include "support/fixture.h"

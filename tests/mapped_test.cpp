@@ -2,7 +2,6 @@
 // LINK: --wrap=readdir64
 #include <dirent.h>
 #include <fnmatch.h>
-#include <random>
 
 #include "ekofile_int.h"
 #include "support/faults.h"

@@ -1,8 +1,6 @@
 // Files in memory: names and bytes against models, removal under others' hands, memory running out, threads.
 // LINK: --wrap=eko_syncCreate_check
 #include <filesystem>
-#include <functional>
-#include <random>
 
 #include "ekomf_int.h"
 #include "support/faults.h"
@@ -50,7 +48,7 @@ struct MemFileTest : DiskTest {
         return result == MemResult::exhausted ? "none" : all;
     }
     static EKO_MEMTAG tag() { return mfGlobals()->mf_tag; }
-    static size_t used(EKO_TAG_MEM_INFO info = {}) { return eko_getTagMemInfo(tag(), &info), info.bytes.in_use; }
+    static size_t used() { return infoOf(tag()).bytes.in_use; }
     size_t before_ = 0;
 };
 

@@ -81,8 +81,7 @@ TEST_F(PathTest, path_texts)
     };
     EXPECT_EQ(exhaust(tag, all), "jump jump jump jump jump jump jump 0 ");
     EKO_FREE(dir, tag), EKO_FREE(file, tag);
-    EKO_TAG_MEM_INFO left;
-    EXPECT_TRUE(eko_getTagMemInfo(tag, &left) == 0 && left.bytes.in_use == 0) << left.bytes.in_use;
+    EXPECT_EQ(infoOf(tag).bytes.in_use, 0u);
     EKO_TAG_DESTROY(tag);
 }
 
@@ -180,14 +179,12 @@ TEST_F(PathTest, path_faults)
     setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(get("c"), BYTES.substr(0, 2000));
 
-    void* files;
-    ASSERT_EQ(eko_globalGet("ekofile", sizeof(EKO_MEMTAG), nullptr, nullptr, &files), 0);
     const auto copy = [] { return eko_fileCopy("a", "c"); };
     const auto cmp = [] { return eko_fileCmp("a", "b"); };
     EXPECT_EQ(exhaust(nullptr, copy), "1002 1002 0 ");
     EXPECT_EQ(exhaust(nullptr, cmp), "1003 1003 0 ");
-    EXPECT_EQ(exhaust(*static_cast<EKO_MEMTAG*>(files), copy), "1002 1002 1002 1002 0 ");
-    EXPECT_EQ(exhaust(*static_cast<EKO_MEMTAG*>(files), cmp), "1007 1007 1008 1008 0 ");
+    EXPECT_EQ(exhaust(fileTag(), copy), "1002 1002 1002 1002 0 ");
+    EXPECT_EQ(exhaust(fileTag(), cmp), "1007 1007 1008 1008 0 ");
     EXPECT_EQ(exhaust(EKO_THREAD_TAG, [] { return eko_dirCreateAll("d/e/f"); }), "1003 0 ");
     EXPECT_EQ(eko_fileMove("a", "d/e/f/a"), 0);
     EXPECT_EQ(exhaust(EKO_THREAD_TAG, [] { return eko_dirMove("d/e/f", "d/e"); }), "1003 1003 0 ");

@@ -60,10 +60,8 @@ TEST_F(ProcessTest, process_temporary_directory)
     eko_readonly = 0; // that there was none is not remembered
     inThreads(8, [](uint32) { EKO_FREE(eko_tmpdir(EKO_GLOBAL_TAG), EKO_GLOBAL_TAG); });
     EXPECT_STREQ((setenv("TMPDIR", ".", 1), eko_tmpdir(EKO_THREAD_TAG)), "./"); // that there was one is
-    void* files = nullptr;                                                      // a record that is a tag
-    eko_globalGet("ekofile", sizeof(EKO_MEMTAG), nullptr, nullptr, &files);
     eko_resetTag(&jumpBuffer, EKO_THREAD_TAG); // to which only the caller's own memory may jump
-    for (EKO_MEMTAG tag : {EKO_THREAD_TAG, EKO_GLOBAL_TAG, *static_cast<EKO_MEMTAG*>(files)}) {
+    for (EKO_MEMTAG tag : {EKO_THREAD_TAG, EKO_GLOBAL_TAG, fileTag()}) {
         FailNthOnTag fault(tag, 1);
         const auto run = [tag] { EXPECT_EQ(setjmp(jumpBuffer) != 0 || searchAnew(), tag == EKO_THREAD_TAG); };
         EXPECT_TRUE(isOneReport(logged(run), "eko_tmpdir.cpp"));

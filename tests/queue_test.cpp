@@ -1,8 +1,5 @@
 // Message queues: order, waiting, closing, what stays locked, and many threads at once.
-#include <algorithm>
-#include <atomic>
 #include <deque>
-#include <random>
 
 #include "ekoqueue_int.h"
 #include "support/faults.h"

@@ -1,6 +1,4 @@
 // Text streams: marks, characters both ways, the cache at its borders and against a model, lines, faults.
-#include <random>
-
 #include "ekotext_int.h"
 #include "support/fixture.h"
 #include "support/syscalls.h"

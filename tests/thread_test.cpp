@@ -1,10 +1,7 @@
 // Threads, thread-local storage, atomics, clocks. The creation of a thread is watched, its scheduling is replaced.
 // LINK: --wrap=pthread_getschedparam --wrap=pthread_setschedparam --wrap=sched_get_priority_min
 // LINK: --wrap=sched_get_priority_max --wrap=pthread_create
-#include <errno.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "ekomem_int.h"

@@ -1,6 +1,5 @@
 // Thread pool: the life of jobs, draining, what happens when something cannot be had, and many jobs.
 // LINK: --wrap=pthread_create --wrap=sysconf
-#include <atomic>
 #include <new>
 
 #include "ekoqueue_int.h"

@@ -87,10 +87,10 @@ TEST_F(TraceTest, trace_file_is_opened_and_said_once_when_it_can_be)
 // Each request fails in turn: a line is lost, that is said once, without a jump, and nothing is left on the tags.
 TEST_F(TraceTest, trace_without_memory)
 {
-    void *files, *traces;
-    eko_globalGet("ekofile", 1, nullptr, nullptr, &files), eko_globalGet("ekotrace", 1, nullptr, nullptr, &traces);
-    const EKO_MEMTAG ofFiles = *static_cast<EKO_MEMTAG*>(files), ofLines = static_cast<EKO_MEMTAG*>(traces)[1];
-    const EKO_MEMTAG tags[] = {EKO_THREAD_TAG, ofLines, EKO_GLOBAL_TAG, ofFiles};
+    void* record = nullptr;
+    eko_globalGet("ekotrace", 1, nullptr, nullptr, &record);
+    const EKO_MEMTAG ofLines = static_cast<EKO_MEMTAG*>(record)[1];
+    const EKO_MEMTAG tags[] = {EKO_THREAD_TAG, ofLines, EKO_GLOBAL_TAG, fileTag()};
     const char* const moves[] = {"0 1 1 1 1 ", "0 1 1 ", "1 1 1 ", "1 1 1 1 1 "}; // how far the list goes
     const auto trace = [] {
         const char* const* const before = *eko_trace_list;
@@ -99,8 +99,7 @@ TEST_F(TraceTest, trace_without_memory)
     refused = "tov_trace", eko_trace("x");
     for (int i = 0; i < 4; eko_resetTag(nullptr, tags[i++]))
         EXPECT_EQ((eko_resetTag(&exhaustedJump, tags[i]), exhaust(tags[i], trace)), moves[i]) << i;
-    EKO_TAG_MEM_INFO info;
-    EXPECT_TRUE(eko_getTagMemInfo(ofLines, &info) == 0 && info.bytes.in_use == 480u);
+    EXPECT_EQ(infoOf(ofLines).bytes.in_use, 480u);
 }
 
 // Each thread's lines are whole and in order, in the file and then in memory, where the main thread's last stay.

@@ -1,12 +1,8 @@
 // Wide strings and UTF-8, against iconv, at the ends of pages, and in buffers of every size.
 #include <iconv.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <optional>
-#include <random>
-#include <string>
 
 #include "support/faults.h"
 #include "support/fixture.h"
@@ -151,9 +147,7 @@ TEST_F(Utf8Copies, are_on_the_tag_or_null_and_without_memory_leave_by_its_jump_b
         EXPECT_STREQ(args[i], expected[i]);
     for (void* block : {static_cast<void*>(utf8), static_cast<void*>(wide), static_cast<void*>(args)})
         EKO_FREE(block, tag); // one holds all of argv
-    EKO_TAG_MEM_INFO info;
-    ASSERT_EQ(eko_getTagMemInfo(tag, &info), 0);
-    EXPECT_EQ(info.bytes.in_use, 0u);
+    EXPECT_EQ(infoOf(tag).bytes.in_use, 0u);
     for (const auto& [count, mode] : {std::pair(4, EKO_UTF8_FAIL), {5, EKO_UTF8_DROP}, {-1, EKO_UTF8_DROP}})
         EXPECT_EQ(eko_convArgvToUTF8(count, argv, mode, tag), nullptr);
     EXPECT_EQ(eko_convToUTF8(L"a\xDFFF", 7, tag), nullptr);

@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <barrier>
+#include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
