@@ -4,8 +4,6 @@
 #include "support/faults.h"
 #include "support/fixture.h"
 
-namespace {
-
 constexpr EKO_ALLOCATOR_TYPE TYPES[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR, LEGACY_ALLOCATOR};
 constexpr size_t WORD = sizeof(void*);
 constexpr size_t HDR = 2 * WORD; // of a large block, and of a block of the list allocator
@@ -28,8 +26,6 @@ struct OwnTag {
 
     const EKO_MEMTAG tag;
 };
-
-} // namespace
 
 TEST_F(EkoTest, list_chunks_and_their_figures)
 {

@@ -6,13 +6,11 @@
 
 using namespace std::string_literals;
 
-namespace {
-
 constexpr bool NARROW = sizeof(void*) == 4;
 constexpr uint64 GIB = 1024 * 1024 * 1024;
 constexpr uint32 FAILED = 0xFFFFFFFF;
 
-int fdOf(EKO_FDESC desc)
+static int fdOf(EKO_FDESC desc)
 {
     return int(reinterpret_cast<intptr_t>(desc));
 }
@@ -262,5 +260,3 @@ TEST_F(FileTest, file_locks)
     eko_fileClose(fh);
     eko_fileClose(other);
 }
-
-} // namespace

@@ -4,17 +4,15 @@
 #include "support/faults.h"
 #include "support/fixture.h"
 
-namespace {
+static std::string deleted; // names, as their delete callbacks run
+static int created = 0;
 
-std::string deleted; // names, as their delete callbacks run
-int created = 0;
-
-void noteDeletion(void* data)
+static void noteDeletion(void* data)
 {
     deleted += static_cast<char*>(data);
 }
 
-int32 noteCreation(void* data)
+static int32 noteCreation(void* data)
 {
     EXPECT_EQ(*static_cast<char*>(data), 0);
     ++created;
@@ -22,8 +20,8 @@ int32 noteCreation(void* data)
 }
 
 // The record of that name, which it bears from then on; null when the status is 1003.
-char* fetch(const std::string& name, EKO_GLOBAL_CREATE_FCN create = nullptr,
-            EKO_GLOBAL_DELETE_FCN remove = noteDeletion)
+static char* fetch(const std::string& name, EKO_GLOBAL_CREATE_FCN create = nullptr,
+                   EKO_GLOBAL_DELETE_FCN remove = noteDeletion)
 {
     void* record = &created; // untouched on failure
     const int32 status = eko_globalGet(name.c_str(), 16, create, remove, &record);
@@ -113,11 +111,11 @@ TEST_F(Global, global_create_callback_fetches_others)
     expectDeleted("zyxmdcba");
 }
 
-int32 slotStatus = 1;
-int32 slotCreate(void* data);
-GlobalSlot slot = {"ekotest", 16, slotCreate, noteDeletion, nullptr, nullptr};
+static int32 slotStatus = 1;
+static int32 slotCreate(void* data);
+static GlobalSlot slot = {"ekotest", 16, slotCreate, noteDeletion, nullptr, nullptr};
 
-int32 slotCreate(void* data)
+static int32 slotCreate(void* data)
 {
     EXPECT_EQ(globalRecord(slot), data); // its own record
     EXPECT_EQ(slot.record, nullptr);     // which the other threads do not see yet
@@ -172,5 +170,3 @@ TEST_F(Global, global_failed_growth_needs_a_restart)
     EXPECT_NE(fetch("a"), nullptr);
     expectDeleted("a");
 }
-
-} // namespace

@@ -8,8 +8,6 @@
 
 using namespace std::string_literals;
 
-namespace {
-
 // What a get says and stores, in buffers around the size it needs, the list's and 1, and in longer ones.
 template <class Char, class Get> void expectStored(std::basic_string<Char> list, Get get)
 {
@@ -237,5 +235,3 @@ TEST_F(IniTest, ini_threads)
     EXPECT_EQ(eko_fileRemoveEx("/m.ini", EKO_FILE_INMEMORY) + access("/m.ini", F_OK), -1);
     eko_iniCleanup(), acceptUsage(); // the directories in memory stay
 }
-
-} // namespace

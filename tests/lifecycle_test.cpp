@@ -54,8 +54,6 @@ EKO_WRAP(int, setrlimit, (__rlimit_resource_t, const rlimit* told))
     return limitResult;
 }
 
-namespace {
-
 constexpr char STOP[] = "log stdout stderr os! global! shutdown! mem! sync! ";
 
 // Starts, works and stops as if nothing had been before.
@@ -75,7 +73,7 @@ protected:
 };
 
 // Fails to start, saying nothing, undoing what is named.
-void expectSilentFailure(const std::string& undone)
+static void expectSilentFailure(const std::string& undone)
 {
     trace = "";
     EXPECT_EQ(logged([] { EXPECT_EQ(eko_init(), 1002); }), "");
@@ -182,5 +180,3 @@ TEST_F(Lifecycle, lifecycle_modes_version_and_assertions)
     EKO_ASSERT(1 + 1 == 2);
     EXPECT_EXIT(EKO_ASSERT(1 + 1 == 3), testing::KilledBySignal(SIGABRT), "assertion failed: 1 \\+ 1 == 3\n");
 }
-
-} // namespace

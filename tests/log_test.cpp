@@ -6,12 +6,10 @@
 #include "support/fixture.h"
 #include "support/syscalls.h"
 
-namespace {
-
 const std::string STAMP = "\\[[0-3][0-9]-[A-Z][a-z]{2}-2[0-9]{3} [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\]";
 
 // The text of a log without its stamps, one at the start of each line; all of it when one is not well formed.
-std::string unstamped(const std::string& log)
+static std::string unstamped(const std::string& log)
 {
     std::string text, line;
     for (std::istringstream lines(log); std::getline(lines, line); text += line.substr(24) + "\n") {
@@ -292,5 +290,3 @@ TEST_F(LogTest, log_threads_do_not_interleave)
     }
     acceptUsage(); // the console's formatting buffer
 }
-
-} // namespace

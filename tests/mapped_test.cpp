@@ -14,8 +14,6 @@ EKO_WRAP(dirent64*, readdir64, (DIR * dir)) // as on a file system that does not
     return entry && entry->d_name[0] == 's' ? (entry->d_type = DT_UNKNOWN, entry) : entry;
 }
 
-namespace {
-
 constexpr uint32 MIB = 1024 * 1024;
 
 class MappedTest : public DiskTest {
@@ -178,5 +176,3 @@ TEST_F(MappedTest, mapped_opens_share_mutexes)
     eko_fileClose(fh_);
     EXPECT_EQ(readFile("/proc/self/maps").find(name_), std::string::npos);
 }
-
-} // namespace

@@ -4,12 +4,10 @@
 #include "support/fixture.h"
 #include "support/syscalls.h"
 
-namespace {
-
 constexpr EKO_ALLOCATOR_TYPE TYPES[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR, LEGACY_ALLOCATOR};
 constexpr size_t WORD = sizeof(void*);
 
-size_t usage()
+static size_t usage()
 {
     size_t now, max;
     eko_getMemUsage(&now, &max);
@@ -17,7 +15,7 @@ size_t usage()
     return now;
 }
 
-size_t reports(const std::string& said)
+static size_t reports(const std::string& said)
 {
     size_t count = 0;
     for (size_t at = 0; (at = said.find("Out of memory. Called from ", at)) != std::string::npos; ++at)
@@ -123,11 +121,11 @@ TEST_F(EkoTest, block_given_to_the_wrong_tag_stays_where_it_is)
 }
 #endif
 
-EKO_MEMTAG owners[4];
-void* globalBlock;
-std::string events; // what callbacks saw
+static EKO_MEMTAG owners[4];
+static void* globalBlock;
+static std::string events; // what callbacks saw
 
-void recordDestroy(void* ctx)
+static void recordDestroy(void* ctx)
 {
     EKO_MEMTAG* owner = static_cast<EKO_MEMTAG*>(ctx);
     EXPECT_NE(EKO_ALLOC(10000, *owner), nullptr); // not freed yet
@@ -378,5 +376,3 @@ TEST(MemLimit, callers_buffer_is_used_to_its_end)
     eko_term();
     munmap(buffer, SIZE);
 }
-
-} // namespace

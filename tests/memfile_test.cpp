@@ -13,11 +13,10 @@ EKO_WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 lin
     const auto other = std::exchange(meanwhile, nullptr);
     return !other || other() ? __real_eko_syncCreate_check(type, file, line) : EKO_SEM_INVALID;
 }
-namespace {
 constexpr uint16 MEM = EKO_FILE_INMEMORY;
 constexpr uint32 FAILED = 0xFFFFFFFF, KIB = 1024;
-thread_local MemResult result;
-thread_local std::mt19937 dice;
+static thread_local MemResult result;
+static thread_local std::mt19937 dice;
 
 // What the tests make is in /t/d, which is removed at the end with all it has.
 struct MemFileTest : DiskTest {
@@ -233,5 +232,3 @@ TEST_F(MemFileTest, memfile_deep_trees_and_stop)
     eko_term();
     SetUp();
 }
-
-} // namespace

@@ -10,8 +10,6 @@
 using Text = std::string;
 using namespace std::string_literals;
 
-namespace {
-
 constexpr uint16 MEM = EKO_FILE_INMEMORY;
 const Text LONG(5000, 'n'), BYTES = readFile("/proc/self/exe").substr(0, 4103); // of 5 blocks
 
@@ -203,5 +201,3 @@ TEST_F(PathTest, path_faults)
     EXPECT_EQ(exhaust(nullptr, [] { return eko_fileCopyW(L"b", L"c"); }), "1002 1002 1002 1002 0 ");
     EXPECT_EQ(exhaust(nullptr, [] { return eko_fileRemoveW(L"c"); }), "1003 0 ");
 }
-
-} // namespace

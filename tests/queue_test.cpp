@@ -5,8 +5,6 @@
 #include "support/faults.h"
 #include "support/fixture.h"
 
-namespace {
-
 class QueueTest : public EkoTest {
 protected:
     void SetUp() override
@@ -321,5 +319,3 @@ TEST_P(QueueCrowdTest, nothing_is_lost_or_comes_twice)
 INSTANTIATE_TEST_SUITE_P(crowds, QueueCrowdTest,
                          testing::Values(std::pair(1u, 1u), std::pair(4u, 1u), std::pair(1u, 4u),
                                          std::pair(4u, 4u)));
-
-} // namespace

@@ -5,8 +5,6 @@
 
 using namespace std::string_literals;
 
-namespace {
-
 constexpr EKO_FILE_MODE UNKNOWN = EKO_FILE_MODE_UNKNOWN, UTF8 = EKO_FILE_MODE_UTF8, UTF16 = EKO_FILE_MODE_UTF16;
 const std::string LE = "\xFF\xFE"; // the mark of UTF-16
 
@@ -39,7 +37,7 @@ protected:
 };
 
 // Bytes that neither end a line nor a file, in that many units.
-std::string pattern(size_t size, const std::string& behind = "")
+static std::string pattern(size_t size, const std::string& behind = "")
 {
     std::string text;
     for (size_t i = 0; i < size; ++i)
@@ -337,5 +335,3 @@ TEST_F(StreamTest, stream_fflush_reverses_failure)
     EXPECT_EQ(eko_fflush(s_), -1);
     EXPECT_EQ(content(), LE + "\xE9\0"s);
 }
-
-} // namespace

@@ -23,24 +23,22 @@ EKO_WRAP(int, pthread_cond_timedwait, (pthread_cond_t*, pthread_mutex_t*, const 
     return answers[std::min(deadlines.size(), answers.size()) - 1];
 }
 
-namespace {
-
 using SyncTest = EkoTest; // which checks after each test that every slot was given back
 
-std::vector<EKO_SEM> create(int32 count)
+static std::vector<EKO_SEM> create(int32 count)
 {
     std::vector<EKO_SEM> sems(static_cast<size_t>(count));
     std::generate(sems.begin(), sems.end(), [] { return EKO_MUTEX_CREATE(); });
     return sems;
 }
 
-void deleteAll(const std::vector<EKO_SEM>& sems)
+static void deleteAll(const std::vector<EKO_SEM>& sems)
 {
     std::for_each(sems.begin(), sems.end(), eko_syncDelete);
 }
 
-void* (*allocOfGlobalTag)(size_t size, ALLOCATOR alctr);
-void* slowAlloc(size_t size, ALLOCATOR alctr)
+static void* (*allocOfGlobalTag)(size_t size, ALLOCATOR alctr);
+static void* slowAlloc(size_t size, ALLOCATOR alctr)
 {
     eko_sleep(2);
     return allocOfGlobalTag(size, alctr);
@@ -185,5 +183,3 @@ TEST_F(SyncTest, sync_timedwait_exact_second)
         EXPECT_EQ(memcmp(&deadlines[0], &deadline, sizeof(timespec)), 0) << t;
     }
 }
-
-} // namespace

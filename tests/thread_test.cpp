@@ -36,8 +36,6 @@ PRETEND(pthread_getschedparam, (pthread_t, int* policy, sched_param*),
 PRETEND(pthread_setschedparam, (pthread_t, int, const sched_param* param),
         (scheduler.set = param->sched_priority, scheduler.setResult))
 
-namespace {
-
 using ThreadTest = EkoTest;
 
 TEST_F(ThreadTest, thread_begins_with_signals_blocked)
@@ -75,7 +73,7 @@ TEST_F(ThreadTest, thread_begins_with_signals_blocked)
     ASSERT_EQ(eko_init(), 0);
 }
 
-int32 useTag(void* ends)
+static int32 useTag(void* ends)
 {
     EXPECT_NE(EKO_ALLOC(100, EKO_THREAD_TAG), nullptr);
     if (ends)
@@ -180,5 +178,3 @@ TEST(Thread, thread_clocks_and_sleep_through_signals)
     EXPECT_EQ(eko_timeLocaltime(86399, &tm), &tm);
     EXPECT_TRUE(tm.tm_mday == 2 && tm.tm_hour == 1 && tm.tm_min == 29 && tm.tm_sec == 59);
 }
-
-} // namespace

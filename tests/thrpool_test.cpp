@@ -36,9 +36,7 @@ EKO_WRAP(long, sysconf, (int name))
     return name == _SC_NPROCESSORS_ONLN && processors ? processors : __real_sysconf(name);
 }
 
-namespace {
-
-EKO_SEM gate; // an event that jobs wait for, reset at first
+static EKO_SEM gate; // an event that jobs wait for, reset at first
 
 struct PoolTest : EkoTest {
     void SetUp() override
@@ -49,20 +47,20 @@ struct PoolTest : EkoTest {
     static void reset() { eko_syncStart(gate); }
 };
 
-EKO_THRPOOL* create(uint32 workers)
+static EKO_THRPOOL* create(uint32 workers)
 {
     EKO_THRPOOL* pool = nullptr;
     EXPECT_EQ(eko_thrpoolCreate(workers, &pool), 0);
     return pool;
 }
 
-int32 waitAtGate(void*)
+static int32 waitAtGate(void*)
 {
     return eko_syncWait(gate, EKO_FOREVER) + 77;
 }
 
-EKO_THRPOOL_JOB* add(EKO_THRPOOL* pool, int32 status = 0, EKO_THRPOOL_CALLBACK_FCN callback = nullptr,
-                     void* cbdata = nullptr)
+static EKO_THRPOOL_JOB* add(EKO_THRPOOL* pool, int32 status = 0, EKO_THRPOOL_CALLBACK_FCN callback = nullptr,
+                            void* cbdata = nullptr)
 {
     auto* job = reinterpret_cast<EKO_THRPOOL_JOB*>(pool); // anything but null
     EXPECT_EQ(eko_thrpoolAddJob(pool, waitAtGate, nullptr, callback, cbdata, &job), status);
@@ -70,7 +68,7 @@ EKO_THRPOOL_JOB* add(EKO_THRPOOL* pool, int32 status = 0, EKO_THRPOOL_CALLBACK_F
     return job;
 }
 
-EKO_THRPOOL_JOB* waitUntil(EKO_THRPOOL_JOB* job, EKO_THRPOOL_JOB_STATUS wanted)
+static EKO_THRPOOL_JOB* waitUntil(EKO_THRPOOL_JOB* job, EKO_THRPOOL_JOB_STATUS wanted)
 {
     EKO_THRPOOL_JOB_STATUS status;
     while (eko_thrpoolJobStatus(job, &status) == 0 && status != wanted)
@@ -79,7 +77,7 @@ EKO_THRPOOL_JOB* waitUntil(EKO_THRPOOL_JOB* job, EKO_THRPOOL_JOB_STATUS wanted)
 }
 
 // To all questions about a job, which without a place for the answer are refused.
-std::string answers(const EKO_THRPOOL_JOB* job, bool place = true)
+static std::string answers(const EKO_THRPOOL_JOB* job, bool place = true)
 {
     EKO_THRPOOL_JOB_STATUS status = JOB_WAITING;
     uint64 nsecs;
@@ -93,7 +91,7 @@ std::string answers(const EKO_THRPOOL_JOB* job, bool place = true)
 }
 
 // A callback that outlives its job's deletion by the owner.
-void useDeletedJob(EKO_THRPOOL_JOB* job, void* deleted, int32 rc)
+static void useDeletedJob(EKO_THRPOOL_JOB* job, void* deleted, int32 rc)
 {
     while (!*static_cast<std::atomic<bool>*>(deleted))
         eko_sleep(1);
@@ -213,15 +211,15 @@ TEST_F(PoolTest, pool_without_memory_goes_on_and_ends)
 }
 
 constexpr uint32 JOBS = 100000;
-std::atomic<uint32> wanted, added, run, ended;
+static std::atomic<uint32> wanted, added, run, ended;
 
-int32 runLink(void* counter)
+static int32 runLink(void* counter)
 {
     return static_cast<int32>((*static_cast<std::atomic<uint32>*>(counter))++);
 }
 
 // Each callback adds a job or two, until there are enough.
-void addNext(EKO_THRPOOL_JOB* job, void* data, int32 rc)
+static void addNext(EKO_THRPOOL_JOB* job, void* data, int32 rc)
 {
     EXPECT_EQ(eko_thrpoolJobDelete(job), 0);
     auto* pool = static_cast<EKO_THRPOOL*>(data);
@@ -243,5 +241,3 @@ TEST_F(PoolTest, pool_runs_all_jobs_and_what_they_add)
         EXPECT_TRUE(run == JOBS && ended == JOBS) << run << ' ' << ended;
     }
 }
-
-} // namespace

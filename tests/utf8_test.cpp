@@ -7,8 +7,6 @@
 #include "support/faults.h"
 #include "support/fixture.h"
 
-namespace {
-
 constexpr uint32 LAST = 0x10FFFF;
 
 template <class Unit> using Text = std::basic_string<Unit>;
@@ -71,14 +69,14 @@ void tryAllModes(const Text<From>& text, const Text<To>& dropped, const Text<To>
 }
 
 // Whether it is the cut-off beginning of a character.
-bool begins(const std::string& bytes)
+static bool begins(const std::string& bytes)
 {
     static const char* const rests[] = {"\x80", "\x80\x80", "\x80\x80\x80", "\xBF\x80", "\xBF\x80\x80"};
     return std::ranges::any_of(rests, [&](auto rest) { return iconvert<wchar_t>(bytes + rest).has_value(); });
 }
 
 // Each maximal ill-formed subpart becomes `substitute`.
-std::wstring modelled(const std::string& text, const std::wstring& substitute)
+static std::wstring modelled(const std::string& text, const std::wstring& substitute)
 {
     std::wstring out;
     for (size_t at = 0, n; at < text.size(); at += n) {
@@ -89,8 +87,6 @@ std::wstring modelled(const std::string& text, const std::wstring& substitute)
     }
     return out;
 }
-
-} // namespace
 
 TEST(Utf8, every_code_point_agrees_with_iconv)
 {
