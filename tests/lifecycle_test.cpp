@@ -23,12 +23,7 @@ static void note(const char* call)
     trace += std::string(call) + (eko_terminating ? "! " : " ");
 }
 
-#define TRACED(name, mangled) \
-    EKO_WRAP(void, mangled, ()) \
-    { \
-        note(name); \
-        __real_##mangled(); \
-    }
+#define TRACED(name, mangled) EKO_ANSWER(void, mangled, (), (note(name), __real_##mangled()))
 TRACED("os", _Z10eko_osTermv)
 TRACED("global", _Z14eko_globalTermv)
 TRACED("shutdown", _Z16eko_syncShutdownv)

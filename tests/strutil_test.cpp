@@ -5,10 +5,8 @@
 
 static std::string longText; // what the system says of any error, unless empty
 
-EKO_WRAP(char*, strerror_r, (int err, char* buff, size_t len))
-{
-    return longText.empty() ? __real_strerror_r(err, buff, len) : longText.data();
-}
+EKO_ANSWER(char*, strerror_r, (int err, char* buff, size_t len),
+           longText.empty() ? __real_strerror_r(err, buff, len) : longText.data())
 
 TEST_F(EkoTest, strutil_letters_numbers_copies)
 {

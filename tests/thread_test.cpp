@@ -24,17 +24,12 @@ EKO_WRAP(int, pthread_create, (pthread_t * tid, const pthread_attr_t* attr, void
     return creation.refusal ? creation.refusal : __real_pthread_create(tid, attr, fcn, arg);
 }
 
-#define PRETEND(name, params, answer) \
-    EKO_WRAP(int, name, params) \
-    { \
-        return answer; \
-    }
-PRETEND(sched_get_priority_min, (int), scheduler.min)
-PRETEND(sched_get_priority_max, (int policy), policy == SCHED_RR ? scheduler.max : -9)
-PRETEND(pthread_getschedparam, (pthread_t, int* policy, sched_param*),
-        (*policy = SCHED_RR, scheduler.readsLeft--) ? 0 : 1)
-PRETEND(pthread_setschedparam, (pthread_t, int, const sched_param* param),
-        (scheduler.set = param->sched_priority, scheduler.setResult))
+EKO_ANSWER(int, sched_get_priority_min, (int), scheduler.min)
+EKO_ANSWER(int, sched_get_priority_max, (int policy), policy == SCHED_RR ? scheduler.max : -9)
+EKO_ANSWER(int, pthread_getschedparam, (pthread_t, int* policy, sched_param*),
+           (*policy = SCHED_RR, scheduler.readsLeft--) ? 0 : 1)
+EKO_ANSWER(int, pthread_setschedparam, (pthread_t, int, const sched_param* param),
+           (scheduler.set = param->sched_priority, scheduler.setResult))
 
 using ThreadTest = EkoTest;
 

@@ -31,10 +31,8 @@ EKO_WRAP(int, pthread_create, (pthread_t * tid, const pthread_attr_t* attr, void
     return callFails("pthread_create") ? EAGAIN : __real_pthread_create(tid, attr, fcn, worker);
 }
 
-EKO_WRAP(long, sysconf, (int name))
-{
-    return name == _SC_NPROCESSORS_ONLN && processors ? processors : __real_sysconf(name);
-}
+EKO_ANSWER(long, sysconf, (int name),
+           name == _SC_NPROCESSORS_ONLN && processors ? processors : __real_sysconf(name))
 
 static EKO_SEM gate; // an event that jobs wait for, reset at first
 

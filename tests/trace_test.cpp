@@ -12,10 +12,8 @@ EKO_WRAP(void, eko_freeMem, (const void* ptr, EKO_MEMTAG tt, const char* file, u
         freed.push_back(found->second), alive.erase(found);
     __real_eko_freeMem(ptr, tt, file, line);
 }
-EKO_WRAP(int, open64, (const char* path, int flags, mode_t mode))
-{
-    return strstr(path, refused) ? (errno = EACCES, -1) : __real_open64(path, flags, mode);
-}
+EKO_ANSWER(int, open64, (const char* path, int flags, mode_t mode),
+           strstr(path, refused) ? (errno = EACCES, -1) : __real_open64(path, flags, mode))
 
 struct TraceTest : DiskTest {
     void SetUp() override { DiskTest::SetUp(), setenv("TMPDIR", dir_.path().c_str(), 1), restart(); }

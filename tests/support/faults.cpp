@@ -5,16 +5,14 @@
 #include "support/fixture.h"
 
 // Under a sanitizer too a request that is too large fails, instead of ending the process.
-extern "C" const char* __asan_default_options();
-extern "C" const char* __tsan_default_options();
-const char* __asan_default_options()
-{
-    return "allocator_may_return_null=1";
-}
-const char* __tsan_default_options()
-{
-    return "allocator_may_return_null=1";
-}
+#define DEFAULT_OPTIONS(sanitizer) \
+    extern "C" const char* __##sanitizer##_default_options(); \
+    const char* __##sanitizer##_default_options() \
+    { \
+        return "allocator_may_return_null=1"; \
+    }
+DEFAULT_OPTIONS(asan)
+DEFAULT_OPTIONS(tsan)
 
 Fuse heapFuse, tagFuse;
 jmp_buf exhaustedJump;
@@ -91,17 +89,6 @@ static bool heapFails()
     return heapFuse.blows() && (errno = ENOMEM);
 }
 
-EKO_WRAP(void*, malloc, (size_t size))
-{
-    return heapFails() ? nullptr : __real_malloc(size);
-}
-
-EKO_WRAP(void*, calloc, (size_t count, size_t size))
-{
-    return heapFails() ? nullptr : __real_calloc(count, size);
-}
-
-EKO_WRAP(void*, realloc, (void* ptr, size_t size))
-{
-    return heapFails() ? nullptr : __real_realloc(ptr, size);
-}
+EKO_ANSWER(void*, malloc, (size_t size), heapFails() ? nullptr : __real_malloc(size))
+EKO_ANSWER(void*, calloc, (size_t count, size_t size), heapFails() ? nullptr : __real_calloc(count, size))
+EKO_ANSWER(void*, realloc, (void* ptr, size_t size), heapFails() ? nullptr : __real_realloc(ptr, size))

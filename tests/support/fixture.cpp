@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <regex.h>
 #include <stdio.h>
-#include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,11 +104,9 @@ void writeFile(const std::string& path, const std::string& bytes)
 
 CapturedFd::CapturedFd(int fd) : fd_(fd), saved_(dup(fd))
 {
-    char name[] = "/tmp/eko-capture-XXXXXX";
     fflush(stdout);
-    file_ = mkstemp(name);
+    file_ = memfd_create("captured", 0);
     EXPECT_GE(file_, 0);
-    unlink(name);
     fcntl(file_, F_SETFL, O_APPEND);
     dup2(file_, fd_);
 }

@@ -121,4 +121,11 @@ template <class Action> void inThreads(uint32 count, Action action)
     extern "C" result __wrap_##name params; \
     result __wrap_##name params
 
+// The same, for a replacement that just has an answer.
+#define EKO_ANSWER(result, name, params, answer) \
+    EKO_WRAP(result, name, params) \
+    { \
+        return answer; \
+    }
+
 #endif

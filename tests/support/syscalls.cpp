@@ -35,10 +35,7 @@ static size_t allowed(const char* call, size_t size)
 
 // FAILED when the fault is on it, else the real one with ARGS.
 #define WRAP(type, name, params, args, failed) \
-    EKO_WRAP(type, name, params) \
-    { \
-        return callFails(#name) ? failed : __real_##name args; \
-    }
+    EKO_ANSWER(type, name, params, callFails(#name) ? failed : __real_##name args)
 
 WRAP(int, open64, (const char* path, int flags, mode_t mode), (path, flags, mode), -1)
 WRAP(ssize_t, read, (int fd, void* buf, size_t n), (fd, buf, allowed("read", n)), -1)
