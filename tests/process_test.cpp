@@ -132,33 +132,17 @@ static std::string signals() // blocked, ignored, caught
     _exit(pause());
 }
 
-// What a process that has ended left in its pipe; a daemon may hold the other end still.
-static std::string drain(const int (&ends)[2])
-{
-    char text[4096];
-    fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    const ssize_t count = read(ends[0], text, sizeof text);
-    close(ends[0]);
-    return std::string(text, size_t(std::max<ssize_t>(count, 0)));
-}
-
 // What was said on standard output and error when the launching process has ended, and its status.
 static std::string launch(int act)
 {
-    int out[2], err[2];
-    EXPECT_EQ(pipe(out) + pipe(err), 0);
-    fflush(stdout);
+    CapturedFd out(1), err(2);
     const pid_t launcher = fork();
-    if (launcher == 0) {
-        dup2(out[1], 1), dup2(err[1], 2);
-        for (int end : {out[0], out[1], err[0], err[1]})
-            close(end);
+    if (launcher == 0)
         start(act);
-    }
-    close(out[1]), close(err[1]);
     int status = -1;
     EXPECT_EQ(waitpid(launcher, &status, 0), launcher);
-    return drain(out) + drain(err) + "status " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    const std::string code = std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    return out.take() + err.take() + "status " + code;
 }
 
 TEST_F(ProcessTest, process_daemon)

@@ -10,28 +10,26 @@ nm=$1 library=$2 include=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# One line per declaration: its name, "documented" or "bare", and where it is. A declaration begins with a line
-# that starts with EKO_API, or with other marks in capitals and EKO_API, and ends with a semicolon; its name is the
-# word in front of the first parenthesis, or of the semicolon. An empty line, or any line of something else, ends a
-# run of declarations.
+# One line per declaration: its name, "documented" or "bare", and where it is. A declaration begins a line with EKO_API,
+# or with other marks in capitals and EKO_API; its name is the word in front of the first parenthesis, or of the
+# semicolon. An empty line, or anything else, ends a run of declarations.
 find "$include" -name '*.h' -exec awk '
-    FNR == 1 { inComment = inDeclaration = documented = 0 }
-    inDeclaration { text = text " " $0 }
-    !inDeclaration && inComment { if (/\*\//) inComment = 0; next }
-    !inDeclaration && /^\/\*/ {
-        documented = /^\/\*\*/
-        inComment = !/\*\//
-        next
-    }
-    !inDeclaration && /^([A-Z_]+ )*EKO_API([ \t]|$)/ { inDeclaration = 1; text = $0; where = FILENAME ":" FNR }
-    !inDeclaration { documented = 0; next }
-    text ~ /;/ {
-        inDeclaration = 0
-        name = text
-        sub(/[(;].*/, "", name)
-        sub(/[ \t]+$/, "", name)
-        sub(/.*[^A-Za-z0-9_]/, "", name)
-        print name, documented ? "documented" : "bare", where
+    BEGIN { RS = "" }
+    {
+        found = /^\/\*\*/ ? "documented" : "bare"
+        gsub(/\/\*([^*]|\*+[^*\/])*\*+\//, "") # comments
+        count = split($0, statements, ";")
+        for (i = 1; i <= count; ++i) {
+            name = statements[i]
+            if (name !~ /(^|\n)([A-Z_]+ )*EKO_API[ \t\n]/) {
+                found = "bare"
+                continue
+            }
+            sub(/\(.*/, "", name)
+            sub(/[ \t\n]+$/, "", name)
+            sub(/.*[^A-Za-z0-9_]/, "", name)
+            print name, found, FILENAME
+        }
     }
 ' {} + | sort > "$work/declared"
 "$nm" -D --defined-only --extern-only "$library" |

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Has gdb show the state that gdb_program.c makes, in the process and in a core file, with either form of the library.
-#   gdb.sh CC SOURCE_DIR LIB_DIR [FLAG...]
+# Has gdb show the state that gdb_program.c makes, in the process and in a core file, with either form of the library,
+# and what a load of minidb traced. Without examples MINIDB is "none".
+#   gdb.sh MINIDB CC SOURCE_DIR LIB_DIR [FLAG...]
 set -euo pipefail
 gdb -nx -batch -iex 'set disable-randomization off' -ex run /bin/true 2>&1 | grep 'exited normally' || exit 77
-source=$2 libs=$3
-compile=("$1" "${@:4}" -std=c11 -g -I "$source/include" "$source/tests/checks/gdb_program.c" -pthread)
+minidb=$1 source=$3 libs=$4
+compile=("$2" "${@:5}" -std=c11 -g -I "$source/include" "$source/tests/checks/gdb_program.c" -pthread)
 cd "$(mktemp -d)"
 trap 'rm -rf "$PWD"' EXIT
 "${compile[@]}" -o shared -L "$libs" "-Wl,-rpath,$libs" -leko
@@ -39,3 +40,13 @@ for said in 'there is no process and no core file' 'the library is not started' 
     '[0-9]+ tags, incomplete' 'eko sems takes no argument'; do
     grep -Exq "$said" shown || { echo "gdb did not say: $said" && cat shown && exit 1; }
 done
+
+# Each batch read, parsed and appended, and the commit as the newest line.
+[ "$minidb" != none ] || exit 0
+seq -f '%g;value' 3000 > text
+look -ex "source $source/tools/gdb/eko.py" -ex 'break eko_term' -ex 'run --trace load --threads 2 text db' \
+    -ex 'eko trace' "$minidb"
+for line in {1,1025,2049}': '{'read',parsed,appended}; do
+    grep -Eq "0x\w+: line $line" shown || { echo "no 'line $line' in" && cat shown && exit 1; }
+done
+grep 0x shown | tail -n 1 | grep -Eq ': committing 3000 records$' || { echo "no commit at the end of" && cat shown && exit 1; }
