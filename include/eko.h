@@ -30,6 +30,7 @@
 #include "eko/ini.h"
 #include "eko/log.h"
 #include "eko/mem.h"
+#include "eko/parse.h"
 #include "eko/path.h"
 #include "eko/process.h"
 #include "eko/queue.h"
