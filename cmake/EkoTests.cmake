@@ -19,10 +19,20 @@ else()
     set(EKO_TEST_TIMEOUT 60)
 endif()
 
+# eko_tagged_lines(RESULT FILE TAG)  what stands behind "// TAG: " in the lines of FILE.
+function(eko_tagged_lines result file tag)
+    file(STRINGS ${file} lines REGEX "^// ${tag}: ")
+    list(TRANSFORM lines REPLACE "^// ${tag}: " "")
+    set(${result} ${lines} PARENT_SCOPE)
+endfunction()
+
 # eko_add_test(FILE)  makes a program of FILE, linked with the static library so that it reaches the private
 # headers' functions, and has CTest run each of its tests in a process of its own. A line such as
 #       // LINK: --wrap=malloc --wrap=free
-# in the file, or in a header of support/ that it includes, gives options to the linker.
+# in the file, or in a header of support/ that it includes, gives options to the linker. Lines such as
+#       // GRAMMAR: grammars/calc.y
+#       // REFERENCE: grammars/calc.y
+# make parsers of a grammar: eko's, and bison's own to compare it with, whose names begin with ref_.
 function(eko_add_test file)
     cmake_path(GET file STEM LAST_ONLY name)
     add_executable(${name} ${file})
@@ -38,13 +48,25 @@ function(eko_add_test file)
     list(TRANSFORM included REPLACE "^#include \"(.*)\"" "${PROJECT_SOURCE_DIR}/tests/\\1")
     foreach(source IN LISTS file included)
         set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
-        file(STRINGS ${source} link_lines REGEX "^// LINK: ")
+        eko_tagged_lines(link_lines ${source} LINK)
         foreach(line IN LISTS link_lines)
-            string(REGEX REPLACE "^// LINK: " "" options "${line}")
-            separate_arguments(options UNIX_COMMAND "${options}")
+            separate_arguments(options UNIX_COMMAND "${line}")
             list(TRANSFORM options PREPEND "LINKER:")
             target_link_options(${name} PRIVATE ${options})
         endforeach()
+    endforeach()
+
+    eko_tagged_lines(grammars ${file} GRAMMAR)
+    foreach(grammar IN LISTS grammars)
+        eko_add_grammar(${name} ${grammar})
+    endforeach()
+    eko_tagged_lines(grammars ${file} REFERENCE)
+    foreach(grammar IN LISTS grammars)
+        cmake_path(GET grammar STEM LAST_ONLY stem)
+        eko_run_bison(${name} ${grammar} ${stem}.ref -F "api.prefix={ref_}" -D api.pure=full -D parse.lac=full
+            -D parse.error=custom)
+        set_source_files_properties(${CMAKE_CURRENT_BINARY_DIR}/${name}-grammars/${stem}.ref.c PROPERTIES
+            COMPILE_OPTIONS -w) # what bison writes has other habits
     endforeach()
 
     string(REGEX REPLACE "_test$" "" prefix ${name})

@@ -1,0 +1,57 @@
+/* A language without a meaning that has all that a driver must get right: lists, empty rules, actions inside rules,
+ * precedence, operators that do not associate, `error` at two levels, errors that actions raise. Bison makes two
+ * parsers of it, with eko's skeleton and with its own, which has YYBISON. Both note each action and each error. */
+%define api.prefix {machine_}
+%code requires {
+#include <stdint.h>
+struct machine;
+}
+%param {struct machine* m}
+%define api.value.type {uint32_t}
+%left '='
+%left '+'
+%left '*'
+%nonassoc '<'
+%code {
+#ifdef YYBISON
+int ref_lex(uint32_t* value, struct machine* m);
+static void ref_error(struct machine* m, const char* message);
+#endif
+uint32_t machine_note(struct machine* m, uint32_t rule, uint32_t value);
+void machine_reported(struct machine* m, int found, const short* expected, int count);
+#define NOTE(rule, value) machine_note(m, rule, value)
+}
+%%
+text: items { $$ = NOTE(1, $1); };
+items: %empty { $$ = NOTE(2, 0); } | items item { $$ = NOTE(3, 31 * $1 + $2); };
+item: expr ';'
+    | '{' { $$ = NOTE(4, 7); } items '}' { $$ = NOTE(5, $2 + $3); }
+    | error ';' { yyerrok; $$ = NOTE(6, 1); }
+    | 'x' expr ';' { $$ = NOTE(7, $2); if ($2 % 2 == 0) YYERROR; }
+    | '[' expr ']' ';' | '[' error closing ';' { $$ = NOTE(20, 2); }
+    | 'y' choice 'z' { $$ = NOTE(8, $2); };
+closing: %empty { $$ = NOTE(21, 6); } | ']';
+choice: %empty { $$ = NOTE(9, 5); } | 'c' | 'c' 'c' { $$ = NOTE(10, $1 - $2); };
+expr: 'n' | '(' expr ')' { $$ = NOTE(11, $2); } | '(' error ')' { $$ = NOTE(12, 3); }
+    | expr '=' expr { $$ = NOTE(13, $1 ^ $3); } | expr '+' expr { $$ = NOTE(14, $1 + $3); if ($$ % 4 == 0) YYERROR; }
+    | expr '*' expr { $$ = NOTE(15, $1 * $3); } | expr '<' expr { $$ = NOTE(16, $1 < $3); }
+    | 'f' '(' arguments ')' { $$ = NOTE(17, $3); };
+arguments: %empty { $$ = NOTE(18, 0); } | list;
+list: expr | list ',' expr { $$ = NOTE(19, 17 * $1 + $3); };
+%%
+#ifdef YYBISON
+static int yyreport_syntax_error(const yypcontext_t* context, struct machine* m)
+{
+    yysymbol_kind_t expected[YYNTOKENS];
+    short symbols[YYNTOKENS];
+    int count = yypcontext_expected_tokens(context, expected, YYNTOKENS);
+    for (int i = 0; i < count; ++i)
+        symbols[i] = (short)expected[i];
+    machine_reported(m, yypcontext_token(context), symbols, count);
+    return 0;
+}
+static void ref_error(struct machine* m, const char* message)
+{
+    (void)m, (void)message;
+}
+#endif
