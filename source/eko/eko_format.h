@@ -9,7 +9,7 @@
 // State   None between calls. The locale is read per directive, when a separator or a point is needed.
 //
 // The engine is a template over the character type and is instantiated by one module for each. Fields of
-// integers and floats have headers of their own.
+// integers and floats have headers of their own; what does not depend on the character type is in eko_format.cpp.
 #ifndef EKO_EKO_FORMAT_H
 #define EKO_EKO_FORMAT_H
 
@@ -20,7 +20,7 @@
 
 // ---- conversions ----------------------------------------------------------------------------------------
 
-enum KIND : uint8 { K_UNKNOWN, K_PERCENT, K_INTEGER, K_CHAR, K_STRING, K_POINTER, K_COUNT, K_FLOAT };
+enum KIND : uint8 { K_UNKNOWN, K_PERCENT, K_INTEGER, K_CHAR, K_STRING, K_COUNT, K_FLOAT };
 
 struct CONVERSION {
     KIND kind;
@@ -33,12 +33,12 @@ struct CONVERSION_ROW {
     CONVERSION conversion;
 };
 
-constexpr CONVERSION_ROW CONVERSION_ROWS[] = {
+inline constexpr CONVERSION_ROW CONVERSION_ROWS[] = {
     {"%", {K_PERCENT, 0, 0}},
     {"c", {K_CHAR, 0, 0}},
     {"s", {K_STRING, 0, 0}},
     {"n", {K_COUNT, 0, 0}},
-    {"p", {K_POINTER, 16, F_UNSIGNED | F_POINTER}},
+    {"p", {K_INTEGER, 16, F_UNSIGNED | F_POINTER}},
     {"di", {K_INTEGER, 10, 0}},
     {"o", {K_INTEGER, 8, F_UNSIGNED}},
     {"u", {K_INTEGER, 10, F_UNSIGNED}},
@@ -72,7 +72,7 @@ inline constexpr CONVERSION_TABLE CONVERSIONS = conversionsByLetter();
 // The flags from space to the digit 0; 0 is no flag.
 constexpr char FIRST_FLAG = ' ';
 constexpr char LAST_FLAG = '0';
-constexpr uint16 FLAGS[LAST_FLAG - FIRST_FLAG + 1] = {
+inline constexpr uint16 FLAGS[LAST_FLAG - FIRST_FLAG + 1] = {
     F_SPACE, 0, 0, F_ALT, 0, 0, 0, F_GROUP, 0, 0, 0, F_PLUS, 0, F_MINUS, 0, 0, F_ZERO,
 };
 
@@ -165,32 +165,20 @@ template <class C> inline void parseModifier(FormatCtx<C>& ctx)
     }
 }
 
-// ---- strings, pointers, the count -----------------------------------------------------------------------
+// ---- strings --------------------------------------------------------------------------------------------
 
-template <class C> size_t lengthToPrint(const FormatCtx<C>& ctx, const C* str)
+// DELIBERATE: all of "(null)" or nothing; callers never get a part of it to see.
+// Pinned by Format.texts_depart_from_c.
+template <class C> void putNullString(FormatCtx<C>& ctx)
 {
-    if (ctx.precision == NO_PRECISION)
-        return FormatTraits<C>::length(str);
-    return FormatTraits<C>::length(str, static_cast<size_t>(ctx.precision));
-}
-
-template <class C> void putString(FormatCtx<C>& ctx, const C* str)
-{
-    if (!str) {
-        str = TEXT_NULL<C>;
-        // DELIBERATE: all of "(null)" or nothing; callers never get a part of it to see.
-        // Pinned by Format.texts_depart_from_c.
-        const bool cut =
-            ctx.precision != NO_PRECISION && static_cast<size_t>(ctx.precision) < FormatTraits<C>::length(str);
-        if (cut)
-            ctx.precision = 0;
-    }
-    putWord(ctx, C(0), str, lengthToPrint(ctx, str));
+    const size_t len = lengthOf(TEXT_NULL);
+    const bool whole = ctx.precision == NO_PRECISION || static_cast<size_t>(ctx.precision) >= len;
+    putWord(ctx, 0, TEXT_NULL, whole ? len : 0);
 }
 
 #if EKO_CHECKED
 // The block of the string that is appended to may move before the argument is read for the second time.
-template <class C> bool isSafeArgument(const FormatCtx<C>& ctx, const C* str)
+template <class C> bool isSafeArgument(const FormatCtx<C>& ctx, const void* str)
 {
     const StrCtx<C>& sink = *ctx.sctx;
     if (!str || !sink.extended || str < sink.extended || str > sink.extended + sink.extendedLen)
@@ -199,48 +187,31 @@ template <class C> bool isSafeArgument(const FormatCtx<C>& ctx, const C* str)
     return false;
 }
 #else
-template <class C> constexpr bool isSafeArgument(const FormatCtx<C>&, const C*)
+template <class C> constexpr bool isSafeArgument(const FormatCtx<C>&, const void*)
 {
     return true;
 }
 #endif
 
-template <class C> void putPointer(FormatCtx<C>& ctx)
+// False when the directive fails.
+template <class C> bool putString(FormatCtx<C>& ctx)
 {
-    const void* const ptr = va_arg(ctx.sctx->args, const void*);
-    if (ptr)
-        putInteger(ctx, static_cast<uint64>(int64{reinterpret_cast<intptr_t>(ptr)})); // by its sign, as a number
-    else
-        putString(ctx, TEXT_NIL<C>);
-}
-
-template <class Int, class C> inline void storeAs(FormatCtx<C>& ctx)
-{
-    *va_arg(ctx.sctx->args, Int*) = static_cast<Int>(ctx.sctx->len);
-}
-
-template <class C> void storeCount(FormatCtx<C>& ctx)
-{
-    switch (ctx.conv) {
-    case C_DEFAULT:
-        return storeAs<int32>(ctx);
-    case C_CHAR:
-        return storeAs<int8>(ctx);
-    case C_SHORT:
-        return storeAs<int16>(ctx);
-    case C_LONG:
-        return storeAs<long>(ctx);
-    case C_LLONG:
-    case C_INTMAX:
-        return storeAs<int64>(ctx);
-    case C_SIZE:
-        return storeAs<size_t>(ctx);
-    case C_PTRDIFF:
-        return storeAs<ptrdiff_t>(ctx);
-    case C_LDOUBLE:
-        return; // DELIBERATE: takes no argument, as %Ld. Pinned by Format.integers_depart_from_c.
+    const void* const arg = va_arg(ctx.sctx->args, const void*);
+    if (!isSafeArgument(ctx, arg))
+        return false;
+    if (!arg) {
+        putNullString(ctx);
+        return true;
     }
+    const C* const str = static_cast<const C*>(arg);
+    putWord(ctx, 0, str, lengthToPrint(ctx, str));
+    return true;
 }
+
+// ---- the count, in eko_format.cpp -----------------------------------------------------------------------
+
+// Stores the characters produced so far through the directive's argument.
+void storeCount(const Directive& ctx, size_t count, va_list& args);
 
 // ---- the walk -------------------------------------------------------------------------------------------
 
@@ -254,27 +225,17 @@ template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
         putChar(*ctx.sctx, C('%'));
         return true;
     case K_CHAR:
-        putChar(*ctx.sctx, FormatTraits<C>::character(va_arg(ctx.sctx->args, int)));
+        putChar(*ctx.sctx, static_cast<C>(va_arg(ctx.sctx->args, int)));
         return true;
     case K_INTEGER:
-        putInteger(ctx, fetchInteger(ctx));
+        putInteger(ctx);
         return true;
-    case K_STRING: {
-        const C* const str = va_arg(ctx.sctx->args, const C*);
-        if (!isSafeArgument(ctx, str))
-            return false;
-        putString(ctx, str);
-        return true;
-    }
-    case K_POINTER:
-        putPointer(ctx);
-        return true;
+    case K_STRING:
+        return putString(ctx);
     case K_COUNT:
-        storeCount(ctx);
+        storeCount(ctx, ctx.sctx->len, ctx.sctx->args);
         return true;
     case K_FLOAT:
-        if ((ctx.flags & F_GSTYLE) && ctx.precision == 0)
-            ctx.precision = 1;
         return putFloat(ctx);
     case K_UNKNOWN:
         return true; // DELIBERATE: silent, without an argument. Pinned by Format.texts_depart_from_c.
@@ -342,7 +303,8 @@ template <class C> int formatV(C* str, size_t size, const C* fmt, va_list args)
 }
 
 // ---- new and longer strings -----------------------------------------------------------------------------
-// Quiet, for the exported calls to report when no argument list is open any more.
+// tryAppend is quiet, for the exported calls to report when no argument list is open any more: memFail may leave
+// by longjmp.
 
 // The bytes of a string of old + added characters and its terminator; false when that wraps.
 template <class C> inline bool bytesFor(size_t old, int added, size_t* bytes)
@@ -368,7 +330,7 @@ template <class C> int measureFor(const C* str, size_t oldLen, const C* fmt, va_
 template <class C> C* tryAppend(EKO_MEMTAG tag, const C* str, const C* fmt, va_list args, MemResult* result)
 {
     *result = MemResult::refused;
-    const size_t oldLen = str ? FormatTraits<C>::length(str) : 0;
+    const size_t oldLen = str ? lengthOf(str) : 0;
     const int added = measureFor(str, oldLen, fmt, args);
     if (added < 0)
         return nullptr;
@@ -384,6 +346,22 @@ template <class C> C* tryAppend(EKO_MEMTAG tag, const C* str, const C* fmt, va_l
     C* const longer = static_cast<C*>(block);
     formatV(longer + oldLen, static_cast<size_t>(added) + 1, fmt, args);
     return longer;
+}
+
+// What an exported call ends with.
+template <class C> C* orFail(C* str, MemResult result, EKO_MEMTAG tag, const char* file, uint32 line)
+{
+    if (!str)
+        memFail(result, tag, file, line);
+    return str;
+}
+
+template <class C>
+C* appendV(const char* file, uint32 line, EKO_MEMTAG tag, const C* str, const C* fmt, va_list args)
+{
+    MemResult result;
+    C* const longer = tryAppend(tag, str, fmt, args, &result);
+    return orFail(longer, result, tag, file, line);
 }
 
 #endif

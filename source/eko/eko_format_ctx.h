@@ -1,18 +1,18 @@
 // eko_format_ctx.h - what one formatting call works on: the sink, the directive, and how text gets into the sink.
 //
-// Everything is a template over the character type C, char or wchar_t; lengths are in characters. What differs
-// between the two is in FormatTraits<C>, which the module that instantiates the engine provides:
+// What depends on the character type C, char or wchar_t, is a template over it; lengths are in characters. Digits,
+// signs, prefixes and words are ASCII, kept as bytes and widened on their way into a wide sink; so what lays fields
+// out is compiled once, in eko_format.cpp. What else differs between the two types is in FormatTraits<C>, which the
+// module that instantiates the engine provides:
 //
 //      using Locale = ...;                        the locale's conventions, read when first needed; {} is unread
 //      static const C* decimalPoint(Locale&);     null when the locale gives none
 //      static const C* thousandsSep(Locale&);
-//      static size_t length(const C* str);
-//      static size_t length(const C* str, size_t max);    never looks at more than max characters
-//      static C character(int arg);               what %c prints
 #ifndef EKO_EKO_FORMAT_CTX_H
 #define EKO_EKO_FORMAT_CTX_H
 
 #include <string.h>
+#include <wchar.h>
 
 #include "ekoint.h"
 
@@ -46,13 +46,17 @@ template <class C> struct StrCtx {
 #endif
 };
 
-// One directive.
-template <class C> struct FormatCtx {
+// What a directive says.
+struct Directive {
     uint16 flags;
     CONV conv;
     uint32 base; // 8, 10, 16
     int32 width;
     int32 precision; // NO_PRECISION when none was given
+};
+
+// One directive and what it works with.
+template <class C> struct FormatCtx : Directive {
     StrCtx<C>* sctx;
     const C* fmt; // cursor in the format
     typename FormatTraits<C>::Locale lc;
@@ -60,14 +64,36 @@ template <class C> struct FormatCtx {
 
 // ---- fixed texts ----------------------------------------------------------------------------------------
 
-template <class C> inline constexpr C TEXT_NULL[] = {'(', 'n', 'u', 'l', 'l', ')', 0};
-template <class C> inline constexpr C TEXT_NIL[] = {'(', 'n', 'i', 'l', ')', 0};
-template <class C> inline constexpr C TEXT_NAN[2][4] = {{'n', 'a', 'n', 0}, {'N', 'A', 'N', 0}}; // [upper]
-template <class C> inline constexpr C TEXT_INF[2][4] = {{'i', 'n', 'f', 0}, {'I', 'N', 'F', 0}};
-template <class C> inline constexpr C TEXT_HEX[2][3] = {{'0', 'x', 0}, {'0', 'X', 0}};
-template <class C> inline constexpr C TEXT_OCTAL[] = {'0', 0};
+inline constexpr char TEXT_NULL[] = "(null)";
+inline constexpr char TEXT_NIL[] = "(nil)";
 template <class C> inline constexpr C TEXT_POINT[] = {'.', 0};
 template <class C> inline constexpr C TEXT_COMMA[] = {',', 0};
+
+// ---- lengths --------------------------------------------------------------------------------------------
+// With a maximum they never look at more characters than that.
+
+inline size_t lengthOf(const char* str)
+{
+    return strlen(str);
+}
+inline size_t lengthOf(const wchar_t* str)
+{
+    return wcslen(str);
+}
+inline size_t lengthOf(const char* str, size_t max)
+{
+    return strnlen(str, max);
+}
+inline size_t lengthOf(const wchar_t* str, size_t max)
+{
+    return wcsnlen(str, max);
+}
+
+// How much of a string the directive prints.
+template <class T> inline size_t lengthToPrint(const Directive& ctx, const T* str)
+{
+    return ctx.precision == NO_PRECISION ? lengthOf(str) : lengthOf(str, static_cast<size_t>(ctx.precision));
+}
 
 // ---- the sink -------------------------------------------------------------------------------------------
 // Text is stored as far as it fits in front of the last place, which is the terminator's, and counted in full.
@@ -106,6 +132,13 @@ template <class C> inline void putText(StrCtx<C>& sink, const C* text, size_t n)
     countOut(sink, n);
 }
 
+// ASCII, widened.
+inline void putText(StrCtx<wchar_t>& sink, const char* text, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        putChar(sink, wchar_t{text[i]});
+}
+
 // n copies of c; nothing when n is 0 or below, which is how padding that belongs on the other side says so.
 template <class C> inline void putCopies(StrCtx<C>& sink, C c, int32 n)
 {
@@ -120,19 +153,19 @@ template <class C> inline void putCopies(StrCtx<C>& sink, C c, int32 n)
 }
 
 // n digits that are stored last one first; nothing when n is 0 or below.
-template <class C> inline void putReversed(StrCtx<C>& sink, const C* digits, int32 n)
+template <class C> inline void putReversed(StrCtx<C>& sink, const char* digits, int32 n)
 {
     if (n <= 0)
         return;
     if (roomIn(sink) >= static_cast<size_t>(n)) {
         C* to = sink.str + sink.len;
         for (int32 i = n; i-- > 0;)
-            *to++ = digits[i];
+            *to++ = C(digits[i]);
         countOut(sink, static_cast<size_t>(n));
         return;
     }
     for (int32 i = n; i-- > 0;)
-        putChar(sink, digits[i]);
+        putChar(sink, C(digits[i]));
 }
 
 template <class C> inline void terminate(StrCtx<C>& sink)
@@ -146,33 +179,29 @@ template <class C> inline void terminate(StrCtx<C>& sink)
 // ---- layout ---------------------------------------------------------------------------------------------
 
 // What is missing to the width, not below 0. A field can be longer than an int32 says.
-template <class C> inline int32 paddingTo(const FormatCtx<C>& ctx, int64 fieldLen)
+inline int32 paddingTo(const Directive& ctx, int64 fieldLen)
 {
     const int64 padding = int64{ctx.width} - fieldLen;
     return padding > 0 ? static_cast<int32>(padding) : 0;
 }
 
-// A word instead of digits: the sign, if any, and n characters, padded with spaces.
-template <class C> void putWord(FormatCtx<C>& ctx, C sign, const C* word, size_t n)
+// The same, negative when it belongs behind the field.
+inline int32 placedPadding(const Directive& ctx, int64 fieldLen)
 {
-    int32 padLen = paddingTo(ctx, static_cast<int64>(n) + (sign ? 1 : 0));
-    if (ctx.flags & F_MINUS)
-        padLen = -padLen;
+    const int32 padding = paddingTo(ctx, fieldLen);
+    return ctx.flags & F_MINUS ? -padding : padding;
+}
+
+// A word instead of digits: the sign, if any, and n characters, padded with spaces.
+template <class C, class T> void putWord(FormatCtx<C>& ctx, char sign, const T* word, size_t n)
+{
+    const int32 padLen = placedPadding(ctx, static_cast<int64>(n) + (sign ? 1 : 0));
     StrCtx<C>& sink = *ctx.sctx;
     putCopies(sink, C(' '), padLen);
     if (sign)
-        putChar(sink, sign);
+        putChar(sink, C(sign));
     putText(sink, word, n);
     putCopies(sink, C(' '), -padLen);
-}
-
-template <class C> inline C signFor(const FormatCtx<C>& ctx, bool negative)
-{
-    if (negative)
-        return '-';
-    if (ctx.flags & F_PLUS)
-        return '+';
-    return ctx.flags & F_SPACE ? C(' ') : C(0);
 }
 
 // ---- digits and the locale ------------------------------------------------------------------------------
@@ -189,18 +218,21 @@ template <class C> inline const C* thousandsSep(FormatCtx<C>& ctx)
     return sep ? sep : TEXT_COMMA<C>;
 }
 
+// Characters that one separator takes in this directive.
+template <class C> inline int32 separatorLength(FormatCtx<C>& ctx)
+{
+    return ctx.flags & F_GROUP ? static_cast<int32>(lengthOf(thousandsSep(ctx))) : 0;
+}
+
 // Characters that the separators between groups of three of n digits take. Zero can have no digits at all
 // (%'.0d), and that is no reason to count less than no separator.
-template <class C> int32 separatorsFor(FormatCtx<C>& ctx, int32 n)
+inline int32 separatorsFor(int32 n, int32 separatorLen)
 {
-    if (!(ctx.flags & F_GROUP) || n == 0)
-        return 0;
-    const int32 groups = (n + 2) / 3;
-    return (groups - 1) * static_cast<int32>(FormatTraits<C>::length(thousandsSep(ctx)));
+    return n == 0 ? 0 : ((n + 2) / 3 - 1) * separatorLen;
 }
 
 // A number's digits, stored last one first, with separators when they take any characters.
-template <class C> void putGrouped(FormatCtx<C>& ctx, const C* digits, int32 n, int32 separators)
+template <class C> void putGrouped(FormatCtx<C>& ctx, const char* digits, int32 n, int32 separators)
 {
     StrCtx<C>& sink = *ctx.sctx;
     if (separators == 0) {
@@ -208,38 +240,12 @@ template <class C> void putGrouped(FormatCtx<C>& ctx, const C* digits, int32 n, 
         return;
     }
     const C* const sep = thousandsSep(ctx);
-    const size_t sepLen = FormatTraits<C>::length(sep);
+    const size_t sepLen = lengthOf(sep);
     for (int32 i = n; i-- > 0;) {
-        putChar(sink, digits[i]);
+        putChar(sink, C(digits[i]));
         if (i > 0 && i % 3 == 0)
             putText(sink, sep, sepLen);
     }
-}
-
-// Stores the digits of a value last one first, at least one, and returns how many. BASE_CHUNK is
-// BASE ^ CHUNK_DIGITS and fits 32 bits: dividing 64 bits costs a function call where registers have 32, so that
-// is done once for many digits, and not at all for a value that fits.
-template <uint32 BASE, uint32 BASE_CHUNK, int32 CHUNK_DIGITS, class C>
-inline int32 splitDigits(uint64 value, C* out, const char* table)
-{
-    int32 n = 0;
-    while (value > UINT32_MAX) {
-        uint32 chunk = static_cast<uint32>(value % BASE_CHUNK);
-        value /= BASE_CHUNK;
-        for (int32 i = 0; i < CHUNK_DIGITS; ++i, chunk /= BASE)
-            out[n++] = C(table[chunk % BASE]);
-    }
-    uint32 rest = static_cast<uint32>(value);
-    do {
-        out[n++] = C(table[rest % BASE]);
-        rest /= BASE;
-    } while (rest > 0);
-    return n;
-}
-
-template <class C> int32 decimalDigits(uint64 value, C* out)
-{
-    return splitDigits<10, 1000000000, 9>(value, out, "0123456789");
 }
 
 #endif

@@ -9,9 +9,6 @@ template <> struct FormatTraits<char> {
 
     static const char* decimalPoint(Locale& lc) { return conventions(lc)->decimal_point; }
     static const char* thousandsSep(Locale& lc) { return conventions(lc)->thousands_sep; }
-    static size_t length(const char* str) { return strlen(str); }
-    static size_t length(const char* str, size_t max) { return strnlen(str, max); }
-    static char character(int arg) { return static_cast<char>(arg); }
 
 private:
     static struct lconv* conventions(Locale& lc)
@@ -24,8 +21,8 @@ private:
 
 using STR_CTX = StrCtx<char>;
 using FORMAT_CTX = FormatCtx<char>;
-using INT_FORMAT = IntFormat<char>;
-using FLT_FORMAT = FltFormat<char>;
+using INT_FORMAT = IntFormat;
+using FLT_FORMAT = FltFormat;
 
 static_assert(sizeof(INT_FORMAT::tmp) == 43 && sizeof(FLT_FORMAT::econvert) == 5);
 
@@ -57,20 +54,14 @@ char* tryMakeStrV(MemResult* result, EKO_MEMTAG tag, const char* fmt, va_list ar
     return tryAppend<char>(tag, nullptr, fmt, args, result);
 }
 
-// memFail may leave by longjmp: each call ends its argument list first.
-
 char* eko_makeStrV(const char* file, uint32 line, EKO_MEMTAG tag, const char* fmt, va_list args)
 {
-    return eko_appendStrV(file, line, tag, nullptr, fmt, args);
+    return appendV<char>(file, line, tag, nullptr, fmt, args);
 }
 
 char* eko_appendStrV(const char* file, uint32 line, EKO_MEMTAG tag, const char* str, const char* fmt, va_list args)
 {
-    MemResult result;
-    char* const longer = tryAppend(tag, str, fmt, args, &result);
-    if (!longer)
-        memFail(result, tag, file, line);
-    return longer;
+    return appendV(file, line, tag, str, fmt, args);
 }
 
 char* eko_makeStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const char* fmt, ...)
@@ -80,9 +71,7 @@ char* eko_makeStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const char* f
     va_start(args, fmt);
     char* const str = tryAppend<char>(tag, nullptr, fmt, args, &result);
     va_end(args);
-    if (!str)
-        memFail(result, tag, file, line);
-    return str;
+    return orFail(str, result, tag, file, line);
 }
 
 char* eko_appendStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const char* str, const char* fmt, ...)
@@ -92,7 +81,5 @@ char* eko_appendStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const char*
     va_start(args, fmt);
     char* const longer = tryAppend(tag, str, fmt, args, &result);
     va_end(args);
-    if (!longer)
-        memFail(result, tag, file, line);
-    return longer;
+    return orFail(longer, result, tag, file, line);
 }
