@@ -1,4 +1,4 @@
-/* format.h - the library's own printf.
+/* format.h - the library's own printf, over bytes and over wide characters.
  *
  * C99's snprintf with departures that callers rely on:
  *   - width is ignored for %c and %%; %c emits the low byte of its int;
@@ -12,7 +12,7 @@
  *   - with z values are unsigned even for d, with t signed even for u and x;
  *   - with L an integer conversion takes no argument and prints 0, and %n stores nothing;
  *   - l changes nothing for s and c: %ls takes a char string, whatever compilers think. Wide text is converted
- *     with eko_convToUTF8 first;
+ *     with eko_convToUTF8 first, or printed by the wide calls;
  *   - an unknown conversion prints nothing and takes no argument; a lone % at the end is ignored;
  *   - the ' flag puts the locale's thousands separator into the digits of d, i, u and floats, and of o, x;
  *     separators count against the precision of an integer;
@@ -20,6 +20,17 @@
  *     nothing with %#.0o;
  *   - a width or precision above 2147483647 makes the whole call fail.
  * %n stores as many bits as its modifier says: 32 without one, the platform's width with l, z and t.
+ *
+ * The wide calls do the same, directive for directive, over wchar_t: all sizes, lengths, widths, precisions and
+ * counts are in wide characters. There
+ *   - %s takes a wide string, also with l or any other modifier but h;
+ *   - %hs takes a UTF-8 string, which is converted on its way out: what is not UTF-8 prints as U+FFFD, as with
+ *     EKO_UTF8_REPLACE. A precision counts the characters printed, each U+FFFD too, and a string of that many
+ *     characters needs no terminator;
+ *   - %c emits its int as a wide character, whatever its value and modifier; %lc is no different;
+ *   - decimal point and thousands separator are the locale's, converted by its LC_CTYPE, at most 15 characters of
+ *     each; what is no character there becomes U+FFFD.
+ * wprintf takes %s otherwise: compilers check no wide format, and formats written for it need another look.
  *
  * The calls keep no state and may come from any thread, but read the locale: nobody may call setlocale
  * meanwhile. They do not need the library to be started, except those that allocate. */
@@ -60,6 +71,24 @@ EKO_API char* eko_appendStrVA(const char* file, uint32 line, EKO_MEMTAG tag, con
 /** The same with the caller's position: EKO_MAKESTR(tag, fmt, ...), EKO_APPENDSTR(tag, str, fmt, ...). */
 #define EKO_MAKESTR(tag, ...) eko_makeStrVA(__FILE__, __LINE__, (tag), __VA_ARGS__)
 #define EKO_APPENDSTR(tag, str, ...) eko_appendStrVA(__FILE__, __LINE__, (tag), (str), __VA_ARGS__)
+
+/** The same over wide characters, with sizes in wide characters: as eko_vsnprintf and eko_snprintf. */
+EKO_API int eko_vsnwprintf(wchar_t* str, size_t count, const wchar_t* fmt, va_list args);
+EKO_API int eko_snwprintf(wchar_t* str, size_t count, const wchar_t* fmt, ...);
+
+/** As eko_makeStrV and eko_makeStrVA. */
+EKO_API wchar_t* eko_makeWStrV(const char* file, uint32 line, EKO_MEMTAG tag, const wchar_t* fmt, va_list args);
+EKO_API wchar_t* eko_makeWStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const wchar_t* fmt, ...);
+
+/** As eko_appendStrV and eko_appendStrVA. */
+EKO_API wchar_t* eko_appendWStrV(const char* file, uint32 line, EKO_MEMTAG tag, const wchar_t* str,
+                                 const wchar_t* fmt, va_list args);
+EKO_API wchar_t* eko_appendWStrVA(const char* file, uint32 line, EKO_MEMTAG tag, const wchar_t* str,
+                                  const wchar_t* fmt, ...);
+
+/** The same with the caller's position: EKO_MAKEWSTR(tag, fmt, ...), EKO_APPENDWSTR(tag, str, fmt, ...). */
+#define EKO_MAKEWSTR(tag, ...) eko_makeWStrVA(__FILE__, __LINE__, (tag), __VA_ARGS__)
+#define EKO_APPENDWSTR(tag, str, ...) eko_appendWStrVA(__FILE__, __LINE__, (tag), (str), __VA_ARGS__)
 
 EKO_EXTERN_C_END
 

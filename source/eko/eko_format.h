@@ -176,6 +176,21 @@ template <class C> void putNullString(FormatCtx<C>& ctx)
     putWord(ctx, 0, TEXT_NULL, whole ? len : 0);
 }
 
+// UTF-8, converted on its way out; widths and precisions are in characters of the output. What is not UTF-8 prints
+// as U+FFFD. With a precision the string needs no terminator behind that many characters.
+template <class C> void putConverted(FormatCtx<C>& ctx, const char* str)
+{
+    const size_t max = ctx.precision == NO_PRECISION ? SIZE_MAX : static_cast<size_t>(ctx.precision);
+    size_t n = 0;
+    for (const char* s = str; n < max && *s; ++n)
+        nextWide(&s);
+    const int32 padLen = placedPadding(ctx, static_cast<int64>(n));
+    putCopies(*ctx.sctx, C(' '), padLen);
+    for (; n > 0; --n)
+        putChar(*ctx.sctx, nextWide(&str));
+    putCopies(*ctx.sctx, C(' '), -padLen);
+}
+
 #if EKO_CHECKED
 // The block of the string that is appended to may move before the argument is read for the second time.
 template <class C> bool isSafeArgument(const FormatCtx<C>& ctx, const void* str)
@@ -202,6 +217,12 @@ template <class C> bool putString(FormatCtx<C>& ctx)
     if (!arg) {
         putNullString(ctx);
         return true;
+    }
+    if constexpr (FormatTraits<C>::CONVERTS_BYTES) {
+        if (ctx.conv == C_SHORT) {
+            putConverted(ctx, static_cast<const char*>(arg));
+            return true;
+        }
     }
     const C* const str = static_cast<const C*>(arg);
     putWord(ctx, 0, str, lengthToPrint(ctx, str));

@@ -8,6 +8,7 @@
 //      using Locale = ...;                        the locale's conventions, read when first needed; {} is unread
 //      static const C* decimalPoint(Locale&);     null when the locale gives none
 //      static const C* thousandsSep(Locale&);
+//      static constexpr bool CONVERTS_BYTES;      whether %hs takes UTF-8 and converts it
 #ifndef EKO_EKO_FORMAT_CTX_H
 #define EKO_EKO_FORMAT_CTX_H
 

@@ -9,6 +9,7 @@ template <> struct FormatTraits<char> {
 
     static const char* decimalPoint(Locale& lc) { return conventions(lc)->decimal_point; }
     static const char* thousandsSep(Locale& lc) { return conventions(lc)->thousands_sep; }
+    static constexpr bool CONVERTS_BYTES = false;
 
 private:
     static struct lconv* conventions(Locale& lc)

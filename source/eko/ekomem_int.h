@@ -31,6 +31,9 @@ wchar_t* tryConvToWchar(const char* str, int32 errorBehavior, EKO_MEMTAG tag, Me
 // dropped.
 size_t wideLength(const char* str, int32 errorBehavior);
 
+// Takes the first character of a UTF-8 string that is not empty and moves behind it; U+FFFD for what is not UTF-8.
+wchar_t nextWide(const char** s);
+
 // As eko_makeStrVA and eko_makeStrV, without report or jump.
 char* tryMakeStr(MemResult* result, EKO_MEMTAG tag, const char* fmt, ...) EKO_PRINTF_CHECK(3, 4);
 char* tryMakeStrV(MemResult* result, EKO_MEMTAG tag, const char* fmt, va_list args) EKO_PRINTF_CHECK(3, 0);

@@ -267,6 +267,13 @@ size_t wideLength(const char* str, int32 errorBehavior)
     return out.used;
 }
 
+wchar_t nextWide(const char** s)
+{
+    uint32 val;
+    *s += decode(*s, &val);
+    return static_cast<wchar_t>(val == ILL_FORMED ? REPLACEMENT : val);
+}
+
 // ---- exported -------------------------------------------------------------------------------------------------
 
 char* eko_convToUTF8(const wchar_t* wstr, int32 errorBehavior, EKO_MEMTAG tag)
