@@ -23,6 +23,7 @@
 #include "dbtype.h"
 #include "ekoplat.h"
 
+#include "eko/align.h"
 #include "eko/buffstream.h"
 #include "eko/core.h"
 #include "eko/file.h"
@@ -34,6 +35,7 @@
 #include "eko/path.h"
 #include "eko/process.h"
 #include "eko/queue.h"
+#include "eko/random.h"
 #include "eko/stream.h"
 #include "eko/strutil.h"
 #include "eko/sync.h"

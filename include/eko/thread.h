@@ -69,8 +69,6 @@ EKO_API uint32 eko_atomicDecrUInt32WithVal(volatile uint32* data);
 
 /** Sleeps for that many milliseconds, signals notwithstanding; 0xFFFFFFFF is not special here. */
 EKO_API void eko_sleep(uint32 recMillisecs);
-/** The current time in seconds, as a seed. */
-EKO_API int32 eko_seed(void);
 /** Time since 1970-01-01 UTC. Nanoseconds have the resolution of a microsecond. */
 EKO_API time64_t eko_timeSecs(void);
 EKO_API uint64 eko_timeMilliSecs(void);
