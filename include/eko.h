@@ -43,5 +43,6 @@
 #include "eko/thrpool.h"
 #include "eko/trace.h"
 #include "eko/utf8.h"
+#include "eko/uuid.h"
 
 #endif

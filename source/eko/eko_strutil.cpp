@@ -142,21 +142,29 @@ char* eko_strtok(char* s, const char* delim, char** save_ptr)
     return strtok_r(s, delim, save_ptr);
 }
 
-int32 eko_tokenize(char* input, const char* tokens, const char*** words, uint32* numwords, int32 trim_spaces,
-                   EKO_MEMTAG tag)
+int32 tryTokenize(char* input, const char* tokens, const char*** words, uint32* numwords, bool trim, EKO_MEMTAG tag,
+                  MemResult* result)
 {
-    if (!input || !tokens || !words || !numwords)
-        return EKO_BAD_ARGUMENT;
     WORD_LIST list = {nullptr, 0, tag};
-    MemResult result;
-    if (!splitInto(&list, input, tokens, trim_spaces != 0, &result)) {
+    if (!splitInto(&list, input, tokens, trim, result)) {
         EKO_FREE(list.words, tag);
-        memFail(result, tag, __FILE__, __LINE__);
         return EKO_NO_MEMORY;
     }
     *words = list.words;
     *numwords = list.count;
     return EKO_OK;
+}
+
+int32 eko_tokenize(char* input, const char* tokens, const char*** words, uint32* numwords, int32 trim_spaces,
+                   EKO_MEMTAG tag)
+{
+    if (!input || !tokens || !words || !numwords)
+        return EKO_BAD_ARGUMENT;
+    MemResult result = MemResult::done;
+    const int32 status = tryTokenize(input, tokens, words, numwords, trim_spaces != 0, tag, &result);
+    if (status != EKO_OK)
+        memFail(result, tag, __FILE__, __LINE__);
+    return status;
 }
 
 // ---- errors -----------------------------------------------------------------------------------------------

@@ -38,6 +38,10 @@ wchar_t nextWide(const char** s);
 char* tryMakeStr(MemResult* result, EKO_MEMTAG tag, const char* fmt, ...) EKO_PRINTF_CHECK(3, 4);
 char* tryMakeStrV(MemResult* result, EKO_MEMTAG tag, const char* fmt, va_list args) EKO_PRINTF_CHECK(3, 0);
 
+// As eko_tokenize of valid pointers, without report or jump: 0 or 1003.
+int32 tryTokenize(char* input, const char* tokens, const char*** words, uint32* numwords, bool trim, EKO_MEMTAG tag,
+                  MemResult* result);
+
 // Makes a tag without reporting; EKO_TAG_INVALID on failure.
 EKO_MEMTAG tryCreateTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN destroy_fcn,
                         void* destroy_ctx, MemResult* result = nullptr);
