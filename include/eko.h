@@ -33,6 +33,7 @@
 #include "eko/mem.h"
 #include "eko/parse.h"
 #include "eko/path.h"
+#include "eko/pool.h"
 #include "eko/process.h"
 #include "eko/queue.h"
 #include "eko/random.h"

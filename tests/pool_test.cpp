@@ -1,0 +1,115 @@
+// Object pools: what is kept and used again, running out of memory, a memory checker, four threads.
+// LINK: --wrap=eko_isPurifyRunning
+#include "support/faults.h"
+#include "support/fixture.h"
+#include "support/syscalls.h"
+
+static int32 checker;
+EKO_ANSWER(int32, eko_isPurifyRunning, (void), checker)
+
+class PoolTest : public EkoTest {
+protected:
+    char* get(size_t sz, int32 mode = EKO_MEM_PLAIN, const void* data = nullptr)
+    {
+        return static_cast<char*>(eko_poolGetMem(pool_, sz, mode, data, __FILE__, __LINE__));
+    }
+    void put(const char* item) { eko_poolPut(pool_, item); }
+    EKO_POOL pool_ = nullptr;
+};
+
+TEST_F(PoolTest, items_are_used_again)
+{
+    const EKO_MEMTAG tag = EKO_TAG_CREATE(BLOCK_ALLOCATOR);
+    for (const auto info : {EKO_POOL_FIXED_SIZE, EKO_POOL_VAR_SIZE}) {
+        EXPECT_EQ(eko_poolCreate(tag, info, nullptr, &pool_), 0);
+        char *const first = get(16, EKO_MEM_COPY, "0123456789ABCDE"), *const second = get(16);
+        EXPECT_TRUE(std::string(first) == "0123456789ABCDE" && reinterpret_cast<uintptr_t>(first) % 8 == 0);
+        put(second), put(first), put(nullptr);
+        const FailNthOnTag fault(tag, 1, FailNthAlloc::ALL_FROM_THERE); // what is used again needs no memory
+        EXPECT_TRUE(get(4, EKO_MEM_ZERO) == first && !strcmp(first + 4, "456789ABCDE") && !*first && !first[3]);
+        put(first);
+        const std::string said = logged([&] { EXPECT_EQ(get(17), info == EKO_POOL_VAR_SIZE ? nullptr : first); });
+        EXPECT_TRUE(matches(said, info == EKO_POOL_VAR_SIZE ? "Out of memory.*pool_test.cpp:[0-9]+\n" : ""));
+        EXPECT_EQ(get(16), second);
+        EXPECT_EQ(logged([&] { EXPECT_TRUE(!get(~size_t(0)) && !get(0xFFFFFFFD) && !get(1, EKO_MEM_COPY)); }), "");
+        eko_poolDestroy(pool_);
+    }
+    EKO_TAG_DESTROY(tag); // with the items that are still held
+}
+
+TEST_F(PoolTest, items_are_kept_while_few_exist)
+{
+    const EKO_MEMTAG tag = EKO_TAG_CREATE(BLOCK_ALLOCATOR);
+    EXPECT_EQ(eko_poolCreate(tag, EKO_POOL_VAR_SIZE, "has a mutex", &pool_), 0);
+    const auto exist = [&, none = infoOf(tag).bytes.in_use] { return infoOf(tag).bytes.in_use - none; };
+    const auto use = [&] { // something larger than what there is
+        char* item = get(24);
+        put(item);
+        return item ? 0 : 1003;
+    };
+    eko_poolSetMaxPooled(pool_, 2);
+    for (const bool jumping : {false, true}) {
+        char* const items[] = {get(17), get(17), get(17)};
+        const size_t three = exist();
+        put(items[0]), put(items[1]);
+        EXPECT_EQ(exist() * 3, three);
+        put(items[2]);
+        EXPECT_EQ(exist() * 3, three);
+        eko_resetTag(jumping ? &exhaustedJump : nullptr, tag);
+        EXPECT_EQ(exhaust(tag, use), jumping ? "jump 0 " : "1003 0 ");
+        EXPECT_EQ(exist() * 3, three);                      // what could not be had was not counted
+        inThreads(1, [&](uint32) { EXPECT_EQ(use(), 0); }); // nothing is locked
+    }
+    const size_t before = exist();
+    checker = 1; // from now on the pool is its tag
+    char *const item = get(100, EKO_MEM_STRING, "1234567"), *const block = static_cast<char*>(EKO_ALLOC(8, tag));
+    EXPECT_STREQ(item, "1234567");
+    EKO_FREE(item, tag), put(block);
+    EXPECT_EQ(exist() + uint32(checker = 0), before);
+    eko_poolDestroy(pool_);
+    EKO_TAG_DESTROY(tag);
+}
+
+TEST_F(PoolTest, creation_fails_whole)
+{
+    const auto make = [&](EKO_MEMTAG tag) {
+        const int32 status = eko_poolCreate(tag, EKO_POOL_FIXED_SIZE, "has a mutex", &pool_);
+        eko_poolDestroy(status == 0 ? pool_ : nullptr);
+        return status;
+    };
+    EXPECT_EQ(eko_poolCreate(EKO_GLOBAL_TAG, EKO_POOL_FIXED_SIZE, nullptr, nullptr), 1013);
+    EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return make(EKO_GLOBAL_TAG); }), "1003 0 ");
+    const NoMoreMemory memory;
+    EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(make(EKO_TAG_INVALID), 1003); }), "ekopool.cpp"));
+    eko_setMemLimit(nullptr, 0);
+    const CallFault fault("eko_syncCreate_check", ENOMEM);
+    EXPECT_EQ(make(EKO_TAG_INVALID) + make(EKO_GLOBAL_TAG), 2006);
+}
+
+TEST_F(PoolTest, four_threads_share_a_pool)
+{
+    for (const EKO_MEMTAG tag : {EKO_TAG_INVALID, EKO_GLOBAL_TAG, EKO_TAG_INVALID}) {
+        for (const auto info : {EKO_POOL_FIXED_SIZE, EKO_POOL_VAR_SIZE}) {
+            ASSERT_EQ(eko_poolCreate(tag, info, "has a mutex", &pool_), 0);
+            inThreads(4, [&](uint32 thread) {
+                std::minstd_rand random(thread + 1);
+                const std::string own(300, char('a' + thread));
+                std::string_view held[4];
+                for (uint32 step = 0; step < 8000; ++step) {
+                    std::string_view& item = held[random() % 4];
+                    const size_t size = info == EKO_POOL_FIXED_SIZE ? 64 : 1 + random() % 300;
+                    eko_poolSetMaxPooled(pool_, step / 64 % 12);
+                    EXPECT_TRUE(own.starts_with(item));
+                    put(item.data());
+                    item =
+                        item.data() ? std::string_view() : std::string_view(get(size, EKO_MEM_COPY, &own[0]), size);
+                }
+                for (const std::string_view item : held) // with a tag of the pool's own that frees them
+                    put(tag == EKO_TAG_INVALID ? nullptr : item.data());
+            });
+            eko_poolDestroy(pool_);
+        }
+        checker = tag == EKO_GLOBAL_TAG; // in the last round
+    }
+    checker = 0;
+}
