@@ -1,4 +1,4 @@
-// Buffered binary streams: values in both byte orders, against a file made in Python, over callbacks that misbehave.
+// Buffered binary streams: values in both byte orders, against a file made in Python, over bad callbacks.
 // LINK: --wrap=strlen
 #include <string.h>
 
@@ -10,17 +10,12 @@
 using namespace std::literals;
 
 static size_t claimedLength; // what strlen is to say, when not 0
-EKO_WRAP(size_t, strlen, (const char* str))
-{
-    return claimedLength ? claimedLength : __real_strlen(str);
-}
+EKO_ANSWER(size_t, strlen, (const char* str), claimedLength ? claimedLength : __real_strlen(str))
 
-namespace {
-
-const std::string REFERENCE[] = {
+static const std::string REFERENCE[] = {
 #include "data/buffstream.inc"
 };
-const std::string LONG(40000, 'x');
+static const std::string LONG(40000, 'x');
 constexpr bool NARROW = sizeof(size_t) == 4;
 
 class BuffStreamTest : public EkoTest {
@@ -108,7 +103,7 @@ protected:
             ASSERT_LT(at_, bytes_.size());
         EXPECT_EQ(got, text);
     }
-    // A pattern that a register for floats would alter. On 32-bit x86 an integer is passed as a float is, but untouched.
+    // A pattern that a register for floats would alter. On 32-bit x86 an integer is passed as they are, but untouched.
     template <class T> void pattern(auto put, auto get, auto bits)
     {
         const auto putBits = std::bit_cast<int32 (*)(EKO_OUTPUTBUFF, decltype(bits))>(put);
@@ -191,5 +186,3 @@ TEST_F(BuffStreamTest, strings_are_framed_cut_and_skipped)
     }
     EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return open(false); }), "-904 -904 -904 -904 0 ");
 }
-
-} // namespace

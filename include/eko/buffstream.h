@@ -79,8 +79,9 @@ EKO_API int32 eko_inputBuffGetStringWithLength(EKO_INPUTBUFF inBuff, char* str, 
  *  Surprise: how much memory is wanted is for the other end to say, up to 4 GiB; where that end is not trusted, use
  *  eko_inputBuffGetStringWithLength. When memory is exhausted that is reported, and if the thread's tag has a jump
  *  buffer the call leaves by longjmp. The two lengths that no request may have, 0xFFFFFFFD and 0xFFFFFFFE, give
- *  -904 in silence. However it ends for want of memory, the stream stands behind the length, in front of the characters, whose
- *  number is lost. After an error of the callback it stands as eko_inputBuffGetStringWithLength leaves it. */
+ *  -904 in silence. However it ends for want of memory, the stream stands behind the length, in front of the
+ *  characters, whose number is lost. After an error of the callback it stands as eko_inputBuffGetStringWithLength
+ *  leaves it. */
 EKO_API int32 eko_inputBuffGetString(EKO_INPUTBUFF inBuff, char** str);
 
 /** Drops what was read ahead, and what a failed call had: the next value begins with the next byte of the callback.
@@ -93,7 +94,7 @@ EKO_API int32 eko_inputBuffReset(EKO_INPUTBUFF inBuff);
 typedef const void* EKO_OUTPUTBUFF;
 
 /** Writes all `len` bytes for a stream. dataCB is what eko_outputBuffCreate was given. Returns 0, or any other
- *  value, which the stream's caller gets as it is; then the stream keeps the bytes, and offers all of them again. */
+ *  value, which the stream's caller gets as it is; then the stream keeps the bytes and offers them again. */
 typedef int32 (*EKO_BUFFWRITEFCN)(const void* dataCB, const void* data, uint32 len);
 
 /** Creates a stream. Returns 0 with the stream in `outBuff`; -904 when it cannot be had, for want of memory or

@@ -422,8 +422,8 @@ int32 eko_outputBuffPutBytes(EKO_OUTPUTBUFF outBuff, const void* data, size_t si
     return outBuffPut(*outputOf(outBuff), data, size);
 }
 
-// DELIBERATE: no frame, though both readers of strings expect one: on the wire it is text of a length that both ends
-// know. Pinned by BuffStreamTest.reference_is_written_and_read.
+// DELIBERATE: no frame, though both readers of strings expect one: on the wire it is text of a length that both
+// ends know. Pinned by BuffStreamTest.values_come_back_whatever_the_callback_does.
 int32 eko_outputBuffPutString(EKO_OUTPUTBUFF outBuff, const char* str)
 {
     return outBuff && str ? outBuffPut(*outputOf(outBuff), str, strlen(str)) : EKO_BAD_ARGUMENT;
