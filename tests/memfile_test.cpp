@@ -122,7 +122,6 @@ TEST_F(MemFileTest, memfile_bytes)
     EXPECT_TRUE(eko_fileLengthStat("/T/D/F", MEM) == 9000 * KIB && eko_fileModTimeStat("/t/d/f", MEM) > 9);
 }
 
-// The name goes at once, the bytes as soon as nobody has the file locked, which holds up its own users only.
 TEST_F(MemFileTest, memfile_stream_overwrites)
 {
     EKO_FH fh = open("/t/d/s");
@@ -136,6 +135,7 @@ TEST_F(MemFileTest, memfile_stream_overwrites)
     eko_fileClose(fh);
 }
 
+// The name goes at once, the bytes as soon as nobody has the file locked, which holds up its own users only.
 TEST_F(MemFileTest, memfile_removed_while_open)
 {
     EKO_FH fh[] = {open("/t/d/x/a"), open("/t/d/x/a"), open("/t/d/x/y/b")};
@@ -144,13 +144,11 @@ TEST_F(MemFileTest, memfile_removed_while_open)
     char made = 0, c = 'n';
     std::thread remover([] { EXPECT_TRUE(remove("/t/d/x") == 0 && (eko_releaseTLSTag(), true)); });
     std::thread reader([&] {
-        while (eko_mfValidate("/t/d/x", nullptr, &result))
-            std::this_thread::yield();
+        until([] { return !eko_mfValidate("/t/d/x", nullptr, &result); });
         publish(made, make("/t/d/x/a") ? 'y' : 'n');
         EXPECT_TRUE(eko_fileRead(fh[1], &c, 1) != FAILED && c == 'n' && (eko_releaseTLSTag(), true)) << c;
     });
-    while (!readPublished(made))
-        std::this_thread::yield();
+    until([&] { return readPublished(made) != 0; });
     EXPECT_TRUE(made == 'y' && eko_fileSeekWrite(fh[0], 0, "new", 3) == 3 && eko_fileLength(fh[1]) == 3);
     eko_fileUnlock(fh[0]);
     remover.join();

@@ -42,9 +42,8 @@ refused() { (trap '' XFSZ && ulimit -f "$limit" && exec "$program" "$@"); }
 same() { cmp -s "$1" "$2" || failed "$3"; }
 size() { stat -c %s "$1"; }
 flip() { # FILE OFFSET  inverts the lowest bit of a byte
-    local byte
-    byte=$(od -An -tu1 -j"$2" -N1 "$1")
-    printf '%b' "\\0$(printf %o $((byte ^ 1)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+    printf '%b' "\\0$(printf %o $(($(od -An -tu1 -j"$2" -N1 "$1") ^ 1)))" |
+        dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
 
 # ---- what it is for ---------------------------------------------------------------------------------------
@@ -59,11 +58,10 @@ good '1 of them replace earlier ones; 4003 keys in all' load text other
 grep -Eq 'index +[1-9][0-9]* bytes used' out || failed 'no figures of a tag'
 good 'agree on all 4003 records' check db text
 good 'grün;çá €' get db k4000 empty grün k7 long
-printf 'k4000;value 4000;16000000\nempty;\ngrün;çá €\nk7;a later line\nlong;%s\n' "$long" >expected
-same out expected 'get prints something else'
+same out <(printf 'k4000;value 4000;16000000\nempty;\ngrün;çá €\nk7;a later line\nlong;%s\n' "$long") \
+    'get prints something else'
 expect 1 "no record with the key 'k4001'" get db k1 k4001 k2
-printf 'k1;value 1;1\nk2;value 2;4\n' >expected
-same out expected 'a missing key hides others'
+same out <(printf 'k1;value 1;1\nk2;value 2;4\n') 'a missing key hides others'
 
 cp db before
 for no_output in '>/dev/full 2>err' '>&- 2>err' '<&- >&- 2>&-'; do
@@ -88,9 +86,8 @@ cmp -s -n "$(size before)" before db || failed 'loading again changes earlier re
 # The bytes of a data file, the same on every machine.
 printf 'a;b\n' >one
 good 'loaded 1 ' --log log load one one.db
-od -An -v -tx1 one.db | tr -d ' \n' >out
 printf 6d696e6964620d0a010000009f9f45df01000000010000006d48839ef30c069c6162 >expected
-same out expected 'the format of the data file is another'
+same expected <(od -An -v -tx1 one.db | tr -d ' \n') 'the format of the data file is another'
 grep -q '^\[.*\]  minidb: loaded 1 ' log || failed 'nothing in the log'
 
 # Line ends, a missing last one, and a mark make no difference.
@@ -110,8 +107,7 @@ echo 'new;line' >>variant
 expect 1 '1 missing, 2 different, 1 extra' check before variant
 printf "minidb: %s\n" "differs: 'k5'" "differs: 'k6'" "not in the text: 'k2'" "not in the data file: 'new'" \
     'before and variant differ: 1 missing, 2 different, 1 extra' | sort >expected
-sort err >out
-same out expected 'the differences are told in other words'
+same <(sort err) expected 'the differences are told in other words'
 
 # ---- crashes ----------------------------------------------------------------------------------------------
 
@@ -283,8 +279,7 @@ for backing in mapped memory; do
 done
 
 good 'exported 4003' export before sorted
-LC_ALL=C sort -s -t ';' -k 1,1 text | grep -v '^k7;value' >expected
-same sorted expected 'an export is not the records in order'
+same sorted <(LC_ALL=C sort -s -t ';' -k 1,1 text | grep -v '^k7;value') 'an export is not the records in order'
 good 'loaded 4003' import sorted other
 good 'agree on all 4003' check other text
 good 'copied' copy other copied.db
@@ -341,14 +336,12 @@ done
 
 # Permissions are tried by a user whom they bind.
 user=()
-if [ "$(id -u)" = 0 ]; then
-    user=(setpriv --reuid 65534 --regid 65534 --clear-groups)
-    chmod 755 .
-fi
-"${user[@]}" "$minidb" >out 2>err
+[ "$(id -u)" != 0 ] || user=(setpriv --reuid 65534 --regid 65534 --clear-groups)
+as_user() { "${user[@]}" "$program" "$@"; }
+minidb=as_user
+chmod 755 .
+"$minidb" >out 2>err
 if [ $? = 2 ]; then
-    as_user() { "${user[@]}" "$program" "$@"; }
-    minidb=as_user
     cp torn db
     chmod 444 db
     chmod 000 one

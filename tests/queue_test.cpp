@@ -44,8 +44,7 @@ protected:
 
     void untilHeld(const char* mutexes)
     {
-        while (held() != mutexes)
-            eko_sleep(1);
+        until([=, this] { return held() == mutexes; });
     }
 
     EKO_QUEUE* q_ = nullptr;
@@ -170,8 +169,7 @@ TEST_F(QueueTest, queue_purged_under_a_reader_stays_locked)
             EXPECT_EQ(held(), "excl mt ");
             eko_syncExitExcl(q_->exclSem), eko_syncExitExcl(q_->mtSem);
         });
-        while (eko_syncWait(q_->entrySem, 0) == 0) // until the reader has found nothing and reset it
-            eko_sleep(1);
+        until([this] { return eko_syncWait(q_->entrySem, 0) != 0; }); // the reader has found nothing, and reset it
         const SemGuard lock(q_->exclSem);
         write(), eko_queuePurge(q_, -1);
     });
@@ -310,8 +308,7 @@ TEST_P(QueueCrowdTest, nothing_is_lost_or_comes_twice)
     });
     inThreads(writers_ + readers_, [&](uint32 i) {
         i < readers_ ? readAll() : writeAll(i - readers_);
-        while (missing_ > 0) // none is read twice: then each was read
-            eko_sleep(1);
+        until([this] { return missing_ == 0; }); // none is read twice: then each was read
         eko_sleep(5); // now one reader waits for a message, and the others for their turn
         eko_queueClose(q_);
     });

@@ -69,8 +69,7 @@ static EKO_THRPOOL_JOB* add(EKO_THRPOOL* pool, int32 status = 0, EKO_THRPOOL_CAL
 static EKO_THRPOOL_JOB* waitUntil(EKO_THRPOOL_JOB* job, EKO_THRPOOL_JOB_STATUS wanted)
 {
     EKO_THRPOOL_JOB_STATUS status;
-    while (eko_thrpoolJobStatus(job, &status) == 0 && status != wanted)
-        eko_sleep(1);
+    until([&] { return eko_thrpoolJobStatus(job, &status) != 0 || status == wanted; });
     return job;
 }
 
@@ -91,8 +90,7 @@ static std::string answers(const EKO_THRPOOL_JOB* job, bool place = true)
 // A callback that outlives its job's deletion by the owner.
 static void useDeletedJob(EKO_THRPOOL_JOB* job, void* deleted, int32 rc)
 {
-    while (!*static_cast<std::atomic<bool>*>(deleted))
-        eko_sleep(1);
+    until([=] { return static_cast<std::atomic<bool>*>(deleted)->load(); });
     int32 kept = 0;
     EXPECT_TRUE(eko_thrpoolJobResult(job, &kept) == 0 && kept == 77 && rc == 77);
 }
@@ -119,8 +117,7 @@ TEST_F(PoolTest, pool_job_goes_through_its_states)
     deleted = true;
     EXPECT_EQ(answers(first, false) + ' ' + answers(nullptr), "1013:0 1013 1013 1013 0 1013:0 1013 1013 1013 1013");
     waitUntil(second, JOB_FINISHED);
-    while (eko_thrpoolJobsLeft(pool) != 0)
-        eko_sleep(1);
+    until([=] { return eko_thrpoolJobsLeft(pool) == 0; });
     eko_thrpoolDestroy(pool);
     eko_thrpoolDestroy(nullptr);
 }
@@ -233,8 +230,7 @@ TEST_F(PoolTest, pool_runs_all_jobs_and_what_they_add)
         run = ended = 0, added = wanted = 100;
         for (int i = 0; i < 100; ++i)
             EXPECT_EQ(eko_thrpoolAddJob(pool, runLink, &run, addNext, pool, nullptr), 0);
-        while (added < JOBS)
-            eko_sleep(1);
+        until([] { return added >= JOBS; });
         eko_thrpoolDestroy(pool);
         EXPECT_TRUE(run == JOBS && ended == JOBS) << run << ' ' << ended;
     }

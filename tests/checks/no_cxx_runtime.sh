@@ -15,30 +15,22 @@ undefined() { # FILE OPTION...
         END { for (name in used) if (!(name in defined)) print name }' | sort
 }
 
-# Mangled names are C++ by themselves; those of the library's own are defined in it.
 status=0
+complain() { # TITLE LINES  fails, if there are lines
+    [ -n "$2" ] || return 0
+    echo "$1"
+    printf '%s\n' "$2" | sed 's/^/    /'
+    status=1
+}
+
+# Mangled names are C++ by themselves; those of the library's own are defined in it.
 for file in "$shared" "$archive"; do
     case $file in
         *.a) symbols=$(undefined "$file") ;;
         *) symbols=$(undefined "$file" -D) ;;
     esac
-    if [ -z "$symbols" ]; then
-        echo "$file: no undefined symbols found, so nothing was checked"
-        status=1
-        continue
-    fi
-    bad=$(printf '%s\n' "$symbols" | grep -E '^(_Z|__cxa_(allocate|throw|begin|end|rethrow|guard|pure|deleted|bad|demangle|get_)|__gxx_|__dynamic_cast|_Unwind_Resume|__cxa_thread_atexit$)' || true)
-    if [ -n "$bad" ]; then
-        echo "$file needs the C++ run-time:"
-        printf '%s\n' "$bad" | sed 's/^/    /'
-        status=1
-    fi
+    [ -n "$symbols" ] || complain "$file: nothing was checked" 'no undefined symbols found'
+    complain "$file needs the C++ run-time:" "$(printf '%s\n' "$symbols" | grep -E '^(_Z|__cxa_(allocate|throw|begin|end|rethrow|guard|pure|deleted|bad|demangle|get_)|__gxx_|__dynamic_cast|_Unwind_Resume|__cxa_thread_atexit$)')"
 done
-
-constructed=$("$nm" "$archive" | grep -E ' (_GLOBAL__sub_I_|_ZGV)' || true)
-if [ -n "$constructed" ]; then
-    echo "$archive constructs objects at run time, in:"
-    printf '%s\n' "$constructed" | sed 's/^/    /'
-    status=1
-fi
+complain "$archive constructs objects at run time, in:" "$("$nm" "$archive" | grep -E ' (_GLOBAL__sub_I_|_ZGV)')"
 exit $status

@@ -115,6 +115,13 @@ template <class Action> void inThreads(uint32 count, Action action)
         });
 }
 
+// Returns once it is so.
+template <class Condition> void until(Condition condition)
+{
+    while (!condition())
+        eko_sleep(1);
+}
+
 // In a test's file, in front of the body of what replaces the function of that name, which stays as __real_NAME.
 #define EKO_WRAP(result, name, params) \
     extern "C" result __real_##name params; \
