@@ -57,28 +57,14 @@ protected:
         for (uint32 i = 0; i < 800; ++i) {
             const uint64 kind = (draw(bits) >> 33) % 10;
             const std::string text = kind == 9 ? "" : std::to_string(bits).substr(0, uint32(bits >> 40) % 23);
-            switch (kind) {
-            case 0:
-                value(eko_outputBuffPutChar, eko_inputBuffGetChar, char(bits));
-                break;
-            case 1:
-                value(eko_outputBuffPutInt16, eko_inputBuffGetInt16, int16(bits));
-                break;
-            case 2:
-                value(eko_outputBuffPutInt32, eko_inputBuffGetInt32, int32(bits));
-                break;
-            case 3:
-                value(eko_outputBuffPutInt64, eko_inputBuffGetInt64, int64(bits));
-                break;
-            case 4:
-                value(eko_outputBuffPutFloat32, eko_inputBuffGetFloat32, float(int16(bits)) / 16);
-                break;
-            case 5:
-                value(eko_outputBuffPutFloat64, eko_inputBuffGetFloat64, double(int32(bits)) / 1024);
-                break;
-            default:
-                writing ? putText(kind, text) : getText(kind, text);
-            }
+            kind == 0   ? value(eko_outputBuffPutChar, eko_inputBuffGetChar, char(bits))
+            : kind == 1 ? value(eko_outputBuffPutInt16, eko_inputBuffGetInt16, int16(bits))
+            : kind == 2 ? value(eko_outputBuffPutInt32, eko_inputBuffGetInt32, int32(bits))
+            : kind == 3 ? value(eko_outputBuffPutInt64, eko_inputBuffGetInt64, int64(bits))
+            : kind == 4 ? value(eko_outputBuffPutFloat32, eko_inputBuffGetFloat32, float(int16(bits)) / 16)
+            : kind == 5 ? value(eko_outputBuffPutFloat64, eko_inputBuffGetFloat64, double(int32(bits)) / 1024)
+            : writing   ? putText(kind, text)
+                        : getText(kind, text);
         }
     }
     template <class T> void value(auto put, auto get, T expected)
@@ -103,7 +89,7 @@ protected:
             ASSERT_LT(at_, bytes_.size());
         EXPECT_EQ(got, text);
     }
-    // A pattern that a register for floats would alter. On 32-bit x86 an integer is passed as they are, but untouched.
+    // A pattern that loading a float alters. On 32-bit x86 an integer is passed in the same place, and untouched.
     template <class T> void pattern(auto put, auto get, auto bits)
     {
         const auto putBits = std::bit_cast<int32 (*)(EKO_OUTPUTBUFF, decltype(bits))>(put);
@@ -152,7 +138,7 @@ TEST_F(BuffStreamTest, output_grows_flushes_and_keeps_what_failed)
     const FailNthOnTag fault(EKO_GLOBAL_TAG, 2, FailNthAlloc::ALL_FROM_THERE);
     EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(put(10000), 0); }), "ekobufferedstream.cpp"));
     EXPECT_EQ(sizes_, "31744 31744 31744 32768 32768 7232 6 31744 8256 4294967295 "s +
-                          (NARROW ? "" : "4294967295 2147483650 ") + "5120 "); // it does not try to grow again
+                          (NARROW ? "" : "4294967295 2147483650 ") + "5120 "); // and grows no more
 }
 
 TEST_F(BuffStreamTest, strings_are_framed_cut_and_skipped)
@@ -185,4 +171,12 @@ TEST_F(BuffStreamTest, strings_are_framed_cut_and_skipped)
         EXPECT_EQ(str, nullptr);
     }
     EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return open(false); }), "-904 -904 -904 -904 0 ");
+    EXPECT_EQ(eko_inputBuffCreate(nullptr, this, 0, &in_) + eko_outputBuffCreate(write, this, 0, nullptr) +
+                  eko_inputBuffGetChar(in_, nullptr) + eko_inputBuffGetString(in_, nullptr) +
+                  eko_inputBuffGetBytes(nullptr, &str, 0) + eko_inputBuffGetStringWithLength(in_, nullptr, 1) +
+                  eko_inputBuffReset(nullptr) + eko_outputBuffFlush(nullptr) +
+                  eko_outputBuffPutBytes(out_, nullptr, 1) + eko_outputBuffPutString(out_, nullptr) +
+                  eko_inputBuffDestroy(nullptr) + eko_outputBuffPutStringWithLength(nullptr, nullptr) +
+                  eko_outputBuffSendDirect(out_, nullptr, 1),
+              13 * 1013);
 }
