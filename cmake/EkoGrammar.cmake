@@ -20,7 +20,8 @@ function(eko_run_bison target file stem)
         COMMENT "Making the parser ${stem}.c"
         VERBATIM)
     target_sources(${target} PRIVATE ${directory}/${stem}.c ${directory}/${stem}.h)
-    target_include_directories(${target} PRIVATE ${directory})
+    cmake_path(GET file PARENT_PATH beside) # what code in the grammar includes
+    target_include_directories(${target} PRIVATE ${directory} ${beside})
 endfunction()
 
 function(eko_add_grammar target file)

@@ -18,8 +18,13 @@ static const char usage[] =
     "  export DB FILE   writes the records as lines, in the order of their keys\n"
     "  import FILE DB   makes DB anew from the lines of FILE, in place of what it held\n"
     "  copy DB DB       makes the second a copy of the first\n"
+    "  query DB QUERY   prints the records that the query asks for, such as\n"
+    "                   'category = \"Sm\" and name like \"*ARROW*\" order by key desc limit 10'\n"
     "With --threads, 1 to 64, so many threads parse the lines of load and import. With --trace a debugger can\n"
     "show what was done last. Options may also stand behind the command's name.\n"
+    "A query compares a field and a text in quotes with = != < <= > >= and like, where * stands for any bytes and\n"
+    "? for one, and has and, or, not and parentheses. Fields are key, value, and the pieces of the value between\n"
+    "';', which the settings name.\n"
     "Settings are read from minidb.ini, which is written on first use; options go before them.\n"
     "Ends with 0 when all went well, 1 when not, 2 after this text.\n";
 
@@ -80,24 +85,32 @@ static FOUND getOne(STORE* store, const char* key, EKO_FILE_STREAM out)
 
 /* Records are data, not messages: they go to standard output, but not into the log. A stream of our own over it
  * can tell at the end whether all was written. */
-static bool getAll(STORE* store, int count, char** keys)
+EKO_FILE_STREAM openStandardOutput(void)
 {
     EKO_FILE_STREAM out = eko_fopen_std("stdout");
-    if (!out) {
+    if (!out)
         complain("no standard output");
-        return false;
-    }
-    FOUND found = FOUND_ONE;
-    bool all = true;
+    return out;
+}
+
+bool closeStandardOutput(EKO_FILE_STREAM out)
+{
+    if (closePrinted(out))
+        return true;
+    complain("cannot write to standard output");
+    return false;
+}
+
+static bool getAll(STORE* store, int count, char** keys)
+{
+    EKO_FILE_STREAM out = openStandardOutput();
+    FOUND found = out ? FOUND_ONE : FOUND_FAULT;
+    bool all = out != NULL;
     for (int i = 0; i < count && found != FOUND_FAULT; ++i) {
         found = getOne(store, keys[i], out);
         all = all && found == FOUND_ONE;
     }
-    if (!closePrinted(out)) {
-        complain("cannot write to standard output");
-        all = false;
-    }
-    return all;
+    return out && closeStandardOutput(out) && all;
 }
 
 static bool get(const SETTINGS* settings, const char* storeName, int count, char** keys)
@@ -176,11 +189,9 @@ typedef struct COMMAND {
 } COMMAND;
 
 /* Those of two words; "get" takes any number. */
-static const COMMAND commands[] = {{"load", load, false, true},
-                                   {"check", check, true, false},
-                                   {"export", exportText, true, false},
-                                   {"import", importText, false, true},
-                                   {"copy", copyStore, true, true}};
+static const COMMAND commands[] = {{"load", load, false, true},         {"check", check, true, false},
+                                   {"export", exportText, true, false}, {"import", importText, false, true},
+                                   {"copy", copyStore, true, true},     {"query", query, true, false}};
 
 static bool runOne(const COMMAND* command, const SETTINGS* settings, char** words)
 {

@@ -4,6 +4,8 @@
  * load.c      load: lines are parsed on a thread pool and come back through a queue
  * progress.c  how far a load has come, as a bar or in lines
  * transfer.c  export, import and copy
+ * query.y     the language of queries, a grammar
+ * query.c     queries
  * settings.c  what the user set, in an INI file or by options
  * text.c      reads "key;value" lines through a text stream
  * store.c     the data file: positional reads and writes, checksums, recovery, three backings
@@ -58,6 +60,7 @@ typedef struct SETTINGS {
     uint32 progressAfter; /* seconds until a load shows how far it has come */
     char dataDirectory[MAX_NAME_BYTES];
     char logFile[MAX_NAME_BYTES]; /* "" is none */
+    char fields[MAX_NAME_BYTES];  /* names of the pieces of values, with commas between them */
 } SETTINGS;
 
 /* Reads the file; when there is none, writes one with what holds then, for the user to change. */
@@ -194,7 +197,7 @@ bool storeCutBack(STORE* store, EKO_FILE_OFFSET end);
 void progressShow(const TEXT* text, uint64 startedNs, const SETTINGS* settings);
 void progressWipe(void);
 
-/* ---- load.c, main.c, transfer.c: the commands --------------------------------------------------------------- */
+/* ---- load.c, main.c, transfer.c, query.c: the commands --------------------------------------------------------------- */
 
 /* Loads the lines of a text into a data file. */
 bool load(const SETTINGS* settings, const char* textName, const char* storeName);
@@ -203,9 +206,15 @@ bool load(const SETTINGS* settings, const char* textName, const char* storeName)
 bool printPair(EKO_FILE_STREAM out, const PAIR* pair);
 /* Closes the stream; false when not all that was printed could be written. */
 bool closePrinted(EKO_FILE_STREAM out);
+/* The same for standard output; both tell what went wrong. */
+EKO_FILE_STREAM openStandardOutput(void);
+bool closeStandardOutput(EKO_FILE_STREAM out);
 
 bool exportText(const SETTINGS* settings, const char* storeName, const char* textName);
 bool importText(const SETTINGS* settings, const char* textName, const char* storeName);
 bool copyStore(const SETTINGS* settings, const char* from, const char* to);
+
+/* Prints the records that a query asks for. */
+bool query(const SETTINGS* settings, const char* storeName, const char* text);
 
 #endif

@@ -15,8 +15,9 @@
 const char* const backingNames[3] = {"disk", "mapped", "memory"};
 
 /* In the order in which they are written. */
-static const char* const defaults[][2] = {{"page_size", "65536"}, {"data_directory", "."}, {"log_file", ""},
-                                          {"backing", "disk"},    {"threads", "1"},        {"progress_after", "1"}};
+static const char* const defaults[][2] = {
+    {"page_size", "65536"}, {"data_directory", "."}, {"log_file", ""},           {"backing", "disk"},
+    {"threads", "1"},       {"progress_after", "1"}, {"fields", "name,category"}};
 #define ENTRIES (sizeof defaults / sizeof defaults[0])
 
 static bool takeNumber(uint32* number, const char* name, const char* text, uint32 least, uint32 most, uint32 step)
@@ -52,8 +53,10 @@ bool settingsTake(SETTINGS* settings, const char* name, const char* text)
         return takeNumber(&settings->progressAfter, name, text, 0, UINT32_MAX, 1);
     if (strcmp(name, "backing") == 0)
         return takeBacking(settings, text);
-    const bool log = strcmp(name, "log_file") == 0;
-    eko_strncpyZ(log ? settings->logFile : settings->dataDirectory, text, MAX_NAME_BYTES);
+    char* const into = strcmp(name, "log_file") == 0 ? settings->logFile
+                       : strcmp(name, "fields") == 0 ? settings->fields
+                                                     : settings->dataDirectory;
+    eko_strncpyZ(into, text, MAX_NAME_BYTES);
     return true;
 }
 

@@ -1,0 +1,76 @@
+/* query.y - the language of queries, such as
+ *
+ *      category = "Sm" and not (name like "*ARROW*" or key < "2100") order by name desc limit 10
+ *
+ * All of it may be left out. query.c finds the words and does what is asked for. */
+%define api.prefix {query_}
+%define api.token.prefix {QUERY_}
+%code requires {
+#include "minidb.h"
+
+typedef struct WORD {
+    const char* bytes;
+    uint32 len;
+} WORD;
+
+typedef enum OPERATOR { EQUAL, UNEQUAL, LESS, UP_TO, MORE, FROM, LIKE } OPERATOR;
+
+/* A condition: a comparison, or two conditions that must both hold, or one of them. */
+typedef struct CONDITION {
+    const struct CONDITION* left; /* null for a comparison */
+    const struct CONDITION* right;
+    bool both;
+    bool negated;
+    uint32 field;
+    OPERATOR compared;
+    WORD operand;
+} CONDITION;
+
+typedef struct QUERY {
+    const SETTINGS* settings;
+    const char* text;
+    const char* at;        /* where the next word is looked for */
+    const char* word;      /* where the last one begins */
+    EKO_MEMTAG tag;        /* the conditions and what was found */
+    CONDITION* condition;  /* null when all records are asked for */
+    uint32 order;          /* a field */
+    bool ordered, descending;
+    uint32 limit;
+} QUERY;
+}
+%param {QUERY* q}
+%union {
+    CONDITION* condition;
+    OPERATOR compared;
+    WORD word;
+    uint32 number; /* a field's, or a limit */
+}
+%token END 0 "the end"
+%token <number> FIELD "a field" NUMBER "a number"
+%token <word> TEXT "a text in quotes"
+%token <compared> COMPARED "a comparison"
+%token OPEN "'('" CLOSE "')'" NOT "'not'" ORDER "'order'" BY "'by'" ASC "'asc'" DESC "'desc'" LIMIT "'limit'"
+%left OR "'or'"
+%left AND "'and'"
+%precedence NOT
+%type <condition> condition comparison
+%code {
+/* Null without memory, of which the library has told. */
+static CONDITION* make(QUERY* q, CONDITION made)
+{
+    return EKO_DUP(&made, sizeof made, q->tag);
+}
+}
+%%
+query: wanted order limit;
+wanted: %empty | condition { q->condition = $1; };
+condition: comparison
+    | OPEN condition CLOSE { $$ = $2; }
+    | NOT condition { $$ = $2; $$->negated = !$$->negated; }
+    | condition AND condition { $$ = make(q, (CONDITION){.left = $1, .right = $3, .both = true}); if (!$$) YYNOMEM; }
+    | condition OR condition { $$ = make(q, (CONDITION){.left = $1, .right = $3}); if (!$$) YYNOMEM; };
+comparison: FIELD COMPARED TEXT
+    { $$ = make(q, (CONDITION){.field = $1, .compared = $2, .operand = $3}); if (!$$) YYNOMEM; };
+order: %empty | ORDER BY FIELD direction { q->order = $3; q->ordered = true; };
+direction: %empty | ASC | DESC { q->descending = true; };
+limit: %empty | LIMIT NUMBER { q->limit = $2; };
