@@ -164,11 +164,14 @@ static void sayFigures(const LOAD* load)
 {
     const STORE* store = &load->store;
     const uint32 keys = store->index.count;
+    char id[EKO_UUID_TEXT];
+    uuid_toString(&store->id, id, sizeof id, 0);
     eko_log("minidb: loaded %u records, %llu bytes of text, %llu bytes of data, in %.3f s\n", load->records,
             (unsigned long long)load->text.length, (unsigned long long)(store->end - load->startedAt),
             secondsSince(load->startedNs));
     eko_log("minidb: %u of them replace earlier ones; %u keys in all\n", load->records - (keys - load->keysBefore),
             keys);
+    eko_log("minidb: data file %s\n", id);
     eko_log("minidb: memory by tag\n");
     sayTag("index", store->index.tableTag);
     sayTag("keys", store->index.bytesTag);

@@ -150,6 +150,7 @@ typedef enum STORE_USE {
 
 typedef struct STORE {
     const char* name;
+    UUID_VAL id;
     STORE_USE use;
     BACKING backing;
     uint32 pageSize;
@@ -178,7 +179,7 @@ bool storeReadValues(STORE* store);
 
 /* Reads the record at `*at` and moves that behind it. The first one is at STORE_FIRST. The pair found is valid
  * until the next read. */
-#define STORE_FIRST ((EKO_FILE_OFFSET)16)
+#define STORE_FIRST ((EKO_FILE_OFFSET)32)
 FOUND storeNext(STORE* store, EKO_FILE_OFFSET* at, PAIR* pair);
 
 /* Makes what stands in front of a pair in the file, in any thread. */

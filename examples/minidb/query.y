@@ -49,9 +49,10 @@ typedef struct QUERY {
 %token <number> FIELD "a field" NUMBER "a number"
 %token <word> TEXT "a text in quotes"
 %token <compared> COMPARED "a comparison"
-%token OPEN "'('" CLOSE "')'" NOT "'not'" ORDER "'order'" BY "'by'" ASC "'asc'" DESC "'desc'" LIMIT "'limit'"
-%left OR "'or'"
-%left AND "'and'"
+%token OPEN "'('" CLOSE "')'" NOT "'not'" AND "'and'" OR "'or'"
+%token ORDER "'order'" BY "'by'" ASC "'asc'" DESC "'desc'" LIMIT "'limit'"
+%left OR
+%left AND
 %precedence NOT
 %type <condition> condition comparison
 %code {

@@ -1,11 +1,12 @@
 /* store.c - the data file.
  *
- *      header   "minidb\r\n" | version | check
+ *      header   "minidb\r\n" | version | UUID | check
  *      record   keyLen | valueLen | bytesCheck | headCheck | key | value
  *      record   ...
  *
- * Numbers are 32 bits, little-endian, wherever the file is written. Checks are CRC-32: `check` and `headCheck` of
- * what stands in front of them in the header or record, `bytesCheck` of key and value. With a check of its own, a
+ * The UUID is the data file's own: made with it, and shared by its copies only. Numbers are 32 bits, in network order
+ * in the header and little-endian in records, wherever the file is written. Checks are CRC-32: `check` and `headCheck`
+ * of what stands in front of them in the header or record, `bytesCheck` of key and value. With a check of its own, a
  * record's length can be believed before the bytes that it counts are read.
  *
  * Records are only ever appended. Of several with the same key the last one counts, so loading again replaces.
@@ -31,7 +32,6 @@
 #include "minidb.h"
 
 #define GRANULE ((EKO_FILE_OFFSET)1 << 20) /* of mapped views */
-#define VERSION 1u
 
 /* ---- numbers and checks ---------------------------------------------------------------------------------- */
 
@@ -94,7 +94,7 @@ static bool fillWindow(STORE* store, EKO_FILE_OFFSET at, uint32 need)
 }
 
 /* Bytes of the file, which must have them; null when they cannot be read. */
-static const uint8* fetch(STORE* store, EKO_FILE_OFFSET at, uint32 count)
+static uint8* fetch(STORE* store, EKO_FILE_OFFSET at, uint32 count)
 {
     const bool inside = at >= store->windowAt && at + count <= store->windowAt + store->windowLen;
     if (!inside && !fillWindow(store, at, count))
@@ -255,11 +255,76 @@ bool storeCutBack(STORE* store, EKO_FILE_OFFSET end)
 
 /* ---- opening ------------------------------------------------------------------------------------------------ */
 
-static void makeHeader(uint8* header)
+typedef struct HEADER {
+    char name[8];
+    int32 version;
+    UUID_VAL id;
+    int32 check;
+} HEADER;
+
+#define NAME "minidb\r\n"
+#define VERSION 2
+#define NETWORK_ORDER (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__) /* whether streams have to swap for it */
+#define FIXED_BYTES 12u                                           /* name and version */
+
+/* The header's bytes, as a stream's callback gets them. */
+typedef struct BYTES {
+    uint8* at;
+    uint32 left;
+} BYTES;
+
+static int32 putBytes(const void* to, const void* data, uint32 len)
 {
-    memcpy(header, "minidb\r\n", 8);
-    put32(header + 8, VERSION);
-    put32(header + 12, crc32(0, header, 12));
+    BYTES* bytes = *(BYTES* const*)to;
+    if (len > bytes->left)
+        return 1002;
+    memcpy(bytes->at, data, len);
+    bytes->at += len;
+    bytes->left -= len;
+    return 0;
+}
+
+static int32 getBytes(const void* from, void* data, uint32 size, uint32* len, uint32 reserved)
+{
+    BYTES* bytes = *(BYTES* const*)from;
+    (void)reserved;
+    *len = size < bytes->left ? size : bytes->left;
+    memcpy(data, bytes->at, *len);
+    bytes->left -= *len;
+    return *len > 0 ? 0 : 1002;
+}
+
+static int32 headerCheck(const uint8* header)
+{
+    return (int32)crc32(0, header, (size_t)STORE_FIRST - sizeof(int32));
+}
+
+/* A UUID is in network order as it is. */
+static bool makeHeader(const UUID_VAL* id, uint8* header)
+{
+    BYTES bytes = {header, (uint32)STORE_FIRST}, *to = &bytes;
+    EKO_OUTPUTBUFF out;
+    if (eko_outputBuffCreate(putBytes, &to, NETWORK_ORDER, &out) != 0)
+        return false;
+    const bool made = eko_outputBuffPutString(out, NAME) == 0 && eko_outputBuffPutInt32(out, VERSION) == 0 &&
+                      eko_outputBuffPutBytes(out, id, sizeof *id) == 0 && eko_outputBuffFlush(out) == 0 &&
+                      eko_outputBuffPutInt32(out, headerCheck(header)) == 0 && eko_outputBuffFlush(out) == 0;
+    eko_outputBuffDestroy(out);
+    return made;
+}
+
+static bool readHeader(uint8* found, HEADER* header)
+{
+    BYTES bytes = {found, (uint32)STORE_FIRST}, *from = &bytes;
+    EKO_INPUTBUFF in;
+    if (eko_inputBuffCreate(getBytes, &from, NETWORK_ORDER, &in) != 0)
+        return false;
+    const bool read = eko_inputBuffGetBytes(in, header->name, sizeof header->name) == 0 &&
+                      eko_inputBuffGetInt32(in, &header->version) == 0 &&
+                      eko_inputBuffGetBytes(in, &header->id, sizeof header->id) == 0 &&
+                      eko_inputBuffGetInt32(in, &header->check) == 0;
+    eko_inputBuffDestroy(in);
+    return read;
 }
 
 /* Whether a file holds no more than a load can leave that was interrupted before its first record: a piece of
@@ -267,7 +332,8 @@ static void makeHeader(uint8* header)
 static bool isUnfinishedHeader(const uint8* found, uint32 count, const uint8* header)
 {
     static const uint8 zeros[STORE_FIRST] = {0};
-    return memcmp(found, header, count) == 0 || memcmp(found, zeros, count) == 0;
+    return memcmp(found, zeros, count) == 0 ||
+           (count < STORE_FIRST && memcmp(found, header, count < FIXED_BYTES ? count : FIXED_BYTES) == 0);
 }
 
 /* The header is on the disk before any record is, so that records never stand behind a bad one. */
@@ -279,24 +345,45 @@ static bool writeHeader(STORE* store, const uint8* header)
     return true;
 }
 
+/* For a file that may have none yet: makes it, with a UUID of its own. */
+static bool startFile(STORE* store, const uint8* found, uint32 count, bool* started)
+{
+    uint8 header[STORE_FIRST] = {0};
+    store->id = (UUID_VAL){0};
+    uuid_create(&store->id);
+    if (store->id.time_high_and_version == 0 || !makeHeader(&store->id, header)) {
+        complain("%s: a UUID cannot be made for it", store->name);
+        return false;
+    }
+    *started = isUnfinishedHeader(found, count, header);
+    return !*started || writeHeader(store, header);
+}
+
 static bool checkHeader(STORE* store)
 {
-    uint8 header[STORE_FIRST];
-    makeHeader(header);
+    uint8 none[1] = {0};
     const uint32 count = store->length < STORE_FIRST ? (uint32)store->length : (uint32)STORE_FIRST;
-    const uint8* found = count ? fetch(store, 0, count) : header;
-    if (!found)
+    uint8* found = count ? fetch(store, 0, count) : none;
+    HEADER header = {0};
+    if (!found || (count == STORE_FIRST && !readHeader(found, &header)))
         return false;
-    if (count == STORE_FIRST && memcmp(found, header, count) == 0)
+    const bool named = count == STORE_FIRST && memcmp(header.name, NAME, sizeof header.name) == 0;
+    const bool whole = named && header.check == headerCheck(found);
+    if (whole && header.version == VERSION) {
+        store->id = header.id;
         return true;
-    if (store->use == STORE_LOAD && store->length <= STORE_FIRST && isUnfinishedHeader(found, count, header))
-        return writeHeader(store, header);
-    if (count < STORE_FIRST || memcmp(found, header, 8) != 0)
+    }
+    bool started = false;
+    if (store->use == STORE_LOAD && store->length <= STORE_FIRST && !startFile(store, found, count, &started))
+        return false;
+    if (started)
+        return true;
+    if (!named)
         complain("%s: %s", store->name, count ? "is no minidb data file" : "is empty, no minidb data file");
-    else if (get32(found + 12) != crc32(0, found, 12))
+    else if (!whole)
         complain("%s: its header is damaged", store->name);
     else
-        complain("%s: has version %u, this program reads %u", store->name, get32(found + 8), VERSION);
+        complain("%s: has version %d, this program reads %d", store->name, header.version, VERSION);
     return false;
 }
 
