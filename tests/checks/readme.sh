@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs the README's C program with the command that the README gives, as far as the paths go, and
-# compares what it prints with what the README says.
+# Builds the README's C program as the README says, as far as the paths go, against the shared and against the static
+# library, with the C compiler alone. Runs both, and compares what they print with what the README says.
 #   readme.sh CC SOURCE_DIR LIB_DIR [FLAG...]
 set -euo pipefail
 cc=$1 source=$2 libs=$3
@@ -12,6 +12,18 @@ trap 'rm -rf "$work"' EXIT
 block() { awk -v open="\`\`\`$1" '$0 == open { inside = 1; next } inside && /^```$/ { exit } inside' "$source/README.md"; }
 block c > "$work/hello.c" # without one there is no program to link
 block text > "$work/expected"
-"$cc" "$@" -std=c11 -Wall -Wextra -Wpedantic -Werror -I "$source/include" "$work/hello.c" -o "$work/hello" \
-    -L "$libs" "-Wl,-rpath,$libs" -leko -pthread
-"$work/hello" | diff "$work/expected" -
+mkdir "$work/static"
+cp "$libs/libeko.a" "$work/static" # alone in its directory, so that -leko finds this form
+ln -s "$libs" "$work/shared"
+for form in shared static; do
+    "$cc" "$@" -std=c11 -Wall -Wextra -Wpedantic -Werror -I "$source/include" "$work/hello.c" -o "$work/hello" \
+        -L "$work/$form" "-Wl,-rpath,$libs" -leko -pthread
+    "$work/hello" | diff "$work/expected" -
+    needed=$(readelf -d "$work/hello" | grep NEEDED)
+    case $form:$needed in
+        *libstdc++* | static:*libeko*) ;;
+        static:* | *libeko.so.12*) continue ;;
+    esac
+    printf 'The %s program needs\n%s\n' "$form" "$needed"
+    exit 1
+done
