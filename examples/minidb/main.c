@@ -22,9 +22,9 @@ static const char usage[] =
     "                   'category = \"Sm\" and name like \"*ARROW*\" order by key desc limit 10'\n"
     "With --threads, 1 to 64, so many threads parse the lines of load and import. With --trace a debugger can\n"
     "show what was done last. Options may also stand behind the command's name.\n"
-    "A query compares a field and a text in quotes with = != < <= > >= and like, where * stands for any bytes and\n"
-    "? for one, and has and, or, not and parentheses. Fields are key, value, and the pieces of the value between\n"
-    "';', which the settings name.\n"
+    "A query compares a field and a text, in \" or ', with = != < <= > >= and like, where * stands for any bytes\n"
+    "and ? for one, and has and, or, not and parentheses; it orders by one field. All parts may be left out.\n"
+    "Fields are key, value, and the pieces of the value between ';', which the settings name.\n"
     "Settings are read from minidb.ini, which is written on first use; options go before them.\n"
     "Ends with 0 when all went well, 1 when not, 2 after this text.\n";
 

@@ -40,19 +40,25 @@ static bool sameWord(const char* word, WORD found)
 /* Fields are numbered: the key, the whole value, then its pieces, whose names the settings have. */
 enum { FIELD_KEY, FIELD_VALUE, FIELD_PIECES };
 
-static int32 takeField(const QUERY* q, WORD found, uint32* field)
+static uint32 fieldNamed(const QUERY* q, WORD found)
 {
-    char message[MAX_NAME_BYTES + 64];
-    *field = sameWord("value", found) ? FIELD_VALUE : FIELD_KEY;
-    if (*field == FIELD_VALUE || sameWord("key", found))
-        return 0;
-    *field = FIELD_PIECES;
-    for (const char* name = q->settings->fields; *name; ++*field) {
+    if (sameWord("key", found))
+        return FIELD_KEY;
+    if (sameWord("value", found))
+        return FIELD_VALUE;
+    uint32 field = FIELD_PIECES;
+    for (const char* name = q->settings->fields; *name; ++field) {
         const size_t len = strcspn(name, ",");
         if (len == found.len && strncasecmp(name, found.bytes, len) == 0)
-            return 0;
+            return field;
         name += len + (name[len] == ',');
     }
+    return NO_FIELD;
+}
+
+int32 noSuchField(const QUERY* q)
+{
+    char message[MAX_NAME_BYTES + 64];
     eko_snprintf(message, sizeof message, "no such field: there are key,value,%s", q->settings->fields);
     return complainAt(q, message);
 }
@@ -119,7 +125,8 @@ int32 query_lex(QUERY* q, int32* token, QUERY_STYPE* value)
     if (strspn(found.bytes, letters) == 0)
         return complainAt(q, "an unknown sign");
     *token = QUERY_FIELD;
-    return takeField(q, found, &value->number);
+    value->number = fieldNamed(q, found);
+    return 0;
 }
 
 /* ---- conditions --------------------------------------------------------------------------------------------- */

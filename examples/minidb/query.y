@@ -37,6 +37,9 @@ typedef struct QUERY {
     bool ordered, descending;
     uint32 limit;
 } QUERY;
+
+#define NO_FIELD UINT32_MAX /* a word that is no field's name: to be told only where a field may stand */
+int32 noSuchField(const QUERY* q);
 }
 %param {QUERY* q}
 %union {
@@ -45,16 +48,17 @@ typedef struct QUERY {
     WORD word;
     uint32 number; /* a field's, or a limit */
 }
-%token END 0 "the end"
-%token <number> FIELD "a field" NUMBER "a number"
-%token <word> TEXT "a text in quotes"
-%token <compared> COMPARED "a comparison"
+%token END 0 "end"
+%token <number> FIELD "field name" NUMBER "number"
+%token <word> TEXT "text in quotes"
+%token <compared> COMPARED "comparison"
 %token OPEN "'('" CLOSE "')'" NOT "'not'" AND "'and'" OR "'or'"
 %token ORDER "'order'" BY "'by'" ASC "'asc'" DESC "'desc'" LIMIT "'limit'"
 %left OR
 %left AND
 %precedence NOT
 %type <condition> condition comparison
+%type <number> field
 %code {
 /* Null without memory, of which the library has told. */
 static CONDITION* make(QUERY* q, CONDITION made)
@@ -70,8 +74,9 @@ condition: comparison
     | NOT condition { $$ = $2; $$->negated = !$$->negated; }
     | condition AND condition { $$ = make(q, (CONDITION){.left = $1, .right = $3, .both = true}); if (!$$) YYNOMEM; }
     | condition OR condition { $$ = make(q, (CONDITION){.left = $1, .right = $3}); if (!$$) YYNOMEM; };
-comparison: FIELD COMPARED TEXT
+comparison: field COMPARED TEXT
     { $$ = make(q, (CONDITION){.field = $1, .compared = $2, .operand = $3}); if (!$$) YYNOMEM; };
-order: %empty | ORDER BY FIELD direction { q->order = $3; q->ordered = true; };
+field: FIELD { if ($1 == NO_FIELD) return noSuchField(q); $$ = $1; };
+order: %empty | ORDER BY field direction { q->order = $3; q->ordered = true; };
 direction: %empty | ASC | DESC { q->descending = true; };
 limit: %empty | LIMIT NUMBER { q->limit = $2; };
