@@ -1,11 +1,13 @@
 # eko_add_grammar(TARGET FILE.y)  turns a grammar into a parser that runs on eko_yyparse, and adds it to the target:
-# FILE.tab.c is compiled with it, and its sources can include "FILE.tab.h". How to write grammars: tools/bison/eko.m4.
+# FILE.tab.c is compiled with it, as C, and its sources can include "FILE.tab.h". Needs bison 3.8; its warnings are
+# errors. For this project and those that have it by add_subdirectory. How to write grammars: tools/bison/eko.m4.
 
 find_package(BISON 3.8 QUIET)
 set(EKO_BISON_SKELETON ${CMAKE_CURRENT_LIST_DIR}/../tools/bison/eko.m4 CACHE FILEPATH "What makes bison write eko's tables")
 
 # eko_run_bison(TARGET FILE STEM OPTION...)  has bison make STEM.c and STEM.h for the target.
 function(eko_run_bison target file stem)
+    find_package(BISON 3.8 QUIET) # callers outside of this project do not see what was found above
     if(NOT BISON_FOUND)
         message(FATAL_ERROR "${file} needs bison, 3.8 or newer. On Debian: apt-get install bison")
     endif()

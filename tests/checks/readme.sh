@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the README's C program as the README says, as far as the paths go, against the shared and against the static
 # library, with the C compiler alone. Runs both, and compares what they print with what the README says.
+# Configures the README's project, and makes the parser of the grammar in the head of eko.m4.
 #   readme.sh CC SOURCE_DIR LIB_DIR [FLAG...]
 set -euo pipefail
 cc=$1 source=$2 libs=$3
@@ -27,3 +28,11 @@ for form in shared static; do
     printf 'The %s program needs\n%s\n' "$form" "$needed"
     exit 1
 done
+
+cd "$work"
+block cmake > CMakeLists.txt
+ln -s "$source" eko
+cmake -S . -B b > log 2>&1 || { cat log && exit 1; }
+sed -n '/api\.prefix {/,/^#   sum:/ { s/^#   //; s/   .*//; p }' eko/tools/bison/eko.m4 > query.y
+bison -Werror --skeleton=./eko/tools/bison/eko.m4 --header --output=query.tab.c query.y
+"$cc" "$@" -std=c11 -Wall -Wextra -Werror -I eko/include -c query.tab.c

@@ -9,9 +9,11 @@
 #   %code requires { struct query; }    goes into query.tab.h, in front of the declarations
 #   %param {struct query* q}            one, a pointer: what the actions, query_lex and query_error get
 #   %define api.value.type union        or {type}, or %union
-#   %token <int> NUMBER "number"
+#   %token EOF 0 "end of text"          texts are what error messages call a token
+#   %token <int> NUMBER "number"        its value is value->QUERY_NUMBER; with %union, the member in <>
+#   %nterm <int> sum
 #   %%
-#   sum: NUMBER | sum '+' NUMBER { $$ = $1 + $3; } | error { yyerrok; };
+#   sum: NUMBER | sum '+' NUMBER { $$ = $1 + $3; } | error { $$ = 0; yyerrok; };
 #
 # query.tab.h declares, in C and for C++:
 #
@@ -20,6 +22,9 @@
 #   int32 query_error(struct query* q, const EKO_YYERROR* error);             to be written: EKO_YYERRORFCN
 #   int32 query_reduce(struct query* q, int32 rule, QUERY_STYPE* yyval, QUERY_STYPE* yyvsp);
 #   extern const EKO_YYTABLES query_tables;
+#
+# In query_lex '+' is the code of '+'. A code that the grammar does not know is called "invalid token" in messages;
+# to say more, say it there and give the token QUERY_error.
 #
 # In actions: YYACCEPT, YYERROR, yyerrok as in yacc; YYABORT ends the parse with 1012, YYNOMEM with 1003, and
 # `return status;` with any status. An action that may be left by longjmp: parse.h.
