@@ -12,8 +12,8 @@
  *      1013  a required argument is null or zero
  *      1014  a caller's buffer is too small
  *      1015  a job of a thread pool has not come as far as the question
- * Each call names those it returns. Reads and writes return byte counts, 0xFFFFFFFF for failure. Times to wait
- * are milliseconds, 0xFFFFFFFF for no limit.
+ * and below 0 those of ini.h and buffstream.h. Each call names those it returns. Reads and writes return byte
+ * counts, 0xFFFFFFFF for failure. Times to wait are milliseconds, 0xFFFFFFFF for no limit.
  *
  * Link with -leko -pthread; the library needs nothing else, in C or in C++. */
 #ifndef EKO_H

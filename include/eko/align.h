@@ -25,8 +25,9 @@ typedef enum ALIGN_TYPE {
     ALN_DOUBLE = 6
 } ALIGN_TYPE;
 
-/** The first offset from `offset` on, in bytes, at which a field of that type may lie. An offset above 65532 can
- *  come to 65536, which is returned as 0. The type is not checked: it must be one of the above. */
+/** The first offset from `offset` on, in bytes, at which a field of that type may lie. Surprise: types of 8 bytes
+ *  lie at multiples of 4, where C on x86-64 wants 8; copy them in and out. An offset above 65532 can come to 65536,
+ *  which is returned as 0. The type is not checked: it must be one of the above. */
 EKO_API uint16 eko_align(uint16 offset, ALIGN_TYPE type);
 
 EKO_EXTERN_C_END

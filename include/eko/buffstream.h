@@ -31,14 +31,14 @@ EKO_EXTERN_C_BEGIN
 /** A stream to read from; null is none. */
 typedef const void* EKO_INPUTBUFF;
 
-/** Reads for a stream.
+/** Reads for a stream: what is there, without waiting for more once there is something.
  *  dataCB    what eko_inputBuffCreate was given.
- *  buf       receives up to `size` bytes.
- *  len       receives their number. More than `size` is taken for `size`.
+ *  buf       receives up to `size` bytes; a stream asks for blocks of 4096.
+ *  len       0; receives their number. More than `size` is taken for `size`.
  *  reserved  always 0.
  *  Returns 0, or any other value, which the stream's caller gets as it is; then nothing has been delivered. The end
- *  of the data is to be such a value. Surprise: success with 0 bytes is asked again at once, and again, until there
- *  are some or it fails. */
+ *  of the data is to be such a value; whether it came between two values or inside one, the get that meets it does
+ *  not tell. Surprise: success with 0 bytes is asked again at once, and again, until there are some or it fails. */
 typedef int32 (*EKO_BUFFREADFCN)(const void* dataCB, void* buf, uint32 size, uint32* len, uint32 reserved);
 
 /** Creates a stream. Nothing is read yet. Returns 0 with the stream in `inBuff`; -904 when it cannot be had, for

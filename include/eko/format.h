@@ -13,7 +13,8 @@
  *   - with L an integer conversion takes no argument and prints 0, and %n stores nothing;
  *   - l changes nothing for s and c: %ls takes a char string, whatever compilers think. Wide text is converted
  *     with eko_convToUTF8 first, or printed by the wide calls;
- *   - an unknown conversion prints nothing and takes no argument; a lone % at the end is ignored;
+ *   - an unknown conversion, such as %S or %C, prints nothing and takes no argument; a lone % at the end is
+ *     ignored;
  *   - the ' flag puts the locale's thousands separator into the digits of d, i, u and floats, and of o, x;
  *     separators count against the precision of an integer;
  *   - the prefix 0 of %#o counts against the precision: 0 then is none, and zero, which has no prefix, prints

@@ -84,7 +84,8 @@ typedef int32 (*EKO_YYREDUCEFCN)(void* ctx, int32 rule, void* result, void* top)
 #define EKO_YYRAISE (INT32_MIN + 1) /**< the rule is an error, which the callback has reported: recover from it */
 #define EKO_YYERROK (INT32_MIN + 2) /**< goes on, and recovery is over: report the next error, however soon */
 
-/** Told of a syntax error, outside of recovery. `error` and all in it are valid during the call.
+/** Told of a syntax error, outside of recovery. `error` and all in it are valid during the call. The token found is
+ *  the last one that the token callback gave: where that one stands, the error is.
  *  Returns 0 to recover. Any other value ends the parse, which returns it. */
 typedef int32 (*EKO_YYERRORFCN)(void* ctx, const EKO_YYERROR* error);
 
@@ -92,9 +93,9 @@ typedef int32 (*EKO_YYERRORFCN)(void* ctx, const EKO_YYERROR* error);
  *  tag  holds the stacks, which are freed before the call returns.
  *  Returns 0 when the text follows the grammar, also after errors that were recovered from, or an action accepted
  *  it; 1012 when an error cannot be recovered from; 1002 when the library is not started or the tables are of
- *  another version; 1003 when there is no memory on the tag for the stacks, which is reported, after which the call
- *  leaves by longjmp if the tag has a jump buffer; 1013 for an argument other than ctx and tag that is null, or
- *  what a callback returned. */
+ *  another version; 1003 when there is no such tag, or no memory on it for the stacks, which is reported, after
+ *  which the call leaves by longjmp if the tag has a jump buffer; 1013 for an argument other than ctx and tag that
+ *  is null, or what a callback returned. */
 EKO_API int32 eko_yyparse(const EKO_YYTABLES* tables, EKO_YYLEXFCN lex, EKO_YYREDUCEFCN reduce,
                           EKO_YYERRORFCN error, void* ctx, EKO_MEMTAG tag);
 

@@ -1,7 +1,12 @@
 /* pool.h - pools of memory items that are used again and again.
  *
  * A pool sits on a memory tag. An item that is given back waits in it for the next request, the last one given back
- * first, instead of going through the tag's allocator.
+ * first, instead of going through the tag's allocator. It is memory only: what it held counts for nothing then.
+ *
+ *      eko_poolCreate(EKO_TAG_INVALID, EKO_POOL_FIXED_SIZE, "jobs", &pool);
+ *      struct job* job = eko_poolGetMem(pool, sizeof *job, EKO_MEM_ZERO, NULL, __FILE__, __LINE__);
+ *      eko_poolPut(pool, job);
+ *      eko_poolDestroy(pool);
  *
  * Which tag    EKO_TAG_INVALID   the pool makes a tag of its own, and destroys it with all items.
  *              any other         the pool itself and its items come from there. It must outlive the pool.
@@ -56,8 +61,9 @@ EKO_API void* eko_poolGetMem(EKO_POOL hPool, size_t sz, int32 mode, const void* 
  *  wait. With a maximum of 2 and 3 items held, the first two that come back are freed, and the third is kept. */
 EKO_API void eko_poolPut(EKO_POOL hPool, const void* ptr);
 
-/** Destroys a pool and the items that wait in it; with a tag of its own also those that are still held, which on
- *  any other tag stay as they are, for the tag to free. */
+/** Destroys a pool and the items that wait in it; with a tag of its own also those that are still held. On any
+ *  other tag these stay valid until the tag is emptied or ends. They cannot be freed one by one: an item is not the
+ *  start of its block, and EKO_FREE of one corrupts the tag. */
 EKO_API void eko_poolDestroy(EKO_POOL hPool);
 
 EKO_EXTERN_C_END

@@ -7,7 +7,11 @@
  *
  *      EKO_RAND rand = eko_randCreate((uint32)eko_seed());
  *      double share = eko_randGetDouble(rand);
+ *      uint32 die = 1 + (uint32)(eko_randGetDouble(rand) * 6);
  *      eko_randDestroy(rand);
+ *
+ * Generators made within a second get the same seed from the clock: one per thread is seeded with an output of one
+ * that they share.
  *
  * Threads  One generator may serve all threads: each output goes to one of them. A call that takes two may get two
  *          that do not follow each other. No call but eko_seed from a signal handler. After a fork the child goes

@@ -41,8 +41,8 @@ EKO_API void uuid_create(UUID_VAL* uuid);
 EKO_API int32 uuid_toString(const eko_uuid_t* uuid, char* str, size_t len, int32 braces);
 
 /** Reads the text of a UUID: 8, 4, 4, 4 and 12 hexadecimal digits, small or capital, with "-" between the groups.
- *  The whole may be in braces, with blanks around them; blanks and tabs may stand around each group. Any digits are
- *  taken, whatever version and variant they say.
+ *  The whole may be in braces, with spaces around them; within, or without braces, spaces and tabs may stand around
+ *  each group. No line end, and nothing else. Any digits are taken, whatever version and variant they say.
  *  uuid  stored on 0 only.
  *  Returns 0; 1012 when it is no such text; 1003 when memory for a copy of it runs out or the library is not
  *  started; 1013 for a null str or uuid. */
