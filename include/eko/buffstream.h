@@ -50,9 +50,10 @@ EKO_API int32 eko_inputBuffCreate(EKO_BUFFREADFCN readFcn, const void* dataCB, i
 EKO_API int32 eko_inputBuffDestroy(EKO_INPUTBUFF inBuff);
 
 /** Each takes one value. Returns 0 with the value stored; the read callback's error, with nothing stored; 1013.
- *  After an error the stream has not lost its place: the same call, made again, goes on behind the bytes that it
- *  had, and any other gives those up. On 32-bit x86 too `value` is exact, whatever its pattern; loading a float or
- *  a double from there can alter one that is a signalling NaN. */
+ *  After an error the stream has not lost its place: the same call, made next, goes on behind the bytes that it
+ *  had. Surprise: a call for another width, or for a run of bytes, gives those up.
+ *  On 32-bit x86 too `value` is exact, whatever its pattern; loading a float or a double from there can alter one
+ *  that is a signalling NaN. */
 EKO_API int32 eko_inputBuffGetChar(EKO_INPUTBUFF inBuff, char* value);
 EKO_API int32 eko_inputBuffGetInt16(EKO_INPUTBUFF inBuff, int16* value);
 EKO_API int32 eko_inputBuffGetInt32(EKO_INPUTBUFF inBuff, int32* value);

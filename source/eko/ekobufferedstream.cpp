@@ -30,8 +30,8 @@ struct INPUTBUFFEREDSTREAM {
     uint32 len;  // bytes of the last read
     uint32 pos;  // of these, taken
     int16 byteswap;
-    // What a failed get had, so that the same get can go on. Values are gathered in `image`: for them "the same" is
-    // one of the same width.
+    // The get that failed last, which goes on when it is made again. Values are gathered in `image`, so for them
+    // any get of the same width is the same.
     void* unfinished;
     size_t wanted;
     size_t had; // 0 when there is nothing to go on with
@@ -126,35 +126,43 @@ int32 readBlock(INPUTBUFFEREDSTREAM& s)
     return EKO_OK;
 }
 
-// Bytes that this get had when it failed.
-size_t takeUpAgain(INPUTBUFFEREDSTREAM& s, const void* data, size_t size)
-{
-    const size_t had = s.unfinished == data && s.wanted == size ? s.had : 0;
-    s.had = 0;
-    return had;
-}
-
+// Takes the bytes behind the first `*had`, which are there already, and counts them in it.
 // DELIBERATE: a read that succeeds without bytes is repeated, for ever if need be. There is no status for the end:
 // callbacks rely on being asked again while they have nothing yet. Pinned by
 // BuffStreamTest.values_come_back_whatever_the_callback_does.
-int32 inputBuffGet(INPUTBUFFEREDSTREAM& s, void* data, size_t size)
+int32 inputBuffGet(INPUTBUFFEREDSTREAM& s, void* data, size_t size, size_t* had)
 {
-    size_t had = takeUpAgain(s, data, size);
-    while (had < size) {
+    while (*had < size) {
         const int32 status = s.pos == s.len ? readBlock(s) : EKO_OK;
-        if (status != 0) {
-            s.unfinished = data;
-            s.wanted = size;
-            s.had = had;
+        if (status != 0)
             return status;
-        }
-        const size_t part = least(s.len - s.pos, size - had);
+        const size_t part = least(s.len - s.pos, size - *had);
         if (data)
-            memcpy(static_cast<char*>(data) + had, s.buf + s.pos, part);
+            memcpy(static_cast<char*>(data) + *had, s.buf + s.pos, part);
         s.pos += static_cast<uint32>(part);
-        had += part;
+        *had += part;
     }
     return EKO_OK;
+}
+
+// The same, going on behind what it had when it failed.
+int32 getOrGoOn(INPUTBUFFEREDSTREAM& s, void* data, size_t size)
+{
+    if (s.unfinished != data || s.wanted != size)
+        s.had = 0;
+    s.unfinished = data;
+    s.wanted = size;
+    const int32 status = inputBuffGet(s, data, size, &s.had);
+    if (status == 0)
+        s.had = 0;
+    return status;
+}
+
+// The characters of a string; null skips them. There is no going on with them.
+int32 getCharacters(INPUTBUFFEREDSTREAM& s, char* str, size_t length)
+{
+    size_t had = 0;
+    return inputBuffGet(s, str, length, &had);
 }
 
 template <class T> int32 getValue(EKO_INPUTBUFF inBuff, T* value)
@@ -162,7 +170,7 @@ template <class T> int32 getValue(EKO_INPUTBUFF inBuff, T* value)
     INPUTBUFFEREDSTREAM* s = inputOf(inBuff);
     if (!s || !value)
         return EKO_BAD_ARGUMENT;
-    const int32 status = inputBuffGet(*s, s->image, sizeof(T));
+    const int32 status = getOrGoOn(*s, s->image, sizeof(T));
     if (status != 0)
         return status;
     Image<T> image;
@@ -292,7 +300,7 @@ int32 eko_inputBuffGetFloat64(EKO_INPUTBUFF inBuff, double* value)
 
 int32 eko_inputBuffGetBytes(EKO_INPUTBUFF inBuff, void* data, size_t size)
 {
-    return inBuff ? inputBuffGet(*inputOf(inBuff), data, size) : EKO_BAD_ARGUMENT;
+    return inBuff ? getOrGoOn(*inputOf(inBuff), data, size) : EKO_BAD_ARGUMENT;
 }
 
 int32 eko_inputBuffGetStringWithLength(EKO_INPUTBUFF inBuff, char* str, size_t size)
@@ -306,14 +314,14 @@ int32 eko_inputBuffGetStringWithLength(EKO_INPUTBUFF inBuff, char* str, size_t s
     if (length == NULL_STRING)
         length = 0;
     const size_t taken = size == 0 ? 0 : least(size - 1, length);
-    status = inputBuffGet(*inputOf(inBuff), str, taken);
+    status = getCharacters(*inputOf(inBuff), str, taken);
     if (status != 0)
         return status;
     if (size != 0)
         str[taken] = '\0';
     if (size != 0 && taken == length)
         return EKO_OK;
-    status = inputBuffGet(*inputOf(inBuff), nullptr, length - taken);
+    status = getCharacters(*inputOf(inBuff), nullptr, length - taken);
     return status != 0 ? status : STRING_CUT;
 }
 
@@ -336,9 +344,8 @@ int32 eko_inputBuffGetString(EKO_INPUTBUFF inBuff, char** str)
         memFail(result, EKO_THREAD_TAG, __FILE__, __LINE__);
         return NO_MEMORY;
     }
-    status = inputBuffGet(*inputOf(inBuff), text, length);
+    status = getCharacters(*inputOf(inBuff), text, length);
     if (status != 0) {
-        inputOf(inBuff)->had = 0; // of a block that is gone
         EKO_FREE(text, EKO_THREAD_TAG);
         return status;
     }

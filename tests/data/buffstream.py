@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Makes buffstream.inc, the bytes that tests/buffstream_test.cpp must write and be able to read:
         python3 buffstream.py > buffstream.inc
+It writes 1024 bytes to a line, to keep their number small: the file is for the compiler, not for readers.
 The values come from a small generator that the test has too; the file has two sequences of them, the first with the
 least byte of each value in front, the second with the greatest."""
 import struct
 
 RECORDS = 800
+BYTES_PER_LINE = 1024
 
 
 def values(seed):
@@ -18,18 +20,14 @@ def text(bits):
     return str(bits)[: bits // 2**40 % 23].encode()
 
 
-def signed(bits, width):
-    bits %= 2**width
-    return bits - 2**width if bits >= 2 ** (width - 1) else bits
-
-
 def encode(kind, bits, order):
+    nan = bits >= 2**63  # one that looks like a signalling NaN in either order
     if kind <= 3:  # char, int16, int32, int64
-        return struct.pack(order + "bhiq"[kind], signed(bits, 8 << kind))
-    if kind == 4:
-        return struct.pack(order + "f", signed(bits, 16) / 16)
-    if kind == 5:
-        return struct.pack(order + "d", signed(bits, 32) / 1024)
+        return struct.pack(order + "BHIQ"[kind], bits % 2 ** (8 << kind))
+    if kind == 4:  # float32
+        return struct.pack(order + "I", 0x7F81807F if nan else bits % 2**32)
+    if kind == 5:  # float64
+        return struct.pack(order + "Q", 0x7FF100000000F07F if nan else bits)
     if kind <= 7:  # bytes, and a string
         return text(bits)
     if kind == 8:  # a framed string
@@ -39,6 +37,6 @@ def encode(kind, bits, order):
 
 for seed, order in (0, "<"), (1, ">"):
     data = b"".join(encode(kind, bits, order) for kind, bits in values(seed))
-    for at in range(0, len(data), 28):
-        print('"' + "".join(f"\\x{byte:02x}" for byte in data[at : at + 28]) + '"s')
+    for at in range(0, len(data), BYTES_PER_LINE):
+        print('"' + "".join(f"\\x{byte:02x}" for byte in data[at : at + BYTES_PER_LINE]) + '"s')
     print(",")
