@@ -9,11 +9,15 @@ EKO_ANSWER(int32, eko_isPurifyRunning, (void), checker)
 
 class PoolTest : public EkoTest {
 protected:
+    int32 create(EKO_MEMTAG tag, EKO_POOL_SIZE_INFO info = EKO_POOL_FIXED_SIZE, const char* name = "mutex")
+    {
+        return eko_poolCreate(tag, info, name, &pool_);
+    }
     char* get(size_t sz, int32 mode = EKO_MEM_PLAIN, const void* data = nullptr)
     {
         return static_cast<char*>(eko_poolGetMem(pool_, sz, mode, data, __FILE__, __LINE__));
     }
-    void put(const char* item) { eko_poolPut(pool_, item); }
+    int32 put(const char* item) { return eko_poolPut(pool_, item), item ? 0 : 1003; }
     EKO_POOL pool_ = nullptr;
 };
 
@@ -21,7 +25,7 @@ TEST_F(PoolTest, items_are_used_again)
 {
     const EKO_MEMTAG tag = EKO_TAG_CREATE(BLOCK_ALLOCATOR);
     for (const auto info : {EKO_POOL_FIXED_SIZE, EKO_POOL_VAR_SIZE}) {
-        EXPECT_EQ(eko_poolCreate(tag, info, nullptr, &pool_), 0);
+        EXPECT_EQ(create(tag, info, nullptr), 0);
         char *const first = get(16, EKO_MEM_COPY, "0123456789ABCDE"), *const second = get(16);
         EXPECT_TRUE(std::string(first) == "0123456789ABCDE" && reinterpret_cast<uintptr_t>(first) % 8 == 0);
         put(second), put(first), put(nullptr);
@@ -40,13 +44,9 @@ TEST_F(PoolTest, items_are_used_again)
 TEST_F(PoolTest, items_are_kept_while_few_exist)
 {
     const EKO_MEMTAG tag = EKO_TAG_CREATE(BLOCK_ALLOCATOR);
-    EXPECT_EQ(eko_poolCreate(tag, EKO_POOL_VAR_SIZE, "has a mutex", &pool_), 0);
+    EXPECT_EQ(create(tag, EKO_POOL_VAR_SIZE), 0);
     const auto exist = [&, none = infoOf(tag).bytes.in_use] { return infoOf(tag).bytes.in_use - none; };
-    const auto use = [&] { // something larger than what there is
-        char* item = get(24);
-        put(item);
-        return item ? 0 : 1003;
-    };
+    const auto use = [&] { return put(get(24)); }; // something larger than what there is
     eko_poolSetMaxPooled(pool_, 2);
     for (const bool jumping : {false, true}) {
         char* const items[] = {get(17), get(17), get(17)};
@@ -71,44 +71,38 @@ TEST_F(PoolTest, items_are_kept_while_few_exist)
 
 TEST_F(PoolTest, creation_fails_whole)
 {
-    const auto make = [&](EKO_MEMTAG tag) {
-        const int32 status = eko_poolCreate(tag, EKO_POOL_FIXED_SIZE, "has a mutex", &pool_);
-        eko_poolDestroy(status == 0 ? pool_ : nullptr);
-        return status;
-    };
     EXPECT_EQ(eko_poolCreate(EKO_GLOBAL_TAG, EKO_POOL_FIXED_SIZE, nullptr, nullptr), 1013);
-    EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return make(EKO_GLOBAL_TAG); }), "1003 0 ");
+    EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return create(EKO_GLOBAL_TAG); }), "1003 0 ");
+    eko_poolDestroy(pool_);
     const NoMoreMemory memory;
-    EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(make(EKO_TAG_INVALID), 1003); }), "ekopool.cpp"));
+    EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(create(EKO_TAG_INVALID), 1003); }), "ekopool.cpp"));
     eko_setMemLimit(nullptr, 0);
     const CallFault fault("eko_syncCreate_check", ENOMEM);
-    EXPECT_EQ(make(EKO_TAG_INVALID) + make(EKO_GLOBAL_TAG), 2006);
+    EXPECT_EQ(create(EKO_TAG_INVALID) + create(EKO_GLOBAL_TAG), 2006);
 }
 
 TEST_F(PoolTest, four_threads_share_a_pool)
 {
-    for (const EKO_MEMTAG tag : {EKO_TAG_INVALID, EKO_GLOBAL_TAG, EKO_TAG_INVALID}) {
-        for (const auto info : {EKO_POOL_FIXED_SIZE, EKO_POOL_VAR_SIZE}) {
-            ASSERT_EQ(eko_poolCreate(tag, info, "has a mutex", &pool_), 0);
-            inThreads(4, [&](uint32 thread) {
-                std::minstd_rand random(thread + 1);
-                const std::string own(300, char('a' + thread));
-                std::string_view held[4];
-                for (uint32 step = 0; step < 8000; ++step) {
-                    std::string_view& item = held[random() % 4];
-                    const size_t size = info == EKO_POOL_FIXED_SIZE ? 64 : 1 + random() % 300;
-                    eko_poolSetMaxPooled(pool_, step / 64 % 12);
-                    EXPECT_TRUE(own.starts_with(item));
-                    put(item.data());
-                    item =
-                        item.data() ? std::string_view() : std::string_view(get(size, EKO_MEM_COPY, &own[0]), size);
-                }
-                for (const std::string_view item : held) // with a tag of the pool's own that frees them
-                    put(tag == EKO_TAG_INVALID ? nullptr : item.data());
-            });
-            eko_poolDestroy(pool_);
-        }
-        checker = tag == EKO_GLOBAL_TAG; // in the last round
+    for (uint32 round = 0; round < 6; ++round) {
+        const EKO_MEMTAG tag = round % 3 == 0 ? EKO_GLOBAL_TAG : EKO_TAG_INVALID;
+        checker = round % 3 == 2;
+        ASSERT_EQ(create(tag, round < 3 ? EKO_POOL_FIXED_SIZE : EKO_POOL_VAR_SIZE), 0);
+        inThreads(4, [&](uint32 thread) {
+            std::minstd_rand random(thread + 1);
+            const std::string own(300, char('a' + thread));
+            std::string_view held[4];
+            for (uint32 step = 0; step < 8000; ++step) {
+                std::string_view& item = held[random() % 4];
+                const size_t size = round < 3 ? 64 : 1 + random() % 300;
+                eko_poolSetMaxPooled(pool_, step / 64 % 12);
+                EXPECT_TRUE(own.starts_with(item));
+                put(item.data());
+                item = item.data() ? std::string_view() : std::string_view(get(size, EKO_MEM_COPY, &own[0]), size);
+            }
+            for (const std::string_view item : held) // a tag of the pool's own frees them
+                put(tag == EKO_TAG_INVALID ? nullptr : item.data());
+        });
+        eko_poolDestroy(pool_);
     }
     checker = 0;
 }
