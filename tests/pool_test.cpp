@@ -9,10 +9,7 @@ EKO_ANSWER(int32, eko_isPurifyRunning, (void), checker)
 
 class PoolTest : public EkoTest {
 protected:
-    int32 create(EKO_MEMTAG tag, EKO_POOL_SIZE_INFO info = EKO_POOL_FIXED_SIZE, const char* name = "mutex")
-    {
-        return eko_poolCreate(tag, info, name, &pool_);
-    }
+    int32 create(EKO_MEMTAG tag, EKO_POOL_SIZE_INFO info) { return eko_poolCreate(tag, info, "mutex", &pool_); }
     char* get(size_t sz, int32 mode = EKO_MEM_PLAIN, const void* data = nullptr)
     {
         return static_cast<char*>(eko_poolGetMem(pool_, sz, mode, data, __FILE__, __LINE__));
@@ -25,7 +22,7 @@ TEST_F(PoolTest, items_are_used_again)
 {
     const EKO_MEMTAG tag = EKO_TAG_CREATE(BLOCK_ALLOCATOR);
     for (const auto info : {EKO_POOL_FIXED_SIZE, EKO_POOL_VAR_SIZE}) {
-        EXPECT_EQ(create(tag, info, nullptr), 0);
+        EXPECT_EQ(eko_poolCreate(tag, info, nullptr, &pool_), 0);
         char *const first = get(16, EKO_MEM_COPY, "0123456789ABCDE"), *const second = get(16);
         EXPECT_TRUE(std::string(first) == "0123456789ABCDE" && reinterpret_cast<uintptr_t>(first) % 8 == 0);
         put(second), put(first), put(nullptr);
@@ -72,13 +69,14 @@ TEST_F(PoolTest, items_are_kept_while_few_exist)
 TEST_F(PoolTest, creation_fails_whole)
 {
     EXPECT_EQ(eko_poolCreate(EKO_GLOBAL_TAG, EKO_POOL_FIXED_SIZE, nullptr, nullptr), 1013);
-    EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return create(EKO_GLOBAL_TAG); }), "1003 0 ");
+    EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return create(EKO_GLOBAL_TAG, EKO_POOL_FIXED_SIZE); }), "1003 0 ");
     eko_poolDestroy(pool_);
     const NoMoreMemory memory;
-    EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(create(EKO_TAG_INVALID), 1003); }), "ekopool.cpp"));
+    EXPECT_TRUE(
+        isOneReport(logged([&] { EXPECT_EQ(create(EKO_TAG_INVALID, EKO_POOL_FIXED_SIZE), 1003); }), "ekopool.cpp"));
     eko_setMemLimit(nullptr, 0);
     const CallFault fault("eko_syncCreate_check", ENOMEM);
-    EXPECT_EQ(create(EKO_TAG_INVALID) + create(EKO_GLOBAL_TAG), 2006);
+    EXPECT_EQ(create(EKO_TAG_INVALID, EKO_POOL_VAR_SIZE) + create(EKO_GLOBAL_TAG, EKO_POOL_VAR_SIZE), 2006);
 }
 
 TEST_F(PoolTest, four_threads_share_a_pool)

@@ -430,7 +430,7 @@ int32 eko_outputBuffPutBytes(EKO_OUTPUTBUFF outBuff, const void* data, size_t si
 }
 
 // DELIBERATE: no frame, though both readers of strings expect one: on the wire it is text of a length that both
-// ends know. Pinned by BuffStreamTest.values_come_back_whatever_the_callback_does.
+// ends know. Pinned by BuffStreamTest.strings_are_framed_cut_and_skipped.
 int32 eko_outputBuffPutString(EKO_OUTPUTBUFF outBuff, const char* str)
 {
     return outBuff && str ? outBuffPut(*outputOf(outBuff), str, strlen(str)) : EKO_BAD_ARGUMENT;

@@ -6,18 +6,14 @@ The values come from a small generator that the test has too; the file has two s
 least byte of each value in front, the second with the greatest."""
 import struct
 
-RECORDS = 800
+RECORDS = 1200
 BYTES_PER_LINE = 1024
 
 
 def values(seed):
     for _ in range(RECORDS):
         seed = (seed * 6364136223846793005 + 1442695040888963407) % 2**64
-        yield (seed >> 33) % 10, seed
-
-
-def text(bits):
-    return str(bits)[: bits // 2**40 % 23].encode()
+        yield (seed >> 33) % 6, seed
 
 
 def encode(kind, bits, order):
@@ -26,13 +22,7 @@ def encode(kind, bits, order):
         return struct.pack(order + "BHIQ"[kind], bits % 2 ** (8 << kind))
     if kind == 4:  # float32
         return struct.pack(order + "I", 0x7F81807F if nan else bits % 2**32)
-    if kind == 5:  # float64
-        return struct.pack(order + "Q", 0x7FF100000000F07F if nan else bits)
-    if kind <= 7:  # bytes, and a string
-        return text(bits)
-    if kind == 8:  # a framed string
-        return struct.pack(order + "I", len(text(bits))) + text(bits)
-    return struct.pack(order + "I", 2**32 - 1)  # a framed null
+    return struct.pack(order + "Q", 0x7FF100000000F07F if nan else bits)  # float64
 
 
 for seed, order in (0, "<"), (1, ">"):
