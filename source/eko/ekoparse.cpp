@@ -40,10 +40,10 @@ struct PARSER {
 
 // ---- tables -----------------------------------------------------------------------------------------------
 
-// The entry of `table` at row + column, if it is one of that row or column; else `otherwise`.
-int32 entry(const EKO_YYTABLES& t, int32 index, int32 owner, int32 otherwise)
+// The entry of `table` at row + column, or null when what is there is not of that row or column.
+const int16* entry(const EKO_YYTABLES& t, int32 index, int32 owner)
 {
-    return index >= 0 && index <= t.last && t.check[index] == owner ? t.table[index] : otherwise;
+    return index >= 0 && index <= t.last && t.check[index] == owner ? &t.table[index] : nullptr;
 }
 
 bool hasOnlyDefault(const EKO_YYTABLES& t, int32 state)
@@ -54,27 +54,25 @@ bool hasOnlyDefault(const EKO_YYTABLES& t, int32 state)
 // What to do in a state when a token follows: above 0 shift to that state, below 0 reduce by that rule, 0 an error.
 int32 actionFor(const EKO_YYTABLES& t, int32 state, int32 token)
 {
-    const int32 byDefault = -t.defact[state];
-    if (hasOnlyDefault(t, state))
-        return byDefault;
-    const int32 action = entry(t, t.pact[state] + token, token, byDefault);
-    return action == t.table_ninf ? 0 : action;
+    const int16* own = hasOnlyDefault(t, state) ? nullptr : entry(t, t.pact[state] + token, token);
+    if (!own)
+        return -t.defact[state]; // which may look like an error entry, and is none
+    return *own == t.table_ninf ? 0 : *own;
 }
 
 // The state to shift `error` to, or 0.
 int32 errorShift(const EKO_YYTABLES& t, int32 state)
 {
-    if (hasOnlyDefault(t, state))
-        return 0;
-    const int32 action = entry(t, t.pact[state] + SYMBOL_ERROR, SYMBOL_ERROR, 0);
-    return action > 0 ? action : 0;
+    const int16* own = hasOnlyDefault(t, state) ? nullptr : entry(t, t.pact[state] + SYMBOL_ERROR, SYMBOL_ERROR);
+    return own && *own > 0 ? *own : 0;
 }
 
 // The state after a rule has been reduced on top of `state`.
 int32 stateAfter(const EKO_YYTABLES& t, int32 state, int32 rule)
 {
     const int32 made = t.lhs[rule] - t.tokens;
-    return entry(t, t.pgoto[made] + state, state, t.defgoto[made]);
+    const int16* own = entry(t, t.pgoto[made] + state, state);
+    return own ? *own : t.defgoto[made];
 }
 
 int32 symbolOf(const EKO_YYTABLES& t, int32 code)
