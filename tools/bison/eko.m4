@@ -29,8 +29,10 @@
 # In actions: YYACCEPT, YYERROR, yyerrok as in yacc; YYABORT ends the parse with 1012, YYNOMEM with 1003, and
 # `return status;` with any status. An action that may be left by longjmp: parse.h.
 #
+# Names of tokens in _() are stored as they are, in N_() where the grammar defines that.
+#
 # There are no locations (put them into the values), no %destructor and %printer (values live on a tag), no
-# %initial-action, no yyclearin, no GLR and no push parsers.
+# %initial-action, no yyclearin, yychar, yynerrs and YYRECOVERING, no GLR and no push parsers.
 
 m4_include(b4_skeletonsdir/[c.m4])
 
@@ -68,7 +70,8 @@ m4_if(m4_quote(b4_parse_param), [], [b4_fatal([[eko.m4 needs one %param]])],
       m4_eval(eko_count(b4_parse_param) != 1), [1], [b4_fatal([[eko.m4 knows one %param only]])])
 
 # The tables are int16. Of those not named here none can be out of range when these are not.
-m4_if(m4_eval(b4_last > 32767 || b4_states_number > 32767 || b4_rules_number > 32767 || b4_code_max > 32767),
+m4_if(m4_eval(b4_last > 32767 || b4_states_number > 32767 || b4_rules_number > 32767 || b4_code_max > 32767 ||
+              b4_last_symbol > 32767),
       [1], [b4_fatal([[the grammar is too large for eko.m4]])])
 
 # ---- pieces of the output ---------------------------------------------------------------------------------------
@@ -135,7 +138,10 @@ _Static_assert(_Alignof(]eko_value[) <= 8, "the values of a grammar are aligned 
 ]eko_table([yylhs], [b4_r1])[
 ]eko_table([yylength], [b4_r2])[
 #define YY_NULLPTR NULL /* Bison's end of a list */
-static const char* const yynames[] = {
+]b4_has_translations_if([[#ifndef N_
+#define N_(name) name
+#endif
+]])[static const char* const yynames[] = {
 ]b4_symbol_names[
 };
 
