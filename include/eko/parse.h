@@ -12,7 +12,11 @@
  *   Recovery    is that of yacc: states are dropped from the stack until one accepts the token `error`, which then
  *               stands for what was dropped (its value is all zero bytes); tokens are dropped until one can follow.
  *               Errors are not reported again until three tokens in a row were shifted, or an action used yyerrok.
- *               Unlike some, it always comes to an end: where recovery found no way on, it drops the next token.
+ *               Unlike some, it always comes to an end, whatever actions do: a token that recovery came to is
+ *               dropped when the error at it would be recovered from at the same place again; when an action raises
+ *               an error again, with no token shifted in between, it is recovered from farther down the stack.
+ *   Conflicts   may let the empty beginnings of a list be reduced without end, for tokens that cannot begin it. Such
+ *               tokens are errors.
  *   Values      are copied as bytes, when the stack grows too, and nothing is called for those that are dropped:
  *               keep what they point to on a tag, and free the tag.
  *   Stacks      are one block on the caller's tag, which doubles when it is full. The depth is limited by memory

@@ -16,6 +16,29 @@ constexpr int32 SHIFTS_TO_RECOVER = 3; // tokens in a row
 constexpr size_t FIRST_ROOM = 64;      // states
 constexpr size_t ANY_DEPTH = SIZE_MAX; // nothing was recovered from since a token was consumed
 
+// Watches reductions with no token consumed in between: once one makes a state on top of a state as another did, and
+// nothing below that has been taken since, they go on for ever. The other is renewed ever more seldom, so that it
+// comes to be one of those that repeat. Only grammars with conflicts have such reductions.
+struct LOOP_WATCH {
+    size_t height = SIZE_MAX; // states below the one made
+    int32 under = 0;
+    int32 made = 0;
+    uint32 count = 0;
+
+    bool loops(size_t newHeight, int32 newUnder, int32 newMade)
+    {
+        if (newHeight >= height && newUnder == under && newMade == made)
+            return true;
+        ++count;
+        if (newHeight < height || (count & (count - 1)) == 0) {
+            height = newHeight;
+            under = newUnder;
+            made = newMade;
+        }
+        return false;
+    }
+};
+
 // One parse. The stack is one block: the value of the lookahead token, the values of the states, then the states.
 // The first state has no symbol; its value is where a rule's result is made.
 struct PARSER {
@@ -159,6 +182,7 @@ int32 leadsToShift(PARSER& p, int32 token)
     size_t below = p.depth; // states of the stack that are still there
     size_t above = 0;       // imagined states on top of them
     int32 state = stateOnTop(p);
+    LOOP_WATCH watch;
     for (;;) {
         const int32 action = actionFor(t, state, token);
         if (action >= 0)
@@ -169,6 +193,8 @@ int32 leadsToShift(PARSER& p, int32 token)
         below -= length - fromAbove;
         const int32 under = above > 0 ? p.states[p.depth + above - 1] : p.states[below - 1];
         state = stateAfter(t, under, -action);
+        if (watch.loops(below + above, under, state))
+            return EKO_MALFORMED;
         if (!makeRoom(p, p.depth + above + 1))
             return EKO_NO_MEMORY;
         p.states[p.depth + above] = static_cast<int16>(state);
@@ -209,15 +235,21 @@ int32 report(PARSER& p)
     return status;
 }
 
-// Shifts `error` in the highest state that takes it, of the lowest `limit` ones.
+// Number of states up to the highest that takes `error`, of the lowest `limit` ones; 0 when none does.
+size_t depthForError(const PARSER& p, size_t limit)
+{
+    size_t depth = p.depth < limit ? p.depth : limit;
+    while (depth > 0 && errorShift(*p.tables, p.states[depth - 1]) == 0)
+        --depth;
+    return depth;
+}
+
+// Shifts `error` in that state.
 int32 recover(PARSER& p, size_t limit)
 {
     p.recovering = SHIFTS_TO_RECOVER;
     p.certain = false;
-    if (p.depth > limit)
-        p.depth = limit;
-    while (p.depth > 0 && errorShift(*p.tables, stateOnTop(p)) == 0)
-        --p.depth;
+    p.depth = depthForError(p, limit);
     if (p.depth == 0)
         return EKO_MALFORMED;
     if (!makeRoom(p, p.depth + 1))
@@ -228,15 +260,17 @@ int32 recover(PARSER& p, size_t limit)
     return EKO_OK;
 }
 
-// The lookahead token cannot be shifted.
+// The lookahead token cannot be shifted. When recovery came to it, and is not over or would only begin anew at the
+// same depth, it is dropped.
 int32 syntaxError(PARSER& p)
 {
-    if (p.recovering == 0) {
+    const bool reported = p.recovering == 0;
+    if (reported) {
         const int32 status = report(p);
         if (status != EKO_OK)
             return status;
     }
-    if (p.recoveredAt != ANY_DEPTH) { // recovery came to this token, and cannot go on with it
+    if (p.recoveredAt != ANY_DEPTH && (!reported || depthForError(p, ANY_DEPTH) >= p.recoveredAt)) {
         if (p.lookahead == SYMBOL_END)
             return EKO_MALFORMED;
         p.lookahead = NO_TOKEN;

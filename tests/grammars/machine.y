@@ -3,23 +3,17 @@
  * parsers of it, with eko's skeleton and with its own, which has YYBISON. Both note each action and each error. The
  * rules' order matters: the default of a state, the empty `closing`, has the number that marks errors in the table. */
 %define api.prefix {machine_}
-%code requires {
-#include <stdint.h>
-struct machine;
-}
+%code requires { struct machine; }
 %param {struct machine* m}
-%define api.value.type {uint32_t}
-%left '='
-%left '+'
-%left '*'
-%nonassoc '<'
+%define api.value.type {unsigned}
+%left '=' %left '+' %left '*' %nonassoc '<'
 %code {
 #ifdef YYBISON
-int ref_lex(uint32_t* value, struct machine* m);
-static void ref_error(struct machine* m, const char* message);
+int ref_lex(unsigned* value, struct machine* m);
+#define ref_error(m, message) (void)(m)
 #endif
-uint32_t machine_note(struct machine* m, uint32_t rule, uint32_t value);
-void machine_reported(struct machine* m, int found, const short* expected, int count);
+unsigned machine_note(struct machine* m, unsigned rule, unsigned value);
+void machine_reported(struct machine* m, int found, const int* expected, int count);
 #define NOTE(rule, value) machine_note(m, rule, value)
 }
 %%
@@ -44,15 +38,8 @@ list: expr | list ',' expr { $$ = NOTE(19, 17 * $1 + $3); };
 static int yyreport_syntax_error(const yypcontext_t* context, struct machine* m)
 {
     yysymbol_kind_t expected[YYNTOKENS];
-    short symbols[YYNTOKENS];
-    int count = yypcontext_expected_tokens(context, expected, YYNTOKENS);
-    for (int i = 0; i < count; ++i)
-        symbols[i] = (short)expected[i];
-    machine_reported(m, yypcontext_token(context), symbols, count);
+    const int count = yypcontext_expected_tokens(context, expected, YYNTOKENS);
+    machine_reported(m, yypcontext_token(context), (const int*)expected, count);
     return 0;
-}
-static void ref_error(struct machine* m, const char* message)
-{
-    (void)m, (void)message;
 }
 #endif

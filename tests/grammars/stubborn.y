@@ -1,9 +1,20 @@
-/* Recovery that gets nowhere: it takes the error again, or says that all is well, with no token consumed. */
+/* Ways to get nowhere: recovery that raises the error again or says that all is well, with no token consumed; a list
+ * that begins with nothing, any number of times, which only the precedences of what follows can stop. */
 %define api.prefix {stubborn_}
-%code requires {
-struct stubborn { const char* text; int32 raise, actions, reports; };
+%code top {
+#define stubborn_lex machine_lex
+#define stubborn_error machine_error
 }
-%param {struct stubborn* s}
+%code requires { struct machine; }
+%param {struct machine* m}
+%define api.value.type {unsigned}
+%code { unsigned machine_note(struct machine* m, unsigned rule, unsigned value); }
+%precedence 'm' %precedence NOTHING %precedence 'n' 'q'
 %%
-text: 'a' | part 'b';
-part: error { s->actions++; if (s->raise) YYERROR; yyerrok; };
+text: 'a' | calm 'b' | 'r' raising 'b' | 'l' list | 'i' item | late 'd';
+calm: error { $$ = machine_note(m, 1, 0); yyerrok; };
+late: 'c' error { $$ = machine_note(m, 3, 0); yyerrok; };
+raising: error { machine_note(m, 2, 0); YYERROR; };
+list: 'n' | item | nothing list 'x';
+nothing: %empty %prec NOTHING;
+item: 'm' | 'q';
