@@ -66,13 +66,16 @@ int32 noSuchField(const QUERY* q)
 static const struct {
     const char* word;
     int32 token;
-    OPERATOR compared;
-} words[] = {{"and", QUERY_AND, 0},        {"or", QUERY_OR, 0},           {"not", QUERY_NOT, 0},
-             {"order", QUERY_ORDER, 0},    {"by", QUERY_BY, 0},           {"asc", QUERY_ASC, 0},
-             {"desc", QUERY_DESC, 0},      {"limit", QUERY_LIMIT, 0},     {"(", QUERY_OPEN, 0},
-             {")", QUERY_CLOSE, 0},        {"=", QUERY_COMPARED, EQUAL},  {"!=", QUERY_COMPARED, UNEQUAL},
-             {"<", QUERY_COMPARED, LESS},  {"<=", QUERY_COMPARED, UP_TO}, {">", QUERY_COMPARED, MORE},
-             {">=", QUERY_COMPARED, FROM}, {"like", QUERY_COMPARED, LIKE}};
+    uint32 number;
+} words[] = {{"and", QUERY_AND, 0},         {"or", QUERY_OR, 0},
+             {"not", QUERY_NOT, 0},         {"order", QUERY_ORDER, 0},
+             {"by", QUERY_BY, 0},           {"asc", QUERY_ASC, 0},
+             {"desc", QUERY_DESC, 0},       {"limit", QUERY_LIMIT, 0},
+             {"(", QUERY_OPEN, 0},          {")", QUERY_CLOSE, 0},
+             {"=", QUERY_COMPARED, EQUAL},  {"!=", QUERY_COMPARED, LESS | MORE},
+             {"<", QUERY_COMPARED, LESS},   {"<=", QUERY_COMPARED, LESS | EQUAL},
+             {">", QUERY_COMPARED, MORE},   {">=", QUERY_COMPARED, MORE | EQUAL},
+             {"like", QUERY_COMPARED, LIKE}};
 
 static const char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789";
 
@@ -112,7 +115,7 @@ int32 query_lex(QUERY* q, int32* token, QUERY_STYPE* value)
     for (size_t i = 0; i < sizeof words / sizeof words[0]; ++i) {
         if (sameWord(words[i].word, found)) {
             *token = words[i].token;
-            value->compared = words[i].compared;
+            value->number = words[i].number;
             return 0;
         }
     }
@@ -176,23 +179,10 @@ static bool isLike(WORD text, WORD pattern)
 
 static bool compares(const CONDITION* c, WORD found)
 {
-    const int ordered = c->compared == LIKE ? 0 : order(found, c->operand);
-    switch (c->compared) {
-    case EQUAL:
-        return ordered == 0;
-    case UNEQUAL:
-        return ordered != 0;
-    case LESS:
-        return ordered < 0;
-    case UP_TO:
-        return ordered <= 0;
-    case MORE:
-        return ordered > 0;
-    case FROM:
-        return ordered >= 0;
-    default:
+    if (c->compared == LIKE)
         return isLike(found, c->operand);
-    }
+    const int ordered = order(found, c->operand);
+    return (c->compared & (ordered < 0 ? LESS : ordered > 0 ? MORE : EQUAL)) != 0;
 }
 
 static bool holds(const CONDITION* c, const PAIR* pair)

@@ -13,7 +13,8 @@ typedef struct WORD {
     uint32 len;
 } WORD;
 
-typedef enum OPERATOR { EQUAL, UNEQUAL, LESS, UP_TO, MORE, FROM, LIKE } OPERATOR;
+/* What a field may be, compared with a text: any of the first three, or of the form that a pattern gives. */
+enum { LESS = 1, EQUAL = 2, MORE = 4, LIKE = 8 };
 
 /* A condition: a comparison, or two conditions that must both hold, or one of them. */
 typedef struct CONDITION {
@@ -22,7 +23,7 @@ typedef struct CONDITION {
     bool both;
     bool negated;
     uint32 field;
-    OPERATOR compared;
+    uint32 compared;
     WORD operand;
 } CONDITION;
 
@@ -44,14 +45,12 @@ int32 noSuchField(const QUERY* q);
 %param {QUERY* q}
 %union {
     CONDITION* condition;
-    OPERATOR compared;
     WORD word;
-    uint32 number; /* a field's, or a limit */
+    uint32 number; /* a field's, a limit, or what a comparison allows */
 }
 %token END 0 "end"
-%token <number> FIELD "field name" NUMBER "number"
+%token <number> FIELD "field name" COMPARED "comparison" NUMBER "number"
 %token <word> TEXT "text in quotes"
-%token <compared> COMPARED "comparison"
 %token OPEN "'('" CLOSE "')'" NOT "'not'" AND "'and'" OR "'or'"
 %token ORDER "'order'" BY "'by'" ASC "'asc'" DESC "'desc'" LIMIT "'limit'"
 %left OR
