@@ -276,15 +276,15 @@ value like "ten;*;z"|10
 name like ""|
 END
 while IFS='|' read -r column told asked; do
+    asked=${asked//\~/$'\n'}
     fails "the query, column $column: $told" query numbers.db "$asked"
     [ "$(tail -n 1 err)" = "$(printf '  %*s' "$column" ^)" ] || failed "the mark is not at column $column of $asked"
 done <<'END'
-9|unexpected end, expected comparison|category
+9|unexpected end, expected comparison|key = "1"~or~category
 18|unexpected 'and', expected field name, '(' or 'not'|(name = "é" and (and
-12|unexpected end, expected ')', 'and' or 'or'|(name = "é"
 12|unexpected number, expected text in quotes|category = 7
 12|unexpected field name, expected end, 'and', 'or', 'order' or 'limit'|name = "é" nor
-17|no such field: there are key,value,name,category|not key = "" or nmae = "é"
+10|no such field: there are key,value,name,category|not key = ""~and (not nmae = "é"~)
 11|a text without its second quote|name like "x'
 5|an unknown sign|name=>"x"
 END

@@ -7,19 +7,22 @@
 
 /* ---- what is said of a query -------------------------------------------------------------------------------- */
 
-/* Characters up to a place in the text. */
-static int charactersTo(const QUERY* q, const char* place)
+static int characters(const char* text, const char* end)
 {
     int count = 0;
-    for (const char* p = q->text; p < place; ++p)
-        count += (*p & 0xC0) != 0x80;
+    for (; text < end; ++text)
+        count += (*text & 0xC0) != 0x80;
     return count;
 }
 
+/* Shows the line that the last word is in, and marks where. */
 static int32 complainAt(const QUERY* q, const char* message)
 {
-    const int before = charactersTo(q, q->word);
-    complain("the query, column %d: %s\n  %s\n  %*s", before + 1, message, q->text, before + 1, "^");
+    const char* line = q->word;
+    while (line > q->text && line[-1] != '\n')
+        --line;
+    const int column = characters(line, q->word) + 1, length = (int)strcspn(line, "\n");
+    complain("the query, column %d: %s\n  %.*s\n  %*s", column, message, length, line, column, "^");
     return 1;
 }
 
@@ -59,7 +62,8 @@ static uint32 fieldNamed(const QUERY* q, WORD found)
 int32 noSuchField(const QUERY* q)
 {
     char message[MAX_NAME_BYTES + 64];
-    eko_snprintf(message, sizeof message, "no such field: there are key,value,%s", q->settings->fields);
+    const char* pieces = q->settings->fields;
+    eko_snprintf(message, sizeof message, "no such field: there are key,value%s%s", *pieces ? "," : "", pieces);
     return complainAt(q, message);
 }
 
