@@ -9,12 +9,12 @@ EKO_ANSWER(int32, eko_isPurifyRunning, (void), checker)
 
 class PoolTest : public EkoTest {
 protected:
-    int32 create(EKO_MEMTAG tag, EKO_POOL_SIZE_INFO info) { return eko_poolCreate(tag, info, "mutex", &pool_); }
+    int32 create(EKO_MEMTAG tag, EKO_POOL_SIZE_INFO info = {}) { return eko_poolCreate(tag, info, "", &pool_); }
     char* get(size_t sz, int32 mode = EKO_MEM_PLAIN, const void* data = nullptr)
     {
         return static_cast<char*>(eko_poolGetMem(pool_, sz, mode, data, __FILE__, __LINE__));
     }
-    int32 put(const char* item) { return eko_poolPut(pool_, item), item ? 0 : 1003; }
+    int32 put(const void* item) { return eko_poolPut(pool_, item), item ? 0 : 1003; }
     EKO_POOL pool_ = nullptr;
 };
 
@@ -58,9 +58,9 @@ TEST_F(PoolTest, items_are_kept_while_few_exist)
     }
     const size_t before = exist();
     checker = 1; // from now on the pool is its tag
-    char *const item = get(100, EKO_MEM_STRING, "1234567"), *const block = static_cast<char*>(EKO_ALLOC(8, tag));
+    char* const item = get(100, EKO_MEM_STRING, "1234567");
     EXPECT_STREQ(item, "1234567");
-    EKO_FREE(item, tag), put(block);
+    EKO_FREE(item, tag), put(EKO_ALLOC(8, tag));
     EXPECT_EQ(exist() + uint32(checker = 0), before);
     eko_poolDestroy(pool_);
     EKO_TAG_DESTROY(tag);
@@ -69,14 +69,13 @@ TEST_F(PoolTest, items_are_kept_while_few_exist)
 TEST_F(PoolTest, creation_fails_whole)
 {
     EXPECT_EQ(eko_poolCreate(EKO_GLOBAL_TAG, EKO_POOL_FIXED_SIZE, nullptr, nullptr), 1013);
-    EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return create(EKO_GLOBAL_TAG, EKO_POOL_FIXED_SIZE); }), "1003 0 ");
+    EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [&] { return create(EKO_GLOBAL_TAG); }), "1003 0 ");
     eko_poolDestroy(pool_);
     const NoMoreMemory memory;
-    EXPECT_TRUE(
-        isOneReport(logged([&] { EXPECT_EQ(create(EKO_TAG_INVALID, EKO_POOL_FIXED_SIZE), 1003); }), "ekopool.cpp"));
+    EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(create(EKO_TAG_INVALID), 1003); }), "ekopool.cpp"));
     eko_setMemLimit(nullptr, 0);
     const CallFault fault("eko_syncCreate_check", ENOMEM);
-    EXPECT_EQ(create(EKO_TAG_INVALID, EKO_POOL_VAR_SIZE) + create(EKO_GLOBAL_TAG, EKO_POOL_VAR_SIZE), 2006);
+    EXPECT_EQ(create(EKO_TAG_INVALID) + create(EKO_GLOBAL_TAG), 2006);
 }
 
 TEST_F(PoolTest, four_threads_share_a_pool)

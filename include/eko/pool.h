@@ -53,7 +53,7 @@ EKO_API void eko_poolSetMaxPooled(EKO_POOL hPool, uint32 max_items);
  *  file, line  the caller's position, for the report of exhausted memory.
  *  Returns the item, to be given back with eko_poolPut. Null for EKO_MEM_COPY without data, and for more than the
  *  largest block of mem.h less the header. Without memory it reports, once, then leaves by longjmp when the tag has
- *  a jump buffer, else answers null; an item that was too small is then gone from the pool. */
+ *  a jump buffer, else answers null. In both of these cases an item that was too small is gone from the pool. */
 EKO_API void* eko_poolGetMem(EKO_POOL hPool, size_t sz, int32 mode, const void* data, const char* file,
                              uint32 line);
 
