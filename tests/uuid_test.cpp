@@ -2,7 +2,6 @@
 // LINK: --wrap=eko_seed --defsym=__wrap_eko_seed=eko_get_pid
 #include <unistd.h>
 
-#include <random>
 #include <set>
 
 #include "support/faults.h"
@@ -20,6 +19,7 @@ TEST_F(EkoTest, uuid_is_four_draws_and_another_one_in_a_child)
     EXPECT_EQ(exhaust(EKO_GLOBAL_TAG, [] { return made()[14] == '4' ? 0 : 1003; }), "1003 1003 1003 0 ");
     eko_resetTag(&exhaustedJump, EKO_THREAD_TAG);
     EXPECT_EQ(exhaust(EKO_THREAD_TAG, parse), "1003 1003 1003 1003 1003 1003 0 ");
+    EXPECT_EQ(exhaust(EKO_THREAD_TAG, [&] { return uuid_fromString("0-0-0-0-0-0", &id); }), "1003 1012 ");
     EXPECT_EQ(uuid_toString(&id, text, 38, 1) + uuid_toString(&id, text, 36, 0) + uuid_fromString({}, &id), 3041);
     EXPECT_STREQ(uuid_toString(&id, text, 39, 1) == 0 ? text : "", good);
     EXPECT_TRUE((eko_term(), parse() == 1003) && made()[14] == '0' && eko_init() == 0); // not started: left alone

@@ -27,9 +27,9 @@ uint32 seedOfProcess()
     return eko_get_pid() ^ thread ^ static_cast<uint32>(eko_seed());
 }
 
-// A child has the thread's identifier from its parent, and process and time differ from those of its relatives in
-// a few low bits, which in that seed can make up for each other. The clock's microseconds, spread over all bits,
-// cannot.
+// A child has the thread's identifier from its parent, and its process and time differ from those of its relatives
+// in a few low bits, which the XOR cancels too easily: the next process a second later often has the same seed. The
+// clock's microseconds, spread over all bits, keep them apart.
 uint32 seedOfChild()
 {
     constexpr uint32 SPREAD = 0x9E3779B1; // odd: different microseconds stay different
@@ -107,16 +107,18 @@ char* insideBraces(char* text)
     return text;
 }
 
-// Whether nothing stands in front of, behind or between two "-". The tokenizer would skip that and take the rest.
-bool hasEmptyGroup(const char* text)
+// Whether "-" parts the text into as many groups as there must be, none of them empty. The tokenizer would skip an
+// empty one and take the rest, and is slow when there are very many.
+bool hasItsGroups(const char* text)
 {
-    bool empty = true;
+    uint32 groups = 1;
+    bool empty = true; // the group so far, but for blanks and tabs
     for (; *text; ++text) {
-        if (*text == '-' && empty)
-            return true;
+        if (*text == '-' && (empty || ++groups > GROUPS))
+            return false;
         empty = *text == '-' || (empty && (*text == ' ' || *text == '\t'));
     }
-    return empty;
+    return groups == GROUPS && !empty;
 }
 
 // 0 to 15, or -1 for what is no digit, whatever the locale.
@@ -141,11 +143,9 @@ bool readBytes(const char* digits, uint8* bytes, size_t count)
     return *digits == 0;
 }
 
-// The text's order of digits is that of the bytes in the record.
+// The text's order of digits is that of the bytes in the record. There are as many words as groups.
 bool readGroups(const TextCopy& copy, eko_uuid_t* uuid)
 {
-    if (copy.count != GROUPS)
-        return false;
     uint8 bytes[sizeof(*uuid)];
     uint8* next = bytes;
     for (uint32 i = 0; i < GROUPS; next += GROUP_BYTES[i++]) {
@@ -162,7 +162,7 @@ int32 readText(const char* str, eko_uuid_t* uuid, MemResult* result)
     if (!copy.text)
         return EKO_NO_MEMORY;
     char* text = insideBraces(copy.text);
-    if (!text || hasEmptyGroup(text))
+    if (!text || !hasItsGroups(text))
         return EKO_MALFORMED;
     const int32 status = tryTokenize(text, "-", &copy.words, &copy.count, true, EKO_THREAD_TAG, result);
     if (status != EKO_OK)
