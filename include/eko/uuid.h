@@ -27,10 +27,13 @@ typedef UUID_VAL eko_uuid_t;
 /** Makes a new random UUID: 122 bits of a generator that the threads of the process share.
  *  uuid  is left alone when the generator cannot be made, as without memory or before eko_init: set it to
  *        something recognisable first where that matters. Null does nothing.
- *  Two processes make the same UUIDs if their generators begin with the same seed, of 32 bits: taken at the first
- *  call from process, thread and time, and anew in a child after a fork. So they are names, unique in all
- *  likelihood among some thousands of processes; no secrets: who knows one can work out the others. random.h says
- *  what holds for a fork while other threads run. */
+ *  The generator begins with a seed of 32 bits, taken at the first call from the identifiers of process and thread
+ *  and the time in seconds. A child of fork takes another one at its first call, for which microseconds count too.
+ *  Two processes with the same seed make the same UUIDs. A thread's identifier is an address: where addresses are
+ *  random, some thousands of 64-bit programs will hardly have a seed in common; of 32-bit programs, where few bits
+ *  of an address are random, some hundreds can. Let one process make the UUIDs of all where that matters. They are
+ *  no secrets: who knows one can work out the others. random.h says what holds for a fork while other threads
+ *  run. */
 EKO_API void uuid_create(UUID_VAL* uuid);
 
 /** Writes a UUID as text, with small letters: "6ba7b810-9dad-11d1-80b4-00c04fd430c8".
