@@ -1,5 +1,4 @@
 // Random numbers against the C++ library's own; rounding and alignment.
-#include <algorithm>
 #include <cmath>
 #include <random>
 

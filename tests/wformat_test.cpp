@@ -3,7 +3,6 @@
 #include "support/faults.h"
 #include "support/fixture.h"
 #include <locale.h>
-#include <random>
 
 static struct lconv locale = {}; // what the library finds: a point and commas at first
 EKO_WRAP(struct lconv*, localeconv, (void))
@@ -11,10 +10,19 @@ EKO_WRAP(struct lconv*, localeconv, (void))
     return &locale;
 }
 
-using WideFormat = EkoTest;
-TEST_F(WideFormat, prints_what_the_narrow_one_prints)
+static int listed(wchar_t* str, size_t count, const wchar_t* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    const int len = eko_vsnwprintf(str, count, fmt, args);
+    va_end(args);
+    return len;
+}
+
+TEST(WideFormatUnstarted, prints_what_the_narrow_one_prints_and_takes_no_memory)
 {
     std::mt19937 rng(20);
+    const FailNthAlloc none(1);
     for (int i = 0; i < 20000 && !HasFailure(); ++i) {
         std::string fmt = "%*.*d";
         std::istringstream list("d hhi hhn ho u hx X c lc % y Ld ld zd td tx p llo jX s zs hs f E g a Le LF Lg");
@@ -22,18 +30,20 @@ TEST_F(WideFormat, prints_what_the_narrow_one_prints)
             fmt += "%" + std::string("-+ #0'0-'+ #").substr(rng() % 9, rng() % 4) +
                    std::string("29.17").substr(rng() % 6, rng() % 6);
         const int n = int(rng()), columns = n % 30, precision = i % 26 - 1, ascii = i % 128;
-        const auto word = static_cast<long>(rng() * 0x9E3779B97F4A7C15u >> rng() % 64);
-        const auto x = ldexpl(static_cast<long double>(word | n), rng() % 9 ? int(rng() % 65) - 64 : 1500);
+        const auto big = static_cast<int64>(rng() * 0x9E3779B97F4A7C15u >> rng() % 64);
+        const auto word = static_cast<long>(i % 20 ? big : 0);
+        const auto x = i % 30 ? ldexpl(big | n, rng() % 9 ? int(rng() % 65) - 64 : 1500) : NAN;
         const auto print = [&](auto call, auto fill, auto str) { // cut at any size
             std::basic_string<decltype(fill)> text(700, fill), format(fmt.begin(), fmt.end());
             return std::pair<int, std::wstring>{
                 call(text.data(), size_t(i % 700), format.data(), columns, precision, n, n, n, &text.back(), n, n,
-                     n, n, ascii, ascii, word, word, word, word, word, int64(word), int64(word), str, str,
+                     n, n, ascii, ascii, word, word, word, word, word, big, big, i % 40 ? str : nullptr, str,
                      "jklmnop", double(x), double(x), double(x), double(x), x, x, x),
                 {text.begin(), text.end()}};
         };
-        ASSERT_EQ(print(eko_snwprintf, L'~', L"abcdefghi"), print(eko_snprintf, '~', "abcdefghi")) << fmt;
+        ASSERT_EQ(print(i % 2 ? eko_snwprintf : listed, L'~', L"abcde"), print(eko_snprintf, '~', "abcde")) << fmt;
     }
+    EXPECT_FALSE(FailNthAlloc::fired());
 }
 
 static wchar_t* formatV(EKO_MEMTAG tag, const wchar_t* str, const wchar_t* fmt, ...)
@@ -45,6 +55,7 @@ static wchar_t* formatV(EKO_MEMTAG tag, const wchar_t* str, const wchar_t* fmt, 
     return const_cast<wchar_t*>(str);
 }
 
+using WideFormat = EkoTest;
 TEST_F(WideFormat, makes_strings_of_wide_text_utf8_and_locale_and_is_null_or_jumps_without_memory)
 {
     EXPECT_TRUE(setlocale(LC_CTYPE, "C.UTF-8"));
@@ -61,7 +72,7 @@ TEST_F(WideFormat, makes_strings_of_wide_text_utf8_and_locale_and_is_null_or_jum
         atLast([&] { return EKO_MAKEWSTR(tag, L"%s%4.1ls%c%lc|", L"\u20ac", L"\U0001f600x", 0x20AC, -1); });
         atLast([&] { return EKO_APPENDWSTR(tag, str, L"%hs%.3hs|", "z\xE2\x82\xED", "\xF0\x9F\x98\x80\xA0zz"); });
         atLast([&] { return formatV(tag, str, L"%4.*hs%.5hs%.6hs|", 2, open.data(), nullptr, nullptr); });
-        atLast([&] { return formatV(tag, str, L"%'26.1f|", 1234.5); });
+        atLast([&] { return formatV(tag, str, L"%\u00e4%\u0164%'26.1f|", 1234.5); });
         EXPECT_EQ(formatV(EKO_GLOBAL_TAG, nullptr, L"%1073741824d", 1), nullptr);
         EXPECT_STREQ(str, L"\u20ac   \U0001f600\u20ac\xFFFFFFFF|z\uFFFD\uFFFD\U0001f600\uFFFDz|"
                           L"  \u00e9\u20ac(null)|  1\u202f<1234567890123234\uFFFD.\uFFFD\uFFFD5|");
