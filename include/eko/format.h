@@ -27,7 +27,7 @@
  *   - %s takes a wide string, also with l or any other modifier but h;
  *   - %hs takes a UTF-8 string, which is converted on its way out: what is not UTF-8 prints as U+FFFD, as with
  *     EKO_UTF8_REPLACE. A precision counts the characters printed, each U+FFFD too, and a string of that many
- *     characters needs no terminator;
+ *     characters needs no terminator unless the last one is cut short;
  *   - %c emits its int as a wide character, whatever its value and modifier; %lc is no different;
  *   - decimal point and thousands separator are the locale's, converted by its LC_CTYPE, at most 15 characters of
  *     each; what is no character there becomes U+FFFD.

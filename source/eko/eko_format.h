@@ -177,7 +177,7 @@ template <class C> void putNullString(FormatCtx<C>& ctx)
 }
 
 // UTF-8, converted on its way out; widths and precisions are in characters of the output. What is not UTF-8 prints
-// as U+FFFD. With a precision the string needs no terminator behind that many characters.
+// as U+FFFD. With a precision the string needs no terminator behind that many complete characters.
 template <class C> void putConverted(FormatCtx<C>& ctx, const char* str)
 {
     const size_t max = ctx.precision == NO_PRECISION ? SIZE_MAX : static_cast<size_t>(ctx.precision);
