@@ -28,12 +28,13 @@ typedef UUID_VAL eko_uuid_t;
  *  uuid  is left alone when the generator cannot be made, as without memory or before eko_init: set it to
  *        something recognisable first where that matters. Null does nothing.
  *  The generator begins with a seed of 32 bits, taken at the first call from the identifiers of process and thread
- *  and the time in seconds. A child of fork takes another one at its first call, for which microseconds count too.
- *  Two processes with the same seed make the same UUIDs. A thread's identifier is an address: where addresses are
- *  random, some thousands of 64-bit programs will hardly have a seed in common; of 32-bit programs, where few bits
- *  of an address are random, some hundreds can. Let one process make the UUIDs of all where that matters. They are
- *  no secrets: who knows one can work out the others. random.h says what holds for a fork while other threads
- *  run. */
+ *  and the time in seconds. For another one, after a restart of the library, or in a child forked after eko_init,
+ *  microseconds count too. Two processes with the same seed make the same UUIDs. A thread's identifier is an
+ *  address: where addresses are random, some thousands of 64-bit programs will hardly have a seed in common; of
+ *  32-bit programs, where few bits of an address are random, some hundreds can; and so can a few that were forked
+ *  from one another and each called eko_init only then. Let one process make the UUIDs of all where that matters.
+ *  They are no secrets: who knows one can work out the others. random.h says what holds for a fork while other
+ *  threads run. */
 EKO_API void uuid_create(UUID_VAL* uuid);
 
 /** Writes a UUID as text, with small letters: "6ba7b810-9dad-11d1-80b4-00c04fd430c8".

@@ -123,6 +123,7 @@ inline bool disklessMode()
 // ---- lifecycle --------------------------------------------------------------------------------------------
 
 int32 _eko_init();
+extern uint32 startedBy; // the process that started the library; another one is a child of fork
 int32 eko_osInit();
 void eko_osTerm();
 int32 eko_globalInit();

@@ -45,8 +45,11 @@ timeval wallClock()
 
 // ---- start and stop ---------------------------------------------------------------------------------------
 
+uint32 startedBy;
+
 int32 eko_osInit()
 {
+    startedBy = eko_get_pid();
     raiseOpenFileLimit();
     signal(SIGPIPE, SIG_IGN); // writing to a closed pipe is a status, not the end of the process
     loadWhatIsNeededLate();

@@ -1,10 +1,10 @@
 // UUIDs: random ones, and their text.
 //
-// Data      The one generator, in the module's record, with the process for which it was seeded: a child of fork
-//           has a copy of it, and would make the same UUIDs as its parent.
+// Data      The one generator, in the module's record. A child of fork has a copy of it, and would make the same
+//           UUIDs as its parent: `seededFor` tells.
 // Locks     The generator's own.
-// Unlocked  the process for which it was seeded: published behind the seeding, so that no thread of a child draws
-//           from what it inherited. Several that come first may each seed it, each with a new sequence.
+// Unlocked  seededFor: published behind the seeding, so that no thread of a child draws from what it inherited.
+//           Several that come first may each seed it, each with a new sequence.
 
 #include <string.h>
 
@@ -16,24 +16,27 @@ namespace {
 
 struct EKO_UUID_GLOBALS {
     EKO_RAND uuidRand;
-    uint32 seededFor; // process
 };
+
+uint32 seededFor; // the process for which a generator was last seeded, also in an earlier life of the library; or 0
 
 // ---- the generator ----------------------------------------------------------------------------------------
 
-uint32 seedOfProcess()
+// Of the first generator of a process.
+uint32 firstSeed()
 {
     const auto thread = static_cast<uint32>(eko_threadId()); // its low 32 bits
     return eko_get_pid() ^ thread ^ static_cast<uint32>(eko_seed());
 }
 
-// A child has the thread's identifier from its parent, and its process and time differ from those of its relatives
-// in a few low bits, which the XOR cancels too easily: the next process a second later often has the same seed. The
-// clock's microseconds, spread over all bits, keep them apart.
-uint32 seedOfChild()
+// Of a generator after a restart, which can come within the second, and of those in children. A child has the thread's
+// identifier from its parent, and its process and time differ from those of its relatives in a few low bits, which
+// the XOR cancels too easily: the next process a second later often has the same. The clock's microseconds, spread
+// over all bits, keep them apart.
+uint32 laterSeed()
 {
     constexpr uint32 SPREAD = 0x9E3779B1; // odd: different microseconds stay different
-    return seedOfProcess() ^ (static_cast<uint32>(eko_timeNanoSecs() / 1000) * SPREAD);
+    return firstSeed() ^ (static_cast<uint32>(eko_timeNanoSecs() / 1000) * SPREAD);
 }
 
 // Called under the registry's mutex, which stands above all that the creation of a generator, or its report,
@@ -41,9 +44,13 @@ uint32 seedOfChild()
 int32 eko_uuidInit(void* data)
 {
     auto* globals = static_cast<EKO_UUID_GLOBALS*>(data);
-    globals->seededFor = eko_get_pid();
-    globals->uuidRand = eko_randCreate(seedOfProcess());
-    return globals->uuidRand ? EKO_OK : EKO_NO_MEMORY;
+    const uint32 process = eko_get_pid();
+    const bool first = readUnlocked(seededFor) == 0 && startedBy == process;
+    globals->uuidRand = eko_randCreate(first ? firstSeed() : laterSeed());
+    if (!globals->uuidRand)
+        return EKO_NO_MEMORY;
+    publish(seededFor, process);
+    return EKO_OK;
 }
 
 void eko_uuidTerm(void* data)
@@ -60,13 +67,13 @@ EKO_UUID_GLOBALS* eko_uuidGlobals()
     return static_cast<EKO_UUID_GLOBALS*>(globalRecord(uuidSlot));
 }
 
-void seedAgainInChild(EKO_UUID_GLOBALS& globals)
+void seedAgainInChild(const EKO_UUID_GLOBALS& globals)
 {
     const uint32 process = eko_get_pid();
-    if (readPublished(globals.seededFor) == process)
+    if (readPublished(seededFor) == process)
         return;
-    eko_randResetSeed(globals.uuidRand, seedOfChild());
-    publish(globals.seededFor, process);
+    eko_randResetSeed(globals.uuidRand, laterSeed());
+    publish(seededFor, process);
 }
 
 // ---- reading a text ---------------------------------------------------------------------------------------
