@@ -1,6 +1,5 @@
 // Random numbers against the C++ library's own; rounding and alignment.
 #include <cmath>
-#include <random>
 
 #include "support/faults.h"
 #include "support/fixture.h"

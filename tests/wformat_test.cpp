@@ -10,14 +10,18 @@ EKO_WRAP(struct lconv*, localeconv, (void))
     return &locale;
 }
 
-static int listed(wchar_t* str, size_t count, const wchar_t* fmt, ...)
+// A call that takes an argument list, as one that takes arguments.
+template <auto CALL, class... Before> static auto listed(Before... before, const wchar_t* fmt, ...)
 {
     va_list args;
     va_start(args, fmt);
-    const int len = eko_vsnwprintf(str, count, fmt, args);
+    const auto result = CALL(before..., fmt, args);
     va_end(args);
-    return len;
+    return result;
 }
+const auto formatV = listed<eko_vsnwprintf, wchar_t*, size_t>;
+const auto makeV = listed<eko_makeWStrV, const char*, uint32, EKO_MEMTAG>;
+const auto appendV = listed<eko_appendWStrV, const char*, uint32, EKO_MEMTAG, const wchar_t*>;
 
 TEST(WideFormatUnstarted, prints_what_the_narrow_one_prints_and_takes_no_memory)
 {
@@ -41,18 +45,9 @@ TEST(WideFormatUnstarted, prints_what_the_narrow_one_prints_and_takes_no_memory)
                      "jklmnop", double(x), double(x), double(x), double(x), x, x, x),
                 {text.begin(), text.end()}};
         };
-        ASSERT_EQ(print(i % 2 ? eko_snwprintf : listed, L'~', L"abcde"), print(eko_snprintf, '~', "abcde")) << fmt;
+        ASSERT_EQ(print(i % 2 ? eko_snwprintf : formatV, L'~', L"abcde"), print(eko_snprintf, '~', "abcde")) << fmt;
     }
     EXPECT_FALSE(FailNthAlloc::fired());
-}
-
-static wchar_t* formatV(EKO_MEMTAG tag, const wchar_t* str, const wchar_t* fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    str = str ? eko_appendWStrV("tests/", 1, tag, str, fmt, args) : eko_makeWStrV("tests/", 1, tag, fmt, args);
-    va_end(args);
-    return const_cast<wchar_t*>(str);
 }
 
 using WideFormat = EkoTest;
@@ -71,9 +66,10 @@ TEST_F(WideFormat, makes_strings_of_wide_text_utf8_and_locale_and_is_null_or_jum
         };
         atLast([&] { return EKO_MAKEWSTR(tag, L"%s%4.1ls%c%lc|", L"\u20ac", L"\U0001f600x", 0x20AC, -1); });
         atLast([&] { return EKO_APPENDWSTR(tag, str, L"%hs%.3hs|", "z\xE2\x82\xED", "\xF0\x9F\x98\x80\xA0zz"); });
-        atLast([&] { return formatV(tag, str, L"%4.*hs%.5hs%.6hs|", 2, open.data(), nullptr, nullptr); });
-        atLast([&] { return formatV(tag, str, L"%\u00e4%\u0164%'26.1f|", 1234.5); });
-        EXPECT_EQ(formatV(EKO_GLOBAL_TAG, nullptr, L"%1073741824d", 1), nullptr);
+        atLast(
+            [&] { return appendV("tests/", 1, tag, str, L"%4.*hs%.5hs%.6hs|", 2, open.data(), nullptr, nullptr); });
+        atLast([&] { return appendV("tests/", 1, tag, str, L"%\u00e4%\u0164%'26.1f|", 1234.5); });
+        EXPECT_EQ(makeV("tests/", 1, EKO_GLOBAL_TAG, L"%1073741824d", 1), nullptr);
         EXPECT_STREQ(str, L"\u20ac   \U0001f600\u20ac\xFFFFFFFF|z\uFFFD\uFFFD\U0001f600\uFFFDz|"
                           L"  \u00e9\u20ac(null)|  1\u202f<1234567890123234\uFFFD.\uFFFD\uFFFD5|");
         EKO_TAG_DESTROY(tag);
