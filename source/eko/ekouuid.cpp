@@ -114,18 +114,14 @@ char* insideBraces(char* text)
     return text;
 }
 
-// Whether "-" parts the text into as many groups as there must be, none of them empty. The tokenizer would skip an
-// empty one and take the rest, and is slow when there are very many.
-bool hasItsGroups(const char* text)
+// Whether there are more "-" than stand between the groups. The tokenizer would skip an empty group and take the rest,
+// and is slow when there are very many.
+bool hasTooManyDashes(const char* text)
 {
-    uint32 groups = 1;
-    bool empty = true; // the group so far, but for blanks and tabs
-    for (; *text; ++text) {
-        if (*text == '-' && (empty || ++groups > GROUPS))
-            return false;
-        empty = *text == '-' || (empty && (*text == ' ' || *text == '\t'));
-    }
-    return groups == GROUPS && !empty;
+    uint32 dashes = 0;
+    for (; *text && dashes < GROUPS; ++text)
+        dashes += *text == '-';
+    return dashes == GROUPS;
 }
 
 // 0 to 15, or -1 for what is no digit, whatever the locale.
@@ -150,9 +146,11 @@ bool readBytes(const char* digits, uint8* bytes, size_t count)
     return *digits == 0;
 }
 
-// The text's order of digits is that of the bytes in the record. There are as many words as groups.
+// The text's order of digits is that of the bytes in the record.
 bool readGroups(const TextCopy& copy, eko_uuid_t* uuid)
 {
+    if (copy.count != GROUPS)
+        return false;
     uint8 bytes[sizeof(*uuid)];
     uint8* next = bytes;
     for (uint32 i = 0; i < GROUPS; next += GROUP_BYTES[i++]) {
@@ -169,7 +167,7 @@ int32 readText(const char* str, eko_uuid_t* uuid, MemResult* result)
     if (!copy.text)
         return EKO_NO_MEMORY;
     char* text = insideBraces(copy.text);
-    if (!text || !hasItsGroups(text))
+    if (!text || hasTooManyDashes(text))
         return EKO_MALFORMED;
     const int32 status = tryTokenize(text, "-", &copy.words, &copy.count, true, EKO_THREAD_TAG, result);
     if (status != EKO_OK)
