@@ -99,7 +99,7 @@ TEST_F(ProcessTest, process_commands_interrupts_environment)
     EXPECT_EQ(eko_getenvW(L"BAD"), nullptr);
     EXPECT_EQ(eko_getenvW(nullptr), nullptr);
     EXPECT_EQ(eko_setlocaleW(LC_CTYPE, L"nowhere"), nullptr);
-    EXPECT_EQ(currentUsage().threadBytes, 0u);
+    EXPECT_EQ(infoOf(EKO_THREAD_TAG).bytes.in_use, 0u);
     EXPECT_STREQ(eko_getenvW(L"\u00E9"), L"\u20AC");
     EXPECT_STREQ((eko_setlocale(LC_CTYPE, "C.UTF-8"), eko_setlocaleW(LC_CTYPE, nullptr)), L"C.UTF-8");
     eko_releaseTLSTag();

@@ -47,25 +47,6 @@ TEST_F(TraceTest, trace_ring_frees_the_next_slot)
     eko_init(), restart();
 }
 
-// There is room for the record, and a mutex, but no tag.
-TEST_F(TraceTest, trace_that_cannot_start_leaves_nothing)
-{
-    eko_term(), eko_init();
-    const int32 semaphores = syncSlotsInUse();
-    void* room = EKO_ALLOC(2 * sizeof(EKO_TRACE_LIST) + 4 * sizeof(void*), EKO_GLOBAL_TAG);
-    std::vector<void*> small;
-    logged([&] {
-        const NoMoreMemory exhausted;
-        while (void* block = eko_allocSmallBlock(1))
-            small.push_back(block);
-        EKO_FREE(room, EKO_GLOBAL_TAG);
-        eko_trace("x");
-        std::for_each(small.begin(), small.end(), eko_freeSmallBlock);
-    });
-    EXPECT_TRUE(!eko_trace_list && syncSlotsInUse() == semaphores);
-    restart();
-}
-
 TEST_F(TraceTest, trace_file_is_opened_and_said_once_when_it_can_be)
 {
     const std::string text(5000, 'x');
@@ -78,7 +59,7 @@ TEST_F(TraceTest, trace_file_is_opened_and_said_once_when_it_can_be)
     EXPECT_EQ(readFile(name_), id() + "5% " + text + "\n" + id() + "x"); // at once, and without a mark
     restart(), refused = "tov_dirtest";                                  // no directory will do
     EXPECT_EQ(logged([] { eko_traceFile("y"); }), "Tracing into file '." + file_ + "'\n");
-    EXPECT_TRUE(readFile(name_) == id() + "y" && currentUsage().threadBytes == 0);
+    EXPECT_TRUE(readFile(name_) == id() + "y" && infoOf(EKO_THREAD_TAG).bytes.in_use == 0);
     restart();
 }
 

@@ -29,15 +29,11 @@ EKO_MEMTAG fileTag()
 Usage currentUsage()
 {
     const size_t ofThread = infoOf(EKO_THREAD_TAG).bytes.in_use; // first: it may create the tag
-    return {infoOf(EKO_GLOBAL_TAG).bytes.in_use, ofThread, infoOf(fileTag()).bytes.in_use, syncSlotsInUse(),
-            memTagsAlive()};
-}
-
-std::ostream& operator<<(std::ostream& out, const Usage& usage)
-{
-    return out << "global tag " << usage.globalBytes << " bytes, thread's tag " << usage.threadBytes
-               << " bytes, file tag " << usage.fileBytes << " bytes, " << usage.semaphores << " semaphores, "
-               << usage.tags << " tags";
+    return {{"bytes on the global tag", infoOf(EKO_GLOBAL_TAG).bytes.in_use},
+            {"bytes on the thread's tag", ofThread},
+            {"bytes on the file tag", infoOf(fileTag()).bytes.in_use},
+            {"semaphores", size_t(syncSlotsInUse())},
+            {"tags", size_t(memTagsAlive())}};
 }
 
 void EkoTest::SetUp()

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <barrier>
+#include <map>
 #include <random>
 #include <sstream>
 #include <string>
@@ -17,18 +18,10 @@
 
 // Bytes in use on the library's own tags, mutexes and events alive, tags alive: equal before and after what leaves
 // nothing behind.
-struct Usage {
-    size_t globalBytes;
-    size_t threadBytes;
-    size_t fileBytes;
-    int32 semaphores;
-    int32 tags;
-    bool operator==(const Usage&) const = default;
-};
+using Usage = std::map<std::string, size_t>;
 Usage currentUsage();
 EKO_TAG_MEM_INFO infoOf(EKO_MEMTAG tag);
 EKO_MEMTAG fileTag(); // the file module's own
-std::ostream& operator<<(std::ostream& out, const Usage& usage);
 
 // Starts the library, and fails a test that leaves anything in use.
 class EkoTest : public ::testing::Test {
