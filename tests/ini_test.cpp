@@ -149,7 +149,7 @@ TEST_F(IniTest, ini_set_under_faults)
 
 TEST_F(IniTest, ini_large_and_unreadable_files)
 {
-    const std::string v(1000000, 'v'), name = dir_.path() + std::string(300, '/') + "a.ini";
+    const std::string v(1000000, 'v');
     std::string text = "[s]\nlong=" + v + "\n";
     for (uint32 i = 1; i < 65535; ++i)
         text += "k=1\n";
@@ -158,9 +158,7 @@ TEST_F(IniTest, ini_large_and_unreadable_files)
     EXPECT_TRUE(value("s", "k") == "2" && value("s", "long") == v);
     file(text + "k=1");
     EXPECT_EQ(value("s", "k"), "-904");
-    file("[s]\nk=1\n"); // names of files are compared as they are cut
-    const auto used = [&] { return eko_iniInt32(name.c_str(), "s", "k", &num_), currentUsage(); };
-    EXPECT_EQ(used(), used());
+    file("[s]\nk=1\n");
     EXPECT_EQ(symlink("b.ini", dir_.file("b.ini").c_str()), 0);
     for (const std::string& bad :
          {dir_.file("b.ini"), path_ + "/a.ini", path_ + v.substr(0, 5000), dir_.path(), temp_}) {
@@ -195,33 +193,10 @@ TEST_F(IniTest, ini_without_a_record_does_nothing)
     eko_term(), SetUp();
 }
 
-// What lies under the temporary name does not show in the new file, and a directory is not a missing file.
-TEST_F(IniTest, ini_set_in_memory)
-{
-    const EKO_FILE_STREAM stale = eko_fopenEx("/d/_temp_.ini", "w", EKO_FILE_MODE_UTF8, EKO_FILE_INMEMORY);
-    const std::string v(2000, 'v');
-    EXPECT_EQ(eko_fputs((v + v).c_str(), stale), 4000);
-    eko_fclose(stale);
-    for (const char* name : {"/d/e/m.ini", "/d/e", "/d/m.ini"}) {
-        EXPECT_EQ(eko_iniSetEx(name, "s", "k", v.c_str(), EKO_FILE_INMEMORY), name[4] ? 0 : -905);
-        EXPECT_EQ(eko_fileLengthStat(name, EKO_FILE_INMEMORY), name[4] ? 2008u : 0); // "\n[s]\nk=" and "\n" too
-    }
-    EXPECT_EQ(eko_fileLengthStat("/d/e/m.ini", EKO_FILE_INMEMORY), 2008u);
-    eko_iniCleanup(), acceptUsage();
-}
-
-// The first leaves by a jump, and so holds no lock. Two set a file on disk, two one in memory.
+// Two set a file on disk, two one in memory.
 TEST_F(IniTest, ini_threads)
 {
-    jmp_buf jb;
-    file("[s]\nk=1\n"), eko_resetTag(&jb, tag_);
-    const std::string said = logged([&] {
-        const FailNthOnTag fault(tag_, 1);
-        char* string;
-        if (setjmp(jb) == 0)
-            eko_iniGetStr(name_, "s", "k", &string, 0, tag_), ADD_FAILURE();
-    });
-    EXPECT_TRUE(isOneReport(said, "ekoini.cpp"));
+    file("[s]\nk=1\n");
     inThreads(4, [&](uint32 thread) {
         const uint16 xflags = thread % 2 ? EKO_FILE_INMEMORY : 0;
         const std::string name = thread % 2 ? "/m.ini" : path_, section(1, char('a' + thread));

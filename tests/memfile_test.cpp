@@ -125,13 +125,13 @@ TEST_F(MemFileTest, memfile_bytes)
 TEST_F(MemFileTest, memfile_stream_overwrites)
 {
     EKO_FH fh = open("/t/d/s");
-    std::string text(5 * KIB, 'o'), wanted = std::string(3 * KIB, 'n') + std::string(2 * KIB, 'o');
-    EXPECT_EQ(eko_fileWrite(fh, text.data(), 5 * KIB), 5 * KIB);
+    EXPECT_EQ(eko_fileWrite(fh, "old", 3), 3u);
     EKO_FILE_STREAM stream = eko_fopenEx("/t/d/s", "w", EKO_FILE_MODE_UTF8, MEM); // cuts nothing
-    EXPECT_EQ(eko_fputs(std::string(3 * KIB, 'n').c_str(), stream), int32(3 * KIB));
+    eko_fputc('n', stream);
     eko_fclose(stream);
-    EXPECT_EQ(eko_fileSeekRead(fh, 0, text.data(), 5 * KIB), 5 * KIB);
-    EXPECT_EQ(text, wanted);
+    char text[4] = "";
+    EXPECT_EQ(eko_fileSeekRead(fh, 0, text, 3), 3u);
+    EXPECT_STREQ(text, "nld");
     eko_fileClose(fh);
 }
 
