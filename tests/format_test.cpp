@@ -188,22 +188,9 @@ TEST(Format, floats_agree_with_the_c_library)
 
 TEST(Format, chosen_floats_agree_with_the_c_library)
 {
-    // Dyadic fractions of six bits times 10^17 fit 64 bits, so up to 17 digits nothing is rounded before the last
-    // one; from six digits on there is no tie. Eight digits are all of them.
-    for (int numerator = 0; numerator < 6400; ++numerator) {
-        const double value = numerator / 64.0;
-        for (int precision = 6; precision <= 17; ++precision)
-            ASSERT_TRUE(agrees("%.*f|%.8g|%#.9g", precision, value, value, value));
-    }
     for (const double value : {1e6, 1e19, 0.0001, 1e-5, 0.09, 0.000099999996, DBL_MAX, HUGE_VAL, -HUGE_VAL})
         for (const char* fmt : {"%g", "%#g", "%.0g|", "%#.0g", "%.3G", "%+9.1e", "% -9.2E|", "%08e", "%#010.0e"})
             EXPECT_TRUE(agrees(fmt, value));
-    // Exponents and powers of ten step alike; just below a power the division by the one below can give 10.
-    for (int32 e = -4900; e < 4932; ++e) {
-        ASSERT_TRUE(get_exponent(power_of_10(e)) == e && (e >= 0 || power_of_10(e) == power_of_10(e + 1) / 10))
-            << e;
-        ASSERT_EQ(text("%.19Le", nextafterl(power_of_10(e + 1), 0.0L))[1], '.') << e;
-    }
 }
 
 // ---- the locale, buffers and lengths --------------------------------------------------------------------
@@ -285,13 +272,11 @@ TEST_F(FormatStrings, are_made_and_appended_to_from_all_arguments)
     const EKO_MEMTAG tag = EKO_TAG_CREATE(LEGACY_ALLOCATOR);
     const char* const fmt = "%d %d %d %d %d %d %d %.0f %.0f %.0f %.0f %.0f %.0f %.0f %.0f %.0f %.0Lf %s,";
     std::string expected = "1made";
-    char* str = EKO_APPENDSTR(tag, nullptr, "%d%s", 1, "made");
+    char* str = formatV(tag, nullptr, "%d%s", 1, "made");
     EXPECT_EQ(EKO_MAKESTR(tag, "%d%s", 1, "made"), expected);
-    EXPECT_EQ(formatV(tag, nullptr, "%d%s", 1, "made"), expected);
     for (int i = 0; i < 100; ++i) {
-        str = EKO_APPENDSTR(tag, str, fmt, 1, 2, 3, 4, 5, 6, 7, 1., 2., 3., 4., 5., 6., 7., 8., 9., 10.L, "end");
         str = formatV(tag, str, fmt, 1, 2, 3, 4, 5, 6, 7, 1., 2., 3., 4., 5., 6., 7., 8., 9., 10.L, "end");
-        expected += "1 2 3 4 5 6 7 1 2 3 4 5 6 7 8 9 10 end,1 2 3 4 5 6 7 1 2 3 4 5 6 7 8 9 10 end,";
+        expected += "1 2 3 4 5 6 7 1 2 3 4 5 6 7 8 9 10 end,";
         ASSERT_EQ(str, expected);
     }
     EKO_TAG_DESTROY(tag);
@@ -302,12 +287,9 @@ TEST_F(FormatStrings, that_cannot_be_made_are_null_or_jump_and_the_old_one_stays
 {
     const EKO_MEMTAG tag = EKO_TAG_CREATE(LIST_ALLOCATOR);
     for (const char* statuses : {"0 1 ", "jump 1 "}) {
-        EXPECT_EQ(exhaust(tag, [=] { return EKO_MAKESTR(tag, "%d", 1) != nullptr; }), statuses);
         EXPECT_EQ(exhaust(tag, [=] { return formatV(tag, nullptr, "%d", 1) != nullptr; }), statuses);
-        const char *old = EKO_MAKESTR(tag, "old"), *other = EKO_MAKESTR(tag, "old");
-        EXPECT_EQ(exhaust(tag, [=] { return !strcmp(old, "old") && EKO_APPENDSTR(tag, old, "%99d", 1); }),
-                  statuses);
-        EXPECT_EQ(exhaust(tag, [=] { return !strcmp(other, "old") && formatV(tag, other, "%99d", 1); }), statuses);
+        const char* old = EKO_MAKESTR(tag, "old");
+        EXPECT_EQ(exhaust(tag, [=] { return !strcmp(old, "old") && formatV(tag, old, "%99d", 1); }), statuses);
         eko_resetTag(&exhaustedJump, tag);
     }
     char* const str = EKO_MAKESTR(tag, "old");
