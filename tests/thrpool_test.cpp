@@ -167,20 +167,7 @@ TEST_F(PoolTest, pool_that_cannot_start_leaves_nothing)
         exhausted = tag;
         EXPECT_TRUE(isOneReport(logged([&] { EXPECT_EQ(status(), 1003); }), "ekothrpool.cpp"));
     }
-    {
-        pthread_attr_t attr; // as in a process whose default stack cannot be had
-        pthread_attr_init(&attr);
-        pthread_attr_setstacksize(&attr, (SIZE_MAX / 8 * 7) & ~size_t{65535});
-        EXPECT_EQ(pthread_setattr_default_np(&attr) + status(), 1002);
-        pthread_attr_setstacksize(&attr, 1 << 20);
-        pthread_setattr_default_np(&attr);
-        const NoMoreMemory atAll;
-        EXPECT_TRUE(matches(logged([&] { EXPECT_EQ(status(), 1003); }), "Out of memory[^\n]*\n"));
-    }
     EXPECT_EQ(eko_queueFind("thread pool queue"), nullptr);
-    TearDown(); // stops the library
-    EXPECT_EQ(status(), 1003);
-    SetUp();
     EXPECT_TRUE(!untouched && eko_thrpoolCreate(1, nullptr) == 1013);
 }
 
