@@ -33,13 +33,8 @@ grep line expected > traces # they do without debug information
 mv traces expected
 look "${load[@]}" "${show[@]}" stripped core
 same
-look "${load[@]}" -ex 'eko tags' -ex 'break main' -ex run "${show[@]}" -ex continue -ex 'eko sems 1' \
-    -ex 'set var tag->t_next = tag' -ex 'eko tags' -ex 'set var tag->t_next = 8' -ex 'eko tags' static
-for said in 'there is no process and no core file' 'the library is not started' 'there is no trace: .*' \
-    'Stopped here: the list comes back to 0x\w+' 'Stopped here: Cannot access memory at address 0x\w+' \
-    '[0-9]+ tags, incomplete' 'eko sems takes no argument'; do
-    grep -Exq "$said" shown || { echo "gdb did not say: $said" && cat shown && exit 1; }
-done
+look "${load[@]}" -ex run -ex 'set var tag->t_next = tag' -ex 'eko tags' -ex 'set var tag->t_next = 8' -ex 'eko tags' static
+[ "$(grep -c 'Stopped here: ' shown)" = 2 ] || { echo "gdb did not stop at the end of a damaged list" && cat shown && exit 1; }
 
 # Each batch read, parsed and appended, and the commit as the newest line.
 [ "$minidb" != none ] || exit 0
