@@ -12,8 +12,8 @@
 %precedence 'm' %precedence NOTHING %precedence 'n' 'q'
 %%
 text: 'a' | calm 'b' | 'r' raising 'b' | 'l' list | 'i' item | late 'd';
-calm: error { $$ = machine_note(m, 1, 0); yyerrok; };
-late: 'c' error { $$ = machine_note(m, 3, 0); yyerrok; };
+calm: error { $$ = machine_note(m, 1, $1) + 5; yyerrok; };
+late: 'c' error { $$ = machine_note(m, 3, 0); yyerrok; } | 'k' error;
 raising: error { machine_note(m, 2, 0); YYERROR; };
 list: 'n' | item | nothing list 'x';
 nothing: %empty %prec NOTHING;
