@@ -92,7 +92,6 @@ TEST(Thread, thread_priorities_divide_the_range)
                             {-10, 5, 3, 0, EKO_PRIORITY_HIGH, 0, 1},
                             {-10, 5, 3, EPERM, EKO_PRIORITY_LOW, 1002, -6},
                             {1, 99, 3, 0, 2, 1002, -7},
-                            {1, 99, 3, 0, -2, 1002, -7},
                             {1, 99, 0, 0, 0, -1, -7},
                             {1, 99, 1, 0, 0, -1, -7},
                             {-1, 99, 3, 0, 0, 1002, -7},

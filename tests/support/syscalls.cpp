@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <string.h>
-#include <time.h>
 
 #include "ekoint.h"
 #include "support/fixture.h"
@@ -51,8 +50,6 @@ WRAP(int, stat64, (const char* path, struct stat64* st), (path, st), -1)
 WRAP(int, flock, (int fd, int how), (fd, how), -1)
 WRAP(void*, mmap64, (void* at, size_t n, int prot, int flags, int fd, off64_t off), (at, n, prot, flags, fd, off),
      MAP_FAILED)
-WRAP(struct tm*, localtime_r, (const time_t* time, struct tm* res), (time, res),
-     (memset(res, 0, sizeof(*res)), static_cast<struct tm*>(nullptr)))
 WRAP(EKO_SEM, eko_syncCreate_check, (int16 type, const char* file, int32 line), (type, file, line), EKO_SEM_INVALID)
 WRAP(int, close, (int fd), (fd), -1)
 WRAP(int, remove, (const char* path), (path), -1)

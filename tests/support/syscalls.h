@@ -1,6 +1,6 @@
 // syscalls.h - makes system calls fail, and the creation of a mutex or event.
 // LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
-// LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64 --wrap=localtime_r
+// LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64
 // LINK: --wrap=eko_syncCreate_check --wrap=close --wrap=remove --wrap=rename
 #ifndef EKO_TESTS_SYSCALLS_H
 #define EKO_TESTS_SYSCALLS_H
