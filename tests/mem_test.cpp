@@ -86,6 +86,31 @@ TEST_F(EkoTest, extendMem_clears_the_end_frees_and_allocates)
     EKO_TAG_DESTROY(tag);
 }
 
+#if EKO_CHECKED
+TEST_F(EkoTest, block_given_to_the_wrong_tag_stays_where_it_is)
+{
+    const EKO_MEMTAG others[] = {EKO_TAG_CREATE(BLOCK_ALLOCATOR), EKO_TAG_CREATE(LIST_ALLOCATOR)};
+    for (const EKO_ALLOCATOR_TYPE type : TYPES) {
+        const EKO_MEMTAG tag = EKO_TAG_CREATE(type);
+        for (const size_t size : {40u, 40000u, 100u}) {
+            CapturedFd err(2);
+            void* block = EKO_ALLOC(size, tag);
+            for (const EKO_MEMTAG other : others) {
+                EKO_ALLOC(40, other);
+                EKO_FREE(block, other);
+                EXPECT_EQ(EKO_EXTEND(block, 80, other), nullptr);
+                EXPECT_TRUE(matches(err.take(), "(Block [^\n]* is not of the tag it is given to\n){2}"));
+            }
+            EKO_FREE(block, tag);
+            EXPECT_EQ(err.take(), "");
+        }
+        EKO_TAG_DESTROY(tag);
+    }
+    EKO_TAG_DESTROY(others[0]);
+    EKO_TAG_DESTROY(others[1]);
+}
+#endif
+
 static EKO_MEMTAG owners[4];
 static void* globalBlock;
 static std::string events; // what callbacks saw
