@@ -59,6 +59,14 @@ TEST_F(EkoTest, random_without_memory_or_mutex)
     EXPECT_EQ(eko_randCreate(0), nullptr);
 }
 
+TEST_F(EkoTest, random_generator_ends_with_the_library)
+{
+    EKO_RAND r = eko_randCreate(1);
+    eko_term();
+    eko_randDestroy(r);
+    EXPECT_EQ(eko_init(), 0);
+}
+
 TEST(Align, align_rounds_and_follows_the_table)
 {
     const double cases[][2] = {{0.5, 1},

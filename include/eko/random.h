@@ -17,7 +17,7 @@
  *          that do not follow each other. No call but eko_seed from a signal handler. After a fork the child goes
  *          on in the sequence where its parent does: seed it again. A thread of the parent that was drawing at
  *          that moment leaves the child's generator locked.
- * Handles  are valid until eko_randDestroy or the last eko_term. They are not checked, and must not be null but
+ * Handles  are valid until eko_randDestroy or the last eko_term. They are not checked, and must not be null, but
  *          where it says so. No call leaves by longjmp. */
 #ifndef EKO_RANDOM_H
 #define EKO_RANDOM_H
@@ -34,7 +34,7 @@ typedef const void* EKO_RAND;
  *  Returns null when memory or its mutex cannot be had, or the library is not started. */
 EKO_API EKO_RAND eko_randCreate(uint32 seed);
 
-/** Destroys a generator, which no thread may be using; null is ignored. */
+/** Destroys a generator, which no thread may be using. Null is ignored, and any once the library has stopped. */
 EKO_API void eko_randDestroy(EKO_RAND rand);
 
 /** Begins the sequence of a seed at its first output, for all threads. Surprise: here 0 is a seed as any other. */

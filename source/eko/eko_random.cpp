@@ -116,7 +116,7 @@ EKO_RAND eko_randCreate(uint32 seed)
 
 void eko_randDestroy(EKO_RAND rand)
 {
-    if (!rand)
+    if (!rand || !libraryStarted()) // once that has stopped the generator is gone
         return;
     eko_syncDelete(generatorOf(rand)->sem);
     EKO_FREE(rand, EKO_GLOBAL_TAG);
