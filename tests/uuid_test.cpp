@@ -153,8 +153,6 @@ TEST_F(DiskTest, uuid_texts_are_read_as_libuuid_reads_them)
     }
     acceptUsage();
     writeFile(dir_.file("texts"), texts);
-    if (!*EKO_LIBUUID_PARSE)
-        GTEST_SKIP() << "not compared with libuuid, which was not there when this was built";
     const std::string command = EKO_LIBUUID_PARSE " <" + dir_.file("texts") + " >" + dir_.file("read");
     EXPECT_EQ(system(command.c_str()), 0);
     EXPECT_TRUE(readFile(dir_.file("read")) == read);
