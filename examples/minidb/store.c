@@ -290,6 +290,7 @@ static int32 getBytes(const void* from, void* data, uint32 size, uint32* len, ui
     (void)reserved;
     *len = size < bytes->left ? size : bytes->left;
     memcpy(data, bytes->at, *len);
+    bytes->at += *len;
     bytes->left -= *len;
     return *len > 0 ? 0 : 1002;
 }
