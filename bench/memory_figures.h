@@ -1,0 +1,17 @@
+// Figures that take a fresh process each: what live blocks keep resident, what starting and stopping costs.
+
+#ifndef EKO_BENCH_MEMORY_FIGURES_H
+#define EKO_BENCH_MEMORY_FIGURES_H
+
+namespace bench {
+
+// resident ALLOCATOR SIZE  prints the resident bytes that a million live blocks of SIZE bytes add. Without arguments
+// lists the allocators.
+int resident(int argc, char** argv);
+
+// Starts the library and stops it, and prints the microseconds and the resident bytes of each.
+int startup();
+
+} // namespace bench
+
+#endif // EKO_BENCH_MEMORY_FIGURES_H
