@@ -8,74 +8,18 @@
 //         allocator until all is freed.
 // Locks   none; the tag's mutex.
 
-#include <bit>
-#include <string.h>
+#include "eko_block_allocator.h"
 
-#include "ekomem_int.h"
+#include <string.h>
 
 namespace {
 
-enum BLOCK_TYPE : uint32 {
-    BLOCK_16_BYTES,
-    BLOCK_32_BYTES,
-    BLOCK_64_BYTES,
-    BLOCK_128_BYTES,
-    BLOCK_256_BYTES,
-    BLOCK_512_BYTES,
-    BLOCK_1024_BYTES,
-    BLOCK_2048_BYTES,
-    BLOCK_4096_BYTES,
-    BLOCK_8192_BYTES,
-    BLOCK_LARGE
-};
-
-struct BLOCK_HDR {
-    union {
-        uint64 size;
-        BLOCK_HDR* next;
-    } hdr;
-};
-
-struct BLOCK_CHUNK_HDR {
-    BLOCK_CHUNK_HDR* next;
-    BLOCK_CHUNK_HDR* prev;
-};
-
-struct BLOCK_ALLOCATOR_ENTRY {
-    BLOCK_HDR* size16;
-    BLOCK_HDR* size32;
-    BLOCK_HDR* size64;
-    BLOCK_HDR* size128;
-    BLOCK_HDR* size256;
-    BLOCK_HDR* size512;
-    BLOCK_HDR* size1024;
-    BLOCK_HDR* size2048;
-    BLOCK_HDR* size4096;
-    BLOCK_HDR* size8192;
-    BLOCK_CHUNK_HDR* chunks;
-    EKO_TAG_MEM_INFO mem_info;
-};
-
-using FreeList = BLOCK_HDR* BLOCK_ALLOCATOR_ENTRY::*;
-constexpr FreeList FREE_LISTS[] = {&BLOCK_ALLOCATOR_ENTRY::size16,   &BLOCK_ALLOCATOR_ENTRY::size32,
-                                   &BLOCK_ALLOCATOR_ENTRY::size64,   &BLOCK_ALLOCATOR_ENTRY::size128,
-                                   &BLOCK_ALLOCATOR_ENTRY::size256,  &BLOCK_ALLOCATOR_ENTRY::size512,
-                                   &BLOCK_ALLOCATOR_ENTRY::size1024, &BLOCK_ALLOCATOR_ENTRY::size2048,
-                                   &BLOCK_ALLOCATOR_ENTRY::size4096, &BLOCK_ALLOCATOR_ENTRY::size8192};
-
 constexpr size_t HDR = sizeof(BLOCK_HDR);
 constexpr size_t CHUNK_HDR = sizeof(BLOCK_CHUNK_HDR);
-constexpr size_t LARGEST_CLASS = 8192;
 constexpr size_t LARGE_ROUNDING = 32;
 constexpr size_t BLOCKS_PER_CHUNK = 100;
-constexpr uint32 SMALLEST_CLASS_BITS = 4; // 16 bytes
 
 static_assert(HDR == 8 && CHUNK_HDR % BLOCK_ALIGNMENT == 0);
-
-constexpr size_t classSize(BLOCK_TYPE type)
-{
-    return size_t{16} << type;
-}
 
 // The smallest class that holds `size`.
 BLOCK_TYPE calc_type(size_t size)
@@ -87,13 +31,6 @@ BLOCK_TYPE calc_type(size_t size)
     return static_cast<BLOCK_TYPE>(static_cast<uint32>(std::bit_width(size - 1)) - SMALLEST_CLASS_BITS);
 }
 
-// DELIBERATE: what fits 16 bytes is served from the class of 32, and the list of 16 stays empty. The engine's
-// figures of memory in use are calibrated on it. Pinned by block_smallest_class_is_32.
-BLOCK_TYPE classForRequest(size_t size)
-{
-    return size <= classSize(BLOCK_32_BYTES) ? BLOCK_32_BYTES : calc_type(size);
-}
-
 BLOCK_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
 {
     return static_cast<BLOCK_ALLOCATOR_ENTRY*>(alctr);
@@ -102,14 +39,6 @@ char* bytesOf(void* p)
 {
     return static_cast<char*>(p);
 }
-BLOCK_HDR* headerOf(void* payload)
-{
-    return reinterpret_cast<BLOCK_HDR*>(bytesOf(payload) - HDR);
-}
-void* payloadOf(BLOCK_HDR* block)
-{
-    return bytesOf(block) + HDR;
-}
 BLOCK_HDR* onlyBlock(BLOCK_CHUNK_HDR* chunk)
 {
     return reinterpret_cast<BLOCK_HDR*>(bytesOf(chunk) + CHUNK_HDR);
@@ -117,12 +46,6 @@ BLOCK_HDR* onlyBlock(BLOCK_CHUNK_HDR* chunk)
 BLOCK_CHUNK_HDR* chunkOfLarge(BLOCK_HDR* block)
 {
     return reinterpret_cast<BLOCK_CHUNK_HDR*>(bytesOf(block) - CHUNK_HDR);
-}
-
-void push(BLOCK_ALLOCATOR_ENTRY* alctr, FreeList list, BLOCK_HDR* block)
-{
-    block->hdr.next = alctr->*list;
-    alctr->*list = block;
 }
 
 // ---- chunks -----------------------------------------------------------------------------------------------
@@ -157,25 +80,53 @@ void remove_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_CHUNK_HDR* chunk)
     eko_freeLargeBlock(chunk, &alctr->mem_info.capacity);
 }
 
-// Cuts from the start, so that the free list then runs from the end backwards.
-void split_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, FreeList list, BLOCK_HDR* start, size_t blockSize)
+// The blocks of a chunk are used from its end backwards, so its last block goes on the list, which is empty, and under
+// it the one before, down to the first. Small blocks are all linked. Of larger ones only the last is listed, marked with
+// the number of those before it that are not linked yet: they follow one by one, so that memory is not touched before
+// it is used. Freed blocks go on top of the list either way, so the order in which blocks are handed out is the same.
+
+uintptr_t uncutMark(size_t before)
 {
-    char* at = bytesOf(start);
-    for (size_t i = 0; i < BLOCKS_PER_CHUNK; ++i, at += blockSize + HDR)
-        push(alctr, list, reinterpret_cast<BLOCK_HDR*>(at));
+    return before * 2 + 1; // odd, as no address of a block is
+}
+
+void listChunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_TYPE type, BLOCK_HDR* first)
+{
+    const size_t step = classSize(type) + HDR;
+    char* last = bytesOf(first) + (BLOCKS_PER_CHUNK - 1) * step;
+    alctr->free_lists[type] = reinterpret_cast<BLOCK_HDR*>(last);
+    if (classSize(type) > LARGEST_CUT_AT_ONCE) {
+        alctr->free_lists[type]->hdr.uncut = uncutMark(BLOCKS_PER_CHUNK - 1);
+        return;
+    }
+    first->hdr.next = nullptr;
+    for (char* at = bytesOf(first); at < last; at += step)
+        reinterpret_cast<BLOCK_HDR*>(at + step)->hdr.next = reinterpret_cast<BLOCK_HDR*>(at);
+}
+
+// The block under one on its list.
+BLOCK_HDR* under(BLOCK_HDR* block, BLOCK_TYPE type)
+{
+    if (!(block->hdr.uncut & 1))
+        return block->hdr.next;
+    if (block->hdr.uncut == uncutMark(0))
+        return nullptr;
+    auto* before = reinterpret_cast<BLOCK_HDR*>(bytesOf(block) - (classSize(type) + HDR));
+    before->hdr.uncut = block->hdr.uncut - 2;
+    return before;
 }
 
 BLOCK_HDR* allocate_block(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_TYPE type)
 {
-    const FreeList list = FREE_LISTS[type];
-    if (!(alctr->*list)) {
-        BLOCK_HDR* start = add_chunk(alctr, BLOCKS_PER_CHUNK * (classSize(type) + HDR));
-        if (!start)
+    BLOCK_HDR*& list = alctr->free_lists[type];
+    if (!list) {
+        BLOCK_HDR* first = add_chunk(alctr, BLOCKS_PER_CHUNK * (classSize(type) + HDR));
+        if (!first)
             return nullptr;
-        split_chunk(alctr, list, start, classSize(type));
+        listChunk(alctr, type, first);
     }
-    BLOCK_HDR* block = alctr->*list;
-    alctr->*list = block->hdr.next;
+    BLOCK_HDR* block = list;
+    list = under(block, type);
     return block;
 }
 
@@ -192,6 +143,8 @@ BLOCK_HDR* allocate_large(BLOCK_ALLOCATOR_ENTRY* alctr, size_t size)
     return addSize(size, HDR, &bytes) ? add_chunk(alctr, bytes) : nullptr;
 }
 
+} // namespace
+
 void* block_allocator_alloc(size_t size, ALLOCATOR data)
 {
     BLOCK_ALLOCATOR_ENTRY* alctr = stateOf(data);
@@ -201,34 +154,31 @@ void* block_allocator_alloc(size_t size, ALLOCATOR data)
             return nullptr;
         block = allocate_large(alctr, size);
     } else {
-        const BLOCK_TYPE type = classForRequest(size);
+        const BLOCK_TYPE type = size ? classForRequest(size) : BLOCK_32_BYTES;
         size = classSize(type);
         block = allocate_block(alctr, type);
     }
-    if (!block)
-        return nullptr;
-    block->hdr.size = size;
-    eko_inc_mem_info(&alctr->mem_info.bytes, size);
-    return payloadOf(block);
+    return block ? handOut(alctr, block, size) : nullptr;
 }
 
 void block_allocator_free(void* ptr, ALLOCATOR data)
 {
+    if (giveListed(data, ptr))
+        return;
     BLOCK_ALLOCATOR_ENTRY* alctr = stateOf(data);
-    BLOCK_HDR* block = headerOf(ptr);
+    BLOCK_HDR* block = blockHeaderOf(ptr);
     const size_t size = static_cast<size_t>(block->hdr.size);
-    if (size <= LARGEST_CLASS)
-        push(alctr, FREE_LISTS[calc_type(size)], block);
-    else
-        remove_chunk(alctr, chunkOfLarge(block));
+    remove_chunk(alctr, chunkOfLarge(block));
     eko_dec_mem_info(&alctr->mem_info.bytes, size);
 }
+
+namespace {
 
 // Both sizes are of one type. A block of a class holds the new size already; a large block's chunk is resized.
 void* realloc_similar_size(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block, size_t newsize)
 {
     if (newsize <= LARGEST_CLASS)
-        return payloadOf(block);
+        return block + 1;
     size_t bytes;
     if (!roundUp(newsize, LARGE_ROUNDING, &newsize) || !addSize(newsize, CHUNK_HDR + HDR, &bytes))
         return nullptr;
@@ -241,12 +191,14 @@ void* realloc_similar_size(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block, size_
     eko_inc_mem_info(&alctr->mem_info.bytes, newsize - oldsize);
     block = onlyBlock(chunk);
     block->hdr.size = newsize;
-    return payloadOf(block);
+    return block + 1;
 }
+
+} // namespace
 
 void* block_allocator_realloc(void* ptr, size_t newsize, ALLOCATOR data)
 {
-    BLOCK_HDR* block = headerOf(ptr);
+    BLOCK_HDR* block = blockHeaderOf(ptr);
     const size_t oldsize = static_cast<size_t>(block->hdr.size);
     if (oldsize >= newsize) // blocks never shrink
         return ptr;
@@ -260,6 +212,8 @@ void* block_allocator_realloc(void* ptr, size_t newsize, ALLOCATOR data)
     return moved;
 }
 
+namespace {
+
 void block_allocator_free_all(ALLOCATOR data)
 {
     BLOCK_ALLOCATOR_ENTRY* alctr = stateOf(data);
@@ -268,8 +222,8 @@ void block_allocator_free_all(ALLOCATOR data)
         alctr->chunks = chunk->next;
         eko_freeLargeBlock(chunk, &alctr->mem_info.capacity);
     }
-    for (const FreeList list : FREE_LISTS)
-        alctr->*list = nullptr;
+    for (BLOCK_HDR*& list : alctr->free_lists)
+        list = nullptr;
     writeUnlocked(alctr->mem_info.bytes.in_use, size_t{0});
     writeUnlocked(alctr->mem_info.capacity.in_use, size_t{0});
 }

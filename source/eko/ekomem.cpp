@@ -15,8 +15,8 @@
 
 #include <string.h>
 
+#include "eko_block_allocator.h"
 #include "ekolog_int.h"
-#include "ekomem_int.h"
 
 // What the list allocator's state needs, seen from here as raw storage.
 constexpr size_t STATIC_ALLOCATOR_SIZE = 64;
@@ -33,6 +33,8 @@ constexpr int16 NOT_SHARED = 0;
 
 pthread_key_t tagTLSkey;
 TAG_ENTRY* tagGlobal; // null while memory is not started
+uint32 session;       // which start of memory this is; 0 while it is not started
+uint32 sessions;      // that there have been
 TAG_ENTRY* taglisthead;
 TAG_ENTRY* taglisttail;
 EKO_SEM tagTabSem = EKO_SEM_INVALID;
@@ -50,9 +52,10 @@ bool terminatingNow()
     return readUnlocked(eko_terminating) != 0;
 }
 
+// The values that mean no record are neighbours: -1, 0, 1.
 bool isRealTag(EKO_MEMTAG tt)
 {
-    return tt != EKO_GLOBAL_TAG && tt != EKO_THREAD_TAG && tt != EKO_TAG_INVALID;
+    return reinterpret_cast<uintptr_t>(tt) + 1 > 2;
 }
 
 // ---- tags -------------------------------------------------------------------------------------------------
@@ -79,23 +82,44 @@ void rememberType(TAG_ENTRY* tag, uint32 type)
     tag->t_type = static_cast<EKO_ALLOCATOR_TYPE>(type);
 }
 
-// Whether a block may be freed or extended on that tag; says so when not. Locks and files may be held, so that
-// neither the log nor memory is used. The legacy allocator looks for itself.
-bool ownedBy(const TAG_ENTRY* tag, const void* ptr)
+// Whether a block may be freed or extended on that tag. The legacy allocator looks for itself.
+bool owns(const TAG_ENTRY* tag, const void* ptr)
 {
-    const AllocatorOwns owns = ALLOCATOR_OWNS[tag->t_type];
-    if (!owns || owns(tag->t_allocator, ptr))
-        return true;
-    sayDirectly("Block %p is not of the tag it is given to\n", ptr);
-    return false;
+    const AllocatorOwns allocatorOwns = ALLOCATOR_OWNS[tag->t_type];
+    return !allocatorOwns || allocatorOwns(tag->t_allocator, ptr);
 }
 #else
 void rememberType(TAG_ENTRY*, uint32) {}
-bool ownedBy(const TAG_ENTRY*, const void*)
+bool owns(const TAG_ENTRY*, const void*)
 {
     return true;
 }
 #endif
+
+// The same, and says so when not. Locks and files may be held, so that neither the log nor memory is used.
+bool ownedBy(const TAG_ENTRY* tag, const void* ptr)
+{
+    if (owns(tag, ptr))
+        return true;
+    sayDirectly("Block %p is not of the tag it is given to\n", ptr);
+    return false;
+}
+
+// The allocator's own functions, entered without a call where that is the usual thing. The table decides: another
+// function there is another allocator.
+void* takeFrom(TAG_ENTRY* tag, size_t size)
+{
+    const bool usual = tag->t_fcns.alloc_fcn == block_allocator_alloc;
+    void* block = usual ? takeListed(tag->t_allocator, size) : nullptr;
+    return block ? block : tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+}
+
+void giveTo(TAG_ENTRY* tag, void* ptr)
+{
+    const bool usual = tag->t_fcns.free_fcn == block_allocator_free;
+    if (!usual || !giveListed(tag->t_allocator, ptr))
+        tag->t_fcns.free_fcn(ptr, tag->t_allocator);
+}
 
 void freeEntry(TAG_ENTRY* tag)
 {
@@ -158,6 +182,14 @@ TAG_ENTRY* makeTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTRO
     return tag;
 }
 
+// The calling thread's tag as it was last found, so that most requests need no look at the thread's storage. It is that
+// of one start of memory: after the next one the thread has no tag, whatever is remembered here.
+struct RememberedTag {
+    TAG_ENTRY* tag;
+    uint32 session;
+};
+__thread RememberedTag rememberedTag __attribute__((tls_model("initial-exec")));
+
 // The calling thread's tag if it has one already.
 TAG_ENTRY* existingTLSTag()
 {
@@ -167,12 +199,9 @@ TAG_ENTRY* existingTLSTag()
     return static_cast<TAG_ENTRY*>(tag);
 }
 
-TAG_ENTRY* getTLSTag(MemResult* result)
+TAG_ENTRY* makeTLSTag(MemResult* result)
 {
-    TAG_ENTRY* tag = existingTLSTag();
-    if (tag || !tagGlobal)
-        return tag;
-    tag = tryCreateTag(nullptr, NOT_SHARED, BLOCK_ALLOCATOR, nullptr, nullptr, result);
+    TAG_ENTRY* tag = tryCreateTag(nullptr, NOT_SHARED, BLOCK_ALLOCATOR, nullptr, nullptr, result);
     if (tag == EKO_TAG_INVALID)
         return nullptr;
     if (eko_tlsSetPtr(tagTLSkey, tag) != EKO_OK) {
@@ -180,6 +209,24 @@ TAG_ENTRY* getTLSTag(MemResult* result)
         return nullptr;
     }
     return tag;
+}
+
+TAG_ENTRY* getTLSTag(MemResult* result)
+{
+    TAG_ENTRY* tag = existingTLSTag();
+    if (!tag && tagGlobal)
+        tag = makeTLSTag(result);
+    rememberedTag = {tag, readUnlocked(session)};
+    return tag;
+}
+
+// The tag that a caller's value means, when it is known without a lock or a call; null leaves it to getCorrectTag.
+TAG_ENTRY* tagAtHand(EKO_MEMTAG tt)
+{
+    const uint32 current = readUnlocked(session);
+    if (tt == EKO_THREAD_TAG)
+        return rememberedTag.session == current ? rememberedTag.tag : nullptr;
+    return current && isRealTag(tt) ? tt : nullptr;
 }
 
 // The tag that a caller's value means; null when there is none. While the library stops, null is nobody's tag.
@@ -281,7 +328,7 @@ void* tryGetMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, MemRes
     void* block;
     {
         const SemGuard lock(tag->t_sem);
-        block = tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+        block = takeFrom(tag, size);
     }
     *result = block ? MemResult::done : MemResult::exhausted;
     if (block)
@@ -388,6 +435,7 @@ void destroyGlobalTag()
 {
     TAG_ENTRY* tag = tagGlobal;
     tagGlobal = nullptr;
+    writeUnlocked(session, uint32{0});
     EKO_TAG_DESTROY(tag);
 }
 
@@ -423,8 +471,11 @@ int32 eko_memInit()
     startStaticTag();
     if (eko_tlsCreateKey(&tagTLSkey) != EKO_OK)
         return EKO_FAILED;
-    if (startTags())
+    if (startTags()) {
+        sessions += sessions == UINT32_MAX ? 2 : 1; // never 0
+        writeUnlocked(session, sessions);
         return EKO_OK;
+    }
     eko_tlsDestroyKey(tagTLSkey);
     return EKO_FAILED;
 }
@@ -526,12 +577,47 @@ void eko_releaseTLSTag(void)
     if (!tag)
         return;
     eko_tlsSetPtr(tagTLSkey, nullptr);
+    rememberedTag.tag = nullptr;
     EKO_TAG_DESTROY(tag);
 }
 
 // ---- blocks -----------------------------------------------------------------------------------------------
+//
+// Most requests are plain ones on a tag without a mutex, met by a list of its block allocator. They are tried first,
+// and do there what the general way would do. Whatever is different about a request, it goes the general way.
 
-void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file, uint32 line)
+namespace {
+
+bool isUnlocked(const TAG_ENTRY* tag)
+{
+    return tag && tag->t_sem == EKO_SEM_INVALID;
+}
+
+void* takeAtHand(size_t size, EKO_MEMTAG tt)
+{
+    TAG_ENTRY* tag = tagAtHand(tt);
+    const bool usual = isUnlocked(tag) && tag->t_fcns.alloc_fcn == block_allocator_alloc;
+    return usual ? takeListed(tag->t_allocator, size) : nullptr;
+}
+
+bool giveAtHand(void* ptr, EKO_MEMTAG tt)
+{
+    TAG_ENTRY* tag = tagAtHand(tt);
+    const bool usual = isUnlocked(tag) && tag->t_fcns.free_fcn == block_allocator_free;
+    return usual && ptr && owns(tag, ptr) && giveListed(tag->t_allocator, ptr);
+}
+
+// Whether the block holds that many bytes already.
+bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
+{
+    TAG_ENTRY* tag = tagAtHand(tt);
+    const bool usual = isUnlocked(tag) && tag->t_fcns.realloc_fcn == block_allocator_realloc;
+    return usual && ptr && newsize && owns(tag, ptr) && blockHeaderOf(const_cast<void*>(ptr))->hdr.size >= newsize;
+}
+
+// Out of line, so that the usual way saves no registers for it.
+[[gnu::noinline]] void* getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file,
+                               uint32 line)
 {
     MemResult result;
     void* block = tryGetMem(size, tt, mode, data, &result);
@@ -540,9 +626,32 @@ void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const
     return block;
 }
 
+[[gnu::noinline]] void freeMem(void* ptr, EKO_MEMTAG tt)
+{
+    if (!mem_eko_inited_get__race_condition_ok() || !ptr)
+        return;
+    MemResult ignored;
+    TAG_ENTRY* tag = getCorrectTag(tt, &ignored);
+    if (!tag)
+        return;
+    const SemGuard lock(semForFreeing(tag));
+    if (ownedBy(tag, ptr))
+        giveTo(tag, ptr);
+}
+
+} // namespace
+
+void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file, uint32 line)
+{
+    void* block = mode == EKO_MEM_PLAIN ? takeAtHand(size, tt) : nullptr;
+    return block ? block : getMem(size, tt, mode, data, file, line);
+}
+
 void* eko_extendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, int32 clear, size_t incsize, const char* file,
                     uint32 line)
 {
+    if (!clear && holdsAtHand(ptr, newsize, tt))
+        return const_cast<void*>(ptr);
     if (!ptr)
         return eko_getMem(newsize, tt, clear ? EKO_MEM_ZERO : EKO_MEM_PLAIN, nullptr, file, line);
     MemResult result;
@@ -556,15 +665,9 @@ void* eko_extendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, int32 clear,
 
 void eko_freeMem(const void* ptr, EKO_MEMTAG tt, const char* /*file*/, uint32 /*line*/)
 {
-    if (!mem_eko_inited_get__race_condition_ok() || !ptr)
-        return;
-    MemResult ignored;
-    TAG_ENTRY* tag = getCorrectTag(tt, &ignored);
-    if (!tag)
-        return;
-    const SemGuard lock(semForFreeing(tag));
-    if (ownedBy(tag, ptr))
-        tag->t_fcns.free_fcn(const_cast<void*>(ptr), tag->t_allocator);
+    void* block = const_cast<void*>(ptr);
+    if (!giveAtHand(block, tt))
+        freeMem(block, tt);
 }
 
 // ---- limit and figures of the process ---------------------------------------------------------------------
@@ -593,19 +696,6 @@ void eko_getMemUsage(size_t* curr_usage, size_t* max_usage)
 void eko_memReport(const char*, ...) {}
 
 void eko_memReportTag(EKO_MEMTAG, const char*, ...) {}
-
-void eko_inc_mem_info(EKO_MEM_INFO* info, size_t size)
-{
-    const size_t in_use = readUnlocked(info->in_use) + size;
-    writeUnlocked(info->in_use, in_use);
-    if (in_use > readUnlocked(info->max_in_use))
-        writeUnlocked(info->max_in_use, in_use);
-}
-
-void eko_dec_mem_info(EKO_MEM_INFO* info, size_t size)
-{
-    writeUnlocked(info->in_use, readUnlocked(info->in_use) - size);
-}
 
 void copyMemInfo(const EKO_TAG_MEM_INFO& from, EKO_TAG_MEM_INFO* to)
 {

@@ -140,8 +140,17 @@ inline bool within(const void* ptr, const void* start, size_t size)
 
 extern EKO_SEM largeBlockSem;
 
-void eko_inc_mem_info(EKO_MEM_INFO* info, size_t size);
-void eko_dec_mem_info(EKO_MEM_INFO* info, size_t size);
+inline void eko_inc_mem_info(EKO_MEM_INFO* info, size_t size)
+{
+    const size_t in_use = readUnlocked(info->in_use) + size;
+    writeUnlocked(info->in_use, in_use);
+    if (in_use > readUnlocked(info->max_in_use))
+        writeUnlocked(info->max_in_use, in_use);
+}
+inline void eko_dec_mem_info(EKO_MEM_INFO* info, size_t size)
+{
+    writeUnlocked(info->in_use, readUnlocked(info->in_use) - size);
+}
 
 // Figures are read without the tag's lock, one by one.
 void copyMemInfo(const EKO_TAG_MEM_INFO& from, EKO_TAG_MEM_INFO* to);
