@@ -51,9 +51,11 @@ endif()
 
 # ---- the library ------------------------------------------------------------------------------------------
 
-# No exceptions, but unwind tables: ending a thread unwinds its frames.
+# No exceptions, but unwind tables: ending a thread unwinds its frames. The library's calls of its own functions are
+# bound when it is linked, so nothing is lost by compiling them without regard to another definition elsewhere.
 add_library(eko_library_code INTERFACE)
 target_compile_options(eko_library_code INTERFACE
     -fvisibility=hidden
     -fasynchronous-unwind-tables
+    -fno-semantic-interposition
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)

@@ -36,41 +36,66 @@ EKO_RAND_CTX* generatorOf(EKO_RAND rand)
 uint32 twisted(uint32 word, uint32 next, uint32 far)
 {
     const uint32 y = (word & UPPER_MASK) | (next & LOWER_MASK);
-    return far ^ (y >> 1) ^ (y & 1 ? MATRIX : 0);
+    return far ^ (y >> 1) ^ ((0 - (y & 1)) & MATRIX);
 }
 
-// Makes the next block. Its first words, already new, are the far ones of the last.
+// Words FROM to TO - 1 of the next block, whose far ones are at a fixed distance. Compilers make several at once of
+// such a loop, which has no wrapping and, where they are to, a multiple of four words.
+template <uint32 FROM, uint32 TO, int32 DISTANCE> void generateWords(EKO_RAND_CTX& g)
+{
+    for (int32 k = FROM; k < static_cast<int32>(TO); ++k)
+        g.MT[k] = twisted(g.MT[k], g.MT[k + 1], g.MT[k + DISTANCE]);
+}
+
+// Makes the next block, in order: from WRAPPED on the far words are new ones, and for the last so is the one behind it.
 void eko_randGenerateNumbers(EKO_RAND_CTX& g)
 {
-    for (uint32 k = 0; k < WORDS; ++k)
-        g.MT[k] = twisted(g.MT[k], g.MT[(k + 1) % WORDS], g.MT[(k + FAR_WORD) % WORDS]);
+    constexpr uint32 WRAPPED = WORDS - FAR_WORD;
+    constexpr uint32 FOURS = WRAPPED / 4 * 4;
+    generateWords<0, FOURS, FAR_WORD>(g);
+    generateWords<FOURS, WRAPPED, FAR_WORD>(g);
+    static_assert((WORDS - 1 - WRAPPED) % 4 == 0);
+    generateWords<WRAPPED, WORDS - 1, -static_cast<int32>(WRAPPED)>(g);
+    g.MT[WORDS - 1] = twisted(g.MT[WORDS - 1], g.MT[0], g.MT[FAR_WORD - 1]);
     g.curr = g.MT;
 }
 
 void eko_randSetSeed(EKO_RAND_CTX& g, uint32 seed)
 {
     const SemGuard lock(g.sem);
-    g.MT[0] = seed;
-    for (uint32 i = 1; i < WORDS; ++i)
-        g.MT[i] = SEED_FACTOR * (g.MT[i - 1] ^ (g.MT[i - 1] >> 30)) + i;
+    uint32 word = seed;
+    g.MT[0] = word;
+    for (uint32 i = 1; i < WORDS; ++i) {
+        word = SEED_FACTOR * (word ^ (word >> 30)) + i;
+        g.MT[i] = word;
+    }
     eko_randGenerateNumbers(g);
 }
 
+// With the mutex held.
 uint32 nextWord(EKO_RAND_CTX& g)
 {
-    const SemGuard lock(g.sem);
     if (g.curr == g.end)
         eko_randGenerateNumbers(g);
     return *g.curr++;
 }
 
-uint32 eko_randGetNext(EKO_RAND_CTX& g)
+uint32 tempered(uint32 y)
 {
-    uint32 y = nextWord(g);
     y ^= y >> 11;
     y ^= (y << 7) & 0x9D2C5680;
     y ^= (y << 15) & 0xEFC60000;
     return y ^ (y >> 18);
+}
+
+uint32 eko_randGetNext(EKO_RAND_CTX& g)
+{
+    uint32 word;
+    {
+        const SemGuard lock(g.sem);
+        word = nextWord(g);
+    }
+    return tempered(word);
 }
 
 // The number without its fraction, which infinities and NaN do not have. By its bits: floor and its like are in a
@@ -137,10 +162,19 @@ uint32 eko_randGetUInt32(EKO_RAND rand)
     return eko_randGetNext(*generatorOf(rand));
 }
 
+// Both words under one hold of the mutex: neighbours in the sequence, as they are for two draws that no other thread
+// comes between.
 uint64 eko_randGetUInt64(EKO_RAND rand)
 {
-    const uint64 high = eko_randGetUInt32(rand);
-    return high << 32 | eko_randGetUInt32(rand);
+    EKO_RAND_CTX& g = *generatorOf(rand);
+    uint32 high;
+    uint32 low;
+    {
+        const SemGuard lock(g.sem);
+        high = nextWord(g);
+        low = nextWord(g);
+    }
+    return uint64{tempered(high)} << 32 | tempered(low);
 }
 
 double eko_randGetDouble(EKO_RAND rand)

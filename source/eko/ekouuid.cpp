@@ -1,12 +1,14 @@
 // UUIDs: random ones, and their text.
 //
 // Data      The one generator, in the module's record. A child of fork has a copy of it, and would make the same
-//           UUIDs as its parent: `seededFor` tells.
+//           UUIDs as its parent. `seededHere` tells: a word that the kernel sets to 0 in a child. Where it does not,
+//           `seededFor` tells, at the price of a system call for each UUID.
 // Locks     The generator's own.
-// Unlocked  seededFor: published behind the seeding, so that no thread of a child draws from what it inherited.
-//           Several that come first may each seed it, each with a new sequence.
+// Unlocked  seededHere, seededFor: published behind the seeding, so that no thread of a child draws from what it
+//           inherited. Several that come first may each seed it, each with a new sequence.
 
 #include <string.h>
+#include <sys/mman.h>
 
 #include "ekomem_int.h"
 
@@ -19,6 +21,42 @@ struct EKO_UUID_GLOBALS {
 };
 
 uint32 seededFor; // the process for which a generator was last seeded, also in an earlier life of the library; or 0
+uint32* seededHere; // not 0: the generator was seeded in this process. Null without a page that children find empty
+
+constexpr size_t PAGE = 4096;
+
+// ---- a word that is 0 in children ---------------------------------------------------------------------------
+
+void mapSeededHere()
+{
+    void* page = mmap(nullptr, PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED)
+        return;
+    if (madvise(page, PAGE, MADV_WIPEONFORK) == 0)
+        seededHere = static_cast<uint32*>(page);
+    else
+        munmap(page, PAGE);
+}
+
+void unmapSeededHere()
+{
+    if (seededHere)
+        munmap(seededHere, PAGE);
+    seededHere = nullptr;
+}
+
+// Behind the seeding.
+void noteSeeding(uint32 process)
+{
+    publish(seededFor, process);
+    if (seededHere)
+        publish(*seededHere, 1U);
+}
+
+bool isSeededHere()
+{
+    return seededHere ? readPublished(*seededHere) != 0 : readPublished(seededFor) == eko_get_pid();
+}
 
 // ---- the generator ----------------------------------------------------------------------------------------
 
@@ -49,7 +87,8 @@ int32 eko_uuidInit(void* data)
     globals->uuidRand = eko_randCreate(first ? firstSeed() : laterSeed());
     if (!globals->uuidRand)
         return EKO_NO_MEMORY;
-    publish(seededFor, process);
+    mapSeededHere();
+    noteSeeding(process);
     return EKO_OK;
 }
 
@@ -58,6 +97,7 @@ void eko_uuidTerm(void* data)
     auto* globals = static_cast<EKO_UUID_GLOBALS*>(data);
     eko_randDestroy(globals->uuidRand);
     globals->uuidRand = nullptr;
+    unmapSeededHere();
 }
 
 GlobalSlot uuidSlot = {"ekouuid", sizeof(EKO_UUID_GLOBALS), eko_uuidInit, eko_uuidTerm, nullptr, nullptr};
@@ -69,17 +109,47 @@ EKO_UUID_GLOBALS* eko_uuidGlobals()
 
 void seedAgainInChild(const EKO_UUID_GLOBALS& globals)
 {
-    const uint32 process = eko_get_pid();
-    if (readPublished(seededFor) == process)
+    if (isSeededHere())
         return;
     eko_randResetSeed(globals.uuidRand, laterSeed());
-    publish(seededFor, process);
+    noteSeeding(eko_get_pid());
 }
 
-// ---- reading a text ---------------------------------------------------------------------------------------
+// ---- writing a text ---------------------------------------------------------------------------------------
 
 constexpr uint32 GROUPS = 5;
 constexpr size_t GROUP_BYTES[GROUPS] = {4, 2, 2, 2, 6};
+constexpr size_t BARE_TEXT = EKO_UUID_TEXT - 1;
+
+// The two digits of every byte.
+struct ByteTexts {
+    char digits[256][2];
+};
+constexpr ByteTexts makeByteTexts()
+{
+    ByteTexts texts = {};
+    for (uint32 byte = 0; byte < 256; ++byte) {
+        texts.digits[byte][0] = "0123456789abcdef"[byte / 16];
+        texts.digits[byte][1] = "0123456789abcdef"[byte % 16];
+    }
+    return texts;
+}
+constexpr ByteTexts BYTE_TEXTS = makeByteTexts();
+
+// The digits of a UUID, and a "-" behind each group, the last one too. The record's bytes are in the text's order.
+void writeDigits(const eko_uuid_t& uuid, char* text)
+{
+    uint8 bytes[sizeof(uuid)];
+    memcpy(bytes, &uuid, sizeof(uuid));
+    const uint8* next = bytes;
+    for (const size_t count : GROUP_BYTES) {
+        for (const uint8* end = next + count; next < end; ++next, text += 2)
+            memcpy(text, BYTE_TEXTS.digits[*next], 2);
+        *text++ = '-';
+    }
+}
+
+// ---- reading a text ---------------------------------------------------------------------------------------
 
 // A copy of a text on the thread's tag, and the list of its words.
 struct TextCopy {
@@ -124,26 +194,54 @@ bool hasTooManyDashes(const char* text)
     return dashes == GROUPS;
 }
 
-// 0 to 15, or -1 for what is no digit, whatever the locale.
+// Of every character 0 to 15, or -1 for what is no digit, whatever the locale.
+struct HexValues {
+    int8_t of[256];
+};
+constexpr HexValues makeHexValues()
+{
+    HexValues values = {};
+    for (int8_t& value : values.of)
+        value = -1;
+    for (int8_t i = 0; i < 16; ++i) {
+        values.of[static_cast<uint8>("0123456789abcdef"[i])] = i;
+        values.of[static_cast<uint8>("0123456789ABCDEF"[i])] = i;
+    }
+    return values;
+}
+constexpr HexValues HEX_VALUES = makeHexValues();
+
 int32 hexValue(char c)
 {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    const char letter = upperAscii(c);
-    return letter >= 'A' && letter <= 'F' ? letter - 'A' + 10 : -1;
+    return HEX_VALUES.of[static_cast<uint8>(c)];
 }
 
-// Exactly `count` bytes, of two digits each.
-bool readBytes(const char* digits, uint8* bytes, size_t count)
+// Reads that many bytes, of two digits each. Returns what stands behind them, or null.
+const char* readBytes(const char* digits, uint8* bytes, size_t count)
 {
     for (; count > 0; --count, digits += 2) {
         const int32 high = hexValue(digits[0]);
         const int32 low = high < 0 ? -1 : hexValue(digits[1]); // the first may be the terminator
         if (low < 0)
-            return false;
+            return nullptr;
         *bytes++ = static_cast<uint8>(high * 16 + low);
     }
-    return *digits == 0;
+    return digits;
+}
+
+// The form that uuid_toString writes without braces, and nothing else. All other texts, right or wrong, are left to
+// readText, which would read this one alike.
+bool readPlainText(const char* text, eko_uuid_t* uuid)
+{
+    uint8 bytes[sizeof(*uuid)];
+    uint8* next = bytes;
+    for (uint32 i = 0; i < GROUPS; next += GROUP_BYTES[i++]) {
+        text = readBytes(text, next, GROUP_BYTES[i]);
+        if (!text || *text++ != (i + 1 < GROUPS ? '-' : '\0'))
+            return false;
+    }
+    memcpy(uuid, bytes, sizeof(*uuid));
+    return true;
 }
 
 // The text's order of digits is that of the bytes in the record.
@@ -154,7 +252,8 @@ bool readGroups(const TextCopy& copy, eko_uuid_t* uuid)
     uint8 bytes[sizeof(*uuid)];
     uint8* next = bytes;
     for (uint32 i = 0; i < GROUPS; next += GROUP_BYTES[i++]) {
-        if (!readBytes(copy.words[i], next, GROUP_BYTES[i]))
+        const char* end = readBytes(copy.words[i], next, GROUP_BYTES[i]);
+        if (!end || *end != '\0')
             return false;
     }
     memcpy(uuid, bytes, sizeof(*uuid));
@@ -202,20 +301,29 @@ int32 uuid_toString(const eko_uuid_t* uuid, char* str, size_t len, int32 braces)
 {
     if (!uuid || !str)
         return EKO_BAD_ARGUMENT;
-    const int req =
-        eko_snprintf(str, len, "%s%8.8x-%4.4x-%4.4x-%2.2x%2.2x-%2.2x%2.2x%2.2x%2.2x%2.2x%2.2x%s", braces ? "{" : "",
-                     eko_swaporder32(uuid->time_low), eko_swaporder16(uuid->time_mid),
-                     eko_swaporder16(uuid->time_high_and_version), uuid->clock_seq_high_and_reserved,
-                     uuid->clock_seq_low, uuid->node[0], uuid->node[1], uuid->node[2], uuid->node[3], uuid->node[4],
-                     uuid->node[5], braces ? "}" : "");
-    EKO_ASSERT(req != -1);
-    return static_cast<size_t>(req) + 1 > len ? EKO_TOO_SMALL : EKO_OK;
+    char text[EKO_UUID_TEXT_BRACES];
+    char* end = text;
+    if (braces)
+        *end++ = '{';
+    writeDigits(*uuid, end);
+    end += BARE_TEXT;
+    if (braces)
+        *end++ = '}';
+    const auto length = static_cast<size_t>(end - text);
+    const size_t stored = length < len ? length : len - 1;
+    if (len > 0) {
+        memcpy(str, text, stored);
+        str[stored] = '\0';
+    }
+    return length < len ? EKO_OK : EKO_TOO_SMALL;
 }
 
 int32 uuid_fromString(const char* str, eko_uuid_t* uuid)
 {
     if (!str || !uuid)
         return EKO_BAD_ARGUMENT;
+    if (libraryStarted() && readPlainText(str, uuid))
+        return EKO_OK;
     MemResult result = MemResult::done;
     const int32 status = readText(str, uuid, &result);
     if (status != EKO_OK)
