@@ -101,15 +101,15 @@ uint8 swapped(uint8 image)
 }
 uint16 swapped(uint16 image)
 {
-    return eko_swaporder16(image);
+    return __builtin_bswap16(image);
 }
 uint32 swapped(uint32 image)
 {
-    return eko_swaporder32(image);
+    return __builtin_bswap32(image);
 }
 uint64 swapped(uint64 image)
 {
-    return eko_swaporder64(image);
+    return __builtin_bswap64(image);
 }
 
 // ---- reading ----------------------------------------------------------------------------------------------
@@ -165,19 +165,34 @@ int32 getCharacters(INPUTBUFFEREDSTREAM& s, char* str, size_t length)
     return inputBuffGet(s, str, length, &had);
 }
 
+template <class T> void decode(const INPUTBUFFEREDSTREAM& s, const char* bytes, T* value)
+{
+    Image<T> image;
+    memcpy(&image, bytes, sizeof(image));
+    if (s.byteswap)
+        image = swapped(image);
+    memcpy(value, &image, sizeof(image));
+}
+
+// Apart from getValue, so that this one needs no room for what only a new block takes.
+template <class T> [[gnu::noinline]] int32 gatherValue(INPUTBUFFEREDSTREAM& s, T* value)
+{
+    const int32 status = getOrGoOn(s, s.image, sizeof(T));
+    if (status == 0)
+        decode(s, s.image, value);
+    return status;
+}
+
+// A value that lies in the buffer is taken from there, unless the last get failed half-way and could be gone on with.
 template <class T> int32 getValue(EKO_INPUTBUFF inBuff, T* value)
 {
     INPUTBUFFEREDSTREAM* s = inputOf(inBuff);
     if (!s || !value)
         return EKO_BAD_ARGUMENT;
-    const int32 status = getOrGoOn(*s, s->image, sizeof(T));
-    if (status != 0)
-        return status;
-    Image<T> image;
-    memcpy(&image, s->image, sizeof(image));
-    if (s->byteswap)
-        image = swapped(image);
-    memcpy(value, &image, sizeof(image));
+    if (s->had != 0 || s->len - s->pos < sizeof(T))
+        return gatherValue(*s, value);
+    decode(*s, s->buf + s->pos, value);
+    s->pos += static_cast<uint32>(sizeof(T));
     return EKO_OK;
 }
 
@@ -241,7 +256,11 @@ template <class T> int32 putValue(EKO_OUTPUTBUFF outBuff, const T& value)
     memcpy(&image, &value, sizeof(image));
     if (s->byteswap)
         image = swapped(image);
-    return outBuffPut(*s, &image, sizeof(image));
+    if (s->size - s->pos < sizeof(image))
+        return outBuffPut(*s, &image, sizeof(image));
+    memcpy(s->buf + s->pos, &image, sizeof(image));
+    s->pos += static_cast<uint32>(sizeof(image));
+    return EKO_OK;
 }
 
 } // namespace

@@ -11,7 +11,8 @@
 //           exclSem: no message can come between look and reset unseen. Closing takes no lock: it sets the flag and
 //           then signals, while a reader resets and then looks at the flag once more. Both go to the flag by one
 //           atomic exchange, so whichever is second sees what the first did: the reader the flag, or the closer's
-//           signal comes behind the reset.
+//           signal comes behind the reset. To signal what is signalled already would change nothing, and writes and
+//           resets both hold exclSem: a write leaves it out unless there was a reset in between.
 
 #include <string.h>
 
@@ -149,6 +150,15 @@ void purge(EKO_QUEUE& q, int32 msgid)
 
 // ---- writing ----------------------------------------------------------------------------------------------
 
+// With exclSem held.
+void signalOnce(EKO_QUEUE& q)
+{
+    if (q.signalled)
+        return;
+    q.signalled = true;
+    eko_syncResume(q.entrySem);
+}
+
 // On EKO_NO_MEMORY exclSem stays held.
 int32 writeMessage(EKO_QUEUE& q, const QUEMSG& message, int16 qFlag, MemResult* result)
 {
@@ -162,7 +172,7 @@ int32 writeMessage(EKO_QUEUE& q, const QUEMSG& message, int16 qFlag, MemResult* 
         return EKO_NO_MEMORY;
     *record = message;
     link(q, record, qFlag);
-    eko_syncResume(q.entrySem);
+    signalOnce(q);
     eko_syncExitExcl(q.exclSem);
     return EKO_OK;
 }
@@ -175,6 +185,7 @@ bool resetWhenEmpty(EKO_QUEUE& q)
     const SemGuard lock(q.exclSem);
     if (q.head)
         return false;
+    q.signalled = false;
     eko_syncStart(q.entrySem);
     return true;
 }
@@ -228,7 +239,8 @@ void deleteSemaphores(EKO_SEM entrySem, EKO_SEM mtSem, EKO_SEM exclSem)
 bool createSemaphores(EKO_QUEUE& q)
 {
     q.mtSem = q.exclSem = EKO_SEM_INVALID;
-    q.entrySem = EKO_EVENT_CREATE();
+    q.entrySem = EKO_EVENT_CREATE(); // signalled
+    q.signalled = true;
     if (q.entrySem != EKO_SEM_INVALID)
         q.mtSem = EKO_MUTEX_CREATE();
     if (q.mtSem != EKO_SEM_INVALID)

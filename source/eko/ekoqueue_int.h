@@ -19,6 +19,7 @@ struct EKO_QUEUE {
     QUEMSG* avail; // spare records; only grows
     int32 count;
     uint16 status;    // QUEUE_CLOSED or 0
+    bool signalled;   // a write has signalled entrySem, or its creation has, and no read has reset it since
     EKO_SEM entrySem; // event: a message has come, or the queue was closed
     EKO_SEM mtSem;    // readers, one at a time, through the whole read
     EKO_SEM exclSem;  // guards messages, count and spare records

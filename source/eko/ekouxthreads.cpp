@@ -75,10 +75,6 @@ int32 uxthreads_eko_inited_get__race_condition_ok()
 {
     return readUnlocked(eko_inited);
 }
-void eko_count_inc__race_condition_ok(EKO_MUTEX_ENTRY& m)
-{
-    writeUnlocked(m.count, readUnlocked(m.count) + 1);
-}
 int32 eko_count_dec__race_condition_ok(EKO_MUTEX_ENTRY& m)
 {
     const int32 count = readUnlocked(m.count) - 1;
@@ -325,19 +321,27 @@ void eko_syncDelete(EKO_SEM sem)
 
 namespace {
 
-// Whether the calling thread is in already; then it is so once more.
+// The calling thread's pthread_self, kept here for want of a quicker call; 0 in a thread that never was an owner.
+__thread pthread_t self __attribute__((tls_model("initial-exec")));
+
+// Whether the calling thread is in already; then it is so once more. An id of 0 is nobody's.
 bool enteredAgain(EKO_MUTEX_ENTRY& m)
 {
-    if (eko_count_get__race_condition_ok(m) == 0 ||
-        !pthread_equal(eko_id_get__race_condition_ok(m), pthread_self()))
+    const int32 count = eko_count_get__race_condition_ok(m);
+    if (count == 0)
         return false;
-    eko_count_inc__race_condition_ok(m);
+    const pthread_t id = eko_id_get__race_condition_ok(m);
+    if (id == 0 || !pthread_equal(id, self))
+        return false;
+    eko_count_set__race_condition_ok(m, count + 1);
     return true;
 }
 
 void becomeOwner(EKO_MUTEX_ENTRY& m)
 {
-    eko_id_set__race_condition_ok(m, pthread_self());
+    if (self == 0)
+        self = pthread_self();
+    eko_id_set__race_condition_ok(m, self);
     eko_count_set__race_condition_ok(m, 1);
 }
 
