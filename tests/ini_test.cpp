@@ -85,6 +85,32 @@ TEST_F(IniTest, ini_reading_rules)
     EXPECT_EQ((file("none"), value(nullptr, nullptr)), "(null)");
 }
 
+// As many sections as entries in each; every name is there again, in other letters and behind the first. What was read
+// before has the same names elsewhere, and where there is no memory for an index they are found all the same.
+TEST_F(IniTest, ini_first_of_many_names)
+{
+    const auto named = [](const char* upperLower, int32 i, int32 count, char first) {
+        return upperLower[i % 2] + std::to_string((i / 2 + first) % count);
+    };
+    for (const int32 count : {4, 5, 200}) {
+        for (const std::string first : {"1", "2", "3"}) {
+            std::string text;
+            for (int32 s = 0; s < 2 * count; ++s) {
+                text += "[" + named("sS", s, count, first[0]) + "]\n";
+                for (int32 e = 0; e < 2 * count; ++e)
+                    text += named("nN", e, count, first[0]) + "=" + (s % 2 || e % 2 ? "no" : first) + "\n";
+            }
+            file(text);
+            const FailNthOnTag none(EKO_GLOBAL_TAG, first == "3" ? 1 : 0, FailNthAlloc::ALL_FROM_THERE);
+            for (int32 i = 0; i < count; ++i) {
+                const std::string section = "S" + std::to_string(i), entry = "N" + std::to_string(i);
+                EXPECT_EQ(value(section.c_str(), entry.c_str()), first) << i;
+                EXPECT_EQ(value(section.c_str(), (entry + "000").c_str()), "2") << i;
+            }
+        }
+    }
+}
+
 TEST_F(IniTest, ini_set_rules)
 {
     struct {

@@ -52,24 +52,14 @@ int32 parsedFile(EKO_INI_GLOBALS* globals, const IniQuery& query, INIINFO** file
     return readFile(globals, query.iniName, query.xflags, file, result);
 }
 
-const SECINFO* findSection(const INIINFO* file, const char* section)
+SECINFO* findSection(INIINFO* file, const char* section)
 {
-    const CutName wanted(section, INI_NAME_BYTES);
-    for (const SECINFO* sec = file->SecInfo; sec < file->SecInfo + file->nNumSecs; ++sec) {
-        if (wanted.is(sec->name))
-            return sec;
-    }
-    return nullptr;
+    return file->secIndex.find(file->SecInfo, file->nNumSecs, CutName(section, INI_NAME_BYTES));
 }
 
-const PARMINFO* findEntry(const SECINFO* sec, const char* entry)
+const PARMINFO* findEntry(SECINFO* sec, const char* entry)
 {
-    const CutName wanted(entry, INI_NAME_BYTES);
-    for (const PARMINFO* parm = sec->ParmInfo; parm < sec->ParmInfo + sec->nNumParms; ++parm) {
-        if (wanted.is(parm->name))
-            return parm;
-    }
-    return nullptr;
+    return sec->parmIndex.find(sec->ParmInfo, sec->nNumParms, CutName(entry, INI_NAME_BYTES));
 }
 
 // ---- what a query finds -----------------------------------------------------------------------------------
@@ -97,12 +87,13 @@ int32 find(EKO_INI_GLOBALS* globals, const IniQuery& query, Found* found, MemRes
     *found = {file, nullptr, nullptr};
     if (!query.section)
         return EKO_OK;
-    found->sec = findSection(file, query.section);
-    if (!found->sec)
+    SECINFO* sec = findSection(file, query.section);
+    if (!sec)
         return INI_NOT_FOUND;
+    found->sec = sec;
     if (!query.entry)
         return EKO_OK;
-    found->parm = findEntry(found->sec, query.entry);
+    found->parm = findEntry(sec, query.entry);
     return found->parm ? EKO_OK : INI_NOT_FOUND;
 }
 

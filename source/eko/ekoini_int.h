@@ -14,10 +14,50 @@ constexpr int32 INI_CANNOT_RENAME = -919;
 constexpr int32 INI_NULL_ARGUMENT = -924;
 constexpr int32 INI_BUFFER_TOO_SMALL = -932;
 
+// ---- names ------------------------------------------------------------------------------------------------
+
+// Whether the first `count` characters of `text` are that name, without regard to case.
+inline bool spells(const char* text, size_t count, const char* name)
+{
+    size_t i = 0;
+    while (i < count && name[i] && upperAscii(text[i]) == upperAscii(name[i]))
+        ++i;
+    return i == count && !name[i];
+}
+
+// A name that is looked for, cut as the cache cuts those that it keeps.
+struct CutName {
+    const char* text;
+    size_t count;
+
+    CutName(const char* name, size_t bytes) : text(name), count(strnlen(name, bytes - 1)) {}
+
+    // Mostly a name is asked for as it is spelled, which is seen at once. `kept` has room for all of `bytes`.
+    bool is(const char* kept) const
+    {
+        return (memcmp(text, kept, count) == 0 && !kept[count]) || spells(text, count, kept);
+    }
+};
+
+// Finds the first element of an array that has a name, as a walk from its first to its last one would. All zero
+// bytes are one without a table. The table is made at the first search, and must be dropped before the array changes;
+// where there is no memory for it, or little to be gained, the array is walked.
+class NameIndex {
+public:
+    template <class T> T* find(T* array, uint16 count, const CutName& wanted);
+    void drop();
+
+private:
+    template <class T> bool build(const T* array, uint16 count);
+    template <class T> uint16* slotOf(const T* array, uint16 count, const CutName& wanted) const;
+
+    uint16* slots_; // the place of an element, counted from 1, or 0; in a table for `count` elements
+};
+
 // ---- the cache, all of it on the global tag and guarded by iniSem -----------------------------------------
 //
 // Arrays grow by one element and never shrink. Elements behind the used ones keep their own arrays for the next
-// reading, and own no long value.
+// reading, and own no long value and no index.
 
 constexpr size_t INI_FILE_NAME_BYTES = 256;
 constexpr size_t INI_NAME_BYTES = 128;
@@ -35,6 +75,7 @@ struct SECINFO {
     uint16 nMaxParms;
     uint16 nNumParms;
     PARMINFO* ParmInfo; // in file order
+    NameIndex parmIndex;
 };
 
 struct INIINFO {
@@ -42,6 +83,7 @@ struct INIINFO {
     uint16 nMaxSecs;
     uint16 nNumSecs;
     SECINFO* SecInfo; // in file order
+    NameIndex secIndex;
 };
 
 struct EKO_INI_GLOBALS {
@@ -62,26 +104,6 @@ inline const char* valueOf(const PARMINFO& parm)
 {
     return parm.allocated ? parm.value : parm.valuebuff;
 }
-
-// ---- names ------------------------------------------------------------------------------------------------
-
-// Whether the first `count` characters of `text` are that name, without regard to case.
-inline bool spells(const char* text, size_t count, const char* name)
-{
-    size_t i = 0;
-    while (i < count && name[i] && upperAscii(text[i]) == upperAscii(name[i]))
-        ++i;
-    return i == count && !name[i];
-}
-
-// A name that is looked for, cut as the cache cuts those that it keeps.
-struct CutName {
-    const char* text;
-    size_t count;
-
-    CutName(const char* name, size_t bytes) : text(name), count(strnlen(name, bytes - 1)) {}
-    bool is(const char* kept) const { return spells(text, count, kept); }
-};
 
 // The file's place in the cache, or null.
 INIINFO* findFile(const EKO_INI_GLOBALS* globals, const char* iniName);

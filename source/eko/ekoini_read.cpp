@@ -250,8 +250,10 @@ void emptyFile(INIINFO* file)
     for (SECINFO* sec = file->SecInfo; sec < file->SecInfo + file->nNumSecs; ++sec) {
         for (PARMINFO* parm = sec->ParmInfo; parm < sec->ParmInfo + sec->nNumParms; ++parm)
             freeLongValue(parm);
+        sec->parmIndex.drop();
         sec->nNumParms = 0;
     }
+    file->secIndex.drop();
     file->nNumSecs = 0;
 }
 
