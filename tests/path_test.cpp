@@ -126,18 +126,28 @@ TEST_F(PathTest, path_stories)
     EXPECT_EQ(get("/m/x"), "1");
 }
 
-// Sizes around a block, in every direction, over every kind of old destination.
+// Sizes around a block, and around what is read at once, in every direction, over every kind of old destination. Only
+// the blocks that it does not hold are written.
 TEST_F(PathTest, path_bytes)
 {
-    for (const uint32 size : {0u, 1u, 1023u, 1024u, 1025u, 4103u})
+    const Text many = readFile("/proc/self/exe");
+    for (const uint32 size : {0u, 1u, 1023u, 1024u, 1025u, 4103u, 65536u, 66666u})
         for (const auto& [a, b] : {std::pair("a", "b"), {"a", "/m/y"}, {"/m/x", "b"}, {"/m/x", "/m/y"}}) {
-            const Text bytes = BYTES.substr(0, size);
-            for (const Text& old : {bytes, bytes + "tail", bytes.substr(0, size / 2), Text(size, '!')}) {
+            const Text bytes = many.substr(0, size);
+            Text speckled = bytes;
+            for (uint32 at = 700; at < size; at += at / 2)
+                speckled[at] ^= 1;
+            for (const Text& old : {bytes, bytes + "tail", bytes.substr(0, size / 2), Text(size, '!'), speckled}) {
+                uint32 missing = 0;
+                for (uint32 at = 0; at < size; at += 1024) {
+                    const uint32 block = std::min(1024u, size - at);
+                    missing += at + block > old.size() || old.compare(at, block, bytes, at, block) != 0;
+                }
                 ASSERT_EQ(put(a, bytes) + put(b, old), 0);
                 EXPECT_EQ(eko_fileCmpEx(a, flagsOf(a), b, flagsOf(b)), old == bytes ? 0 : 1002);
-                CallFault writes("pwrite64", 0, 1024);
+                CallFault writes("pwrite64", 0, 1024); // at a time
                 EXPECT_EQ(eko_fileCopyEx(a, flagsOf(a), b, flagsOf(b)), 0);
-                EXPECT_EQ(writes.calls() == 0, old.substr(0, size) == bytes || flagsOf(b)) << size;
+                EXPECT_EQ(writes.calls(), flagsOf(b) ? 0 : missing) << size;
                 EXPECT_EQ(get(b), bytes);
             }
             EXPECT_EQ(eko_fileMoveEx(a, flagsOf(a), b, flagsOf(b)), 0);
@@ -156,23 +166,30 @@ TEST_F(PathTest, path_faults)
     };
     ASSERT_EQ(put("a", BYTES) + put("b", BYTES), 0);
     for (uint32 k = 0; k < 13; ++k) {
-        EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", EIO, 0, k), k < 5 ? 1002 : 0);
-        EXPECT_EQ(faulty(eko_fileCopy, "c", "pwrite64", EIO, 0, k), k < 5 ? 1002 : 0);
+        EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", EIO, 0, k), k < 1 ? 1002 : 0);
+        EXPECT_EQ(faulty(eko_fileCopy, "c", "pwrite64", EIO, 0, k), k < 1 ? 1002 : 0);
         EXPECT_EQ(faulty(eko_fileCopy, "c", "open64", EMFILE, 0, k), k < 2 ? 1002 : 0);
         EXPECT_EQ(faulty(eko_fileCmp, "b", "open64", EMFILE, 0, k), k == 0 ? 1007 : k == 1 ? 1008 : 0);
-        EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", EIO, 0, k), k < 11 ? 1002 : 0); // but behind the second's end
+        EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", EIO, 0, k), k < 3 ? 1002 : 0); // but behind the second's end
     }
-    EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", 0, 0, 2), 1002); // the source has become shorter
+    EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", 0, 0, 0), 1002); // the source has become shorter
     EXPECT_EQ(faulty(eko_fileCopy, "c", "fstat64", EIO, 0, 0), 1002);
     EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", 0, 100, 0), 0); // blocks in pieces
     EXPECT_EQ(get("c"), BYTES);
-    EXPECT_EQ(faulty(eko_fileCopy, "c", "pwrite64", 0, 100, 1), 1002); // a full disk
+    EXPECT_EQ(faulty(eko_fileCopy, "b", "pread64", 0, 1500, 1), 0); // the destination's break off in the second block
+    EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", 0, 1500, 1), 0);
+    EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", 0, 1000, 1), 1002); // in the first
+    EXPECT_EQ(faulty(eko_fileCopy, "c", "pwrite64", 0, 1124, 0), 1002); // a full disk
     EXPECT_EQ(get("c"), BYTES.substr(0, 1124));
 
     const auto copy = [] { return eko_fileCopy("a", "c"); };
     const auto cmp = [] { return eko_fileCmp("a", "b"); };
-    EXPECT_EQ(exhaust(nullptr, copy), "1002 1002 0 ");
-    EXPECT_EQ(exhaust(nullptr, cmp), "1003 1003 0 ");
+    EXPECT_EQ(exhaust(nullptr, copy, FailNthAlloc::ALL_FROM_THERE), "1002 0 ");
+    EXPECT_EQ(exhaust(nullptr, cmp, FailNthAlloc::ALL_FROM_THERE), "1003 0 ");
+    for (const auto& op : {std::function<int32()>(copy), std::function<int32()>(cmp)}) {
+        const FailNthOnTag readAhead(nullptr, 1);
+        EXPECT_TRUE(op() == 0 && readAhead.fired() && get("c") == BYTES);
+    }
     EXPECT_EQ(exhaust(fileTag(), copy), "1002 1002 1002 1002 0 ");
     EXPECT_EQ(exhaust(fileTag(), cmp), "1007 1007 1008 1008 0 ");
     EXPECT_EQ(exhaust(EKO_THREAD_TAG, [] { return eko_dirCreateAll("d/e/f"); }), "1003 0 ");

@@ -13,7 +13,8 @@ namespace {
 constexpr int32 EKO_NO_FIRST_FILE = 1007; // of a comparison: it cannot be opened
 constexpr int32 EKO_NO_SECOND_FILE = 1008;
 constexpr uint32 OPEN_READ = 0;
-constexpr uint32 BLOCK_BYTES = 1024;
+constexpr uint32 BLOCK_BYTES = 1024;      // compared, and written or not, as one
+constexpr uint32 AHEAD_BYTES = 64 * 1024; // read at once, when there is memory for them
 
 bool inMemory(uint16 xflags)
 {
@@ -25,21 +26,31 @@ bool sameName(const char* src, uint16 src_xflags, const char* dest, uint16 dest_
     return inMemory(src_xflags) == inMemory(dest_xflags) && equalNoCase(src, dest);
 }
 
-// What may be read at `off`: up to the next multiple of a block, also behind a short read. So no block crosses a
-// multiple of 1 MiB, which a write to a mapped file must not do.
-uint32 blockAt(EKO_FILE_OFFSET off)
+uint32 lesser(EKO_FILE_OFFSET a, uint32 b)
 {
-    return BLOCK_BYTES - static_cast<uint32>(off % BLOCK_BYTES);
+    return a < b ? static_cast<uint32>(a) : b;
+}
+
+// The bytes from `off` to the next multiple of `unit`, also behind a short read. As both units divide 1 MiB, nothing
+// crosses a multiple of that, which a write to a mapped file must not do.
+uint32 upToMultiple(EKO_FILE_OFFSET off, uint32 unit)
+{
+    return unit - static_cast<uint32>(off % unit);
 }
 
 // ---- two files side by side -------------------------------------------------------------------------------
 
-// Two open files with a block of each; closed and freed at the end. `result` keeps that memory ran out.
+// Two open files with a piece of each; closed and freed at the end. `result` keeps that memory ran out.
+//
+// A piece is some blocks, read by one call. It is decided on block by block, as if each had been read by itself: where
+// a call brings less than it was asked for, the block that it broke off in is the last one to be decided on, and the
+// next call begins behind that.
 struct FilePair {
     EKO_FH first = nullptr;
     EKO_FH second = nullptr;
-    char* firstBlock = nullptr;
-    char* secondBlock = nullptr;
+    char* firstPiece = nullptr; // the block of memory; the second piece is in it, too
+    char* secondPiece = nullptr;
+    uint32 pieceBytes = 0;
     MemResult* result;
 
     explicit FilePair(MemResult* res) : result(res) {}
@@ -48,8 +59,7 @@ struct FilePair {
     ~FilePair()
     {
         const ErrnoGuard keepErrno;
-        EKO_FREE(secondBlock, EKO_GLOBAL_TAG);
-        EKO_FREE(firstBlock, EKO_GLOBAL_TAG);
+        EKO_FREE(firstPiece, EKO_GLOBAL_TAG);
         eko_fileClose(second);
         eko_fileClose(first);
     }
@@ -62,23 +72,39 @@ struct FilePair {
         return *fh != nullptr;
     }
 
-    bool takeBlocks() { return takeBlock(&firstBlock) && takeBlock(&secondBlock); }
-
-    uint32 readFirst(EKO_FILE_OFFSET off, uint32 size) { return read(first, off, firstBlock, size); }
-    uint32 readSecond(EKO_FILE_OFFSET off, uint32 size) { return read(second, off, secondBlock, size); }
-
-    // Whether the second file has, at `off`, what the first block holds.
-    bool secondHas(EKO_FILE_OFFSET off, uint32 size)
-    {
-        return readSecond(off, size) == size && memcmp(firstBlock, secondBlock, size) == 0;
-    }
-
-    bool writeSecond(EKO_FILE_OFFSET off, uint32 size)
+    bool takePieces()
     {
         MemResult step;
-        const uint32 written = trySeekWrite(second, off, firstBlock, size, &step);
-        note(step);
-        return written == size;
+        if (!takePieces(AHEAD_BYTES, &step) && !takePieces(BLOCK_BYTES, &step))
+            note(step);
+        return firstPiece != nullptr;
+    }
+
+    uint32 readFirst(EKO_FILE_OFFSET off, EKO_FILE_OFFSET most)
+    {
+        return read(first, off, firstPiece, lesser(most, upToMultiple(off, pieceBytes)));
+    }
+    // Answers 0 also where that fails: then the file does not have what the first one has.
+    uint32 readSecond(EKO_FILE_OFFSET off, uint32 size)
+    {
+        const uint32 count = read(second, off, secondPiece, size);
+        return count == EKO_FILE_IO_FAILED ? 0 : count;
+    }
+
+    // Fails where a block is not written whole.
+    bool writeSecond(EKO_FILE_OFFSET off, uint32 at, uint32 end)
+    {
+        while (at < end) {
+            MemResult step;
+            const uint32 written = trySeekWrite(second, off + at, firstPiece + at, end - at, &step);
+            note(step);
+            if (written == 0 || written == EKO_FILE_IO_FAILED)
+                return false;
+            at += written;
+            if (at < end && (off + at) % BLOCK_BYTES != 0)
+                return false;
+        }
+        return true;
     }
 
 private:
@@ -88,18 +114,20 @@ private:
             *result = step;
     }
 
-    bool takeBlock(char** block)
+    bool takePieces(uint32 bytes, MemResult* step)
     {
-        MemResult step;
-        *block = static_cast<char*>(tryGetMem(BLOCK_BYTES, EKO_GLOBAL_TAG, EKO_MEM_PLAIN, nullptr, &step));
-        note(step);
-        return *block != nullptr;
+        firstPiece = static_cast<char*>(tryGetMem(2 * bytes, EKO_GLOBAL_TAG, EKO_MEM_PLAIN, nullptr, step));
+        if (!firstPiece)
+            return false;
+        secondPiece = firstPiece + bytes;
+        pieceBytes = bytes;
+        return true;
     }
 
-    uint32 read(EKO_FH fh, EKO_FILE_OFFSET off, char* block, uint32 size)
+    uint32 read(EKO_FH fh, EKO_FILE_OFFSET off, char* piece, uint32 size)
     {
         MemResult step;
-        const uint32 count = trySeekRead(fh, off, block, size, &step);
+        const uint32 count = trySeekRead(fh, off, piece, size, &step);
         note(step);
         return count;
     }
@@ -107,9 +135,55 @@ private:
 
 // ---- copy -------------------------------------------------------------------------------------------------
 
+// The length of the block at that place of a piece.
+uint32 blockAt(EKO_FILE_OFFSET off, uint32 at, uint32 count)
+{
+    return lesser(count - at, upToMultiple(off + at, BLOCK_BYTES));
+}
+
+// The end of the run of blocks from `at` on that the second file holds, or of those that it does not. Of that file
+// `held` bytes were read.
+uint32 endOfRun(const FilePair& files, EKO_FILE_OFFSET off, uint32 at, uint32 count, uint32 held, bool wanted)
+{
+    while (at < count) {
+        const uint32 block = blockAt(off, at, count);
+        const bool same = at + block <= held && memcmp(files.firstPiece + at, files.secondPiece + at, block) == 0;
+        if (same != wanted)
+            break;
+        at += block;
+    }
+    return at;
+}
+
+// Writes what the second file does not hold of a piece. In memory block by block: there a write is done whole or not
+// at all, so that of a longer one less would be left when memory runs out.
+bool writeMissing(FilePair& files, EKO_FILE_OFFSET off, uint32 count, uint32 held, bool intoMemory)
+{
+    for (uint32 at = 0; at < count;) {
+        at = endOfRun(files, off, at, count, held, true);
+        uint32 end = endOfRun(files, off, at, count, held, false);
+        if (intoMemory && end > at)
+            end = at + blockAt(off, at, count);
+        if (!files.writeSecond(off, at, end))
+            return false;
+        at = end;
+    }
+    return true;
+}
+
+// Copies what can be decided on of a piece of `count` bytes; 0 for a failure.
+uint32 copyPiece(FilePair& files, EKO_FILE_OFFSET off, uint32 count, EKO_FILE_OFFSET oldLength, bool intoMemory)
+{
+    const uint32 wanted = off < oldLength ? lesser(oldLength - off, count) : 0;
+    const uint32 held = wanted ? files.readSecond(off, wanted) : 0;
+    if (held < wanted)
+        count = held + blockAt(off, held, count);
+    return writeMissing(files, off, count, held, intoMemory) ? count : 0;
+}
+
 // The length is taken once: a source that grows meanwhile is copied as far as it went, one that shrinks is a
 // failure.
-int32 copyBlocks(FilePair& files)
+int32 copyPieces(FilePair& files, bool intoMemory)
 {
     errno = 0;
     const EKO_FILE_OFFSET length = eko_fileLength(files.first);
@@ -118,13 +192,11 @@ int32 copyBlocks(FilePair& files)
     const EKO_FILE_OFFSET oldLength = eko_fileLength(files.second);
     uint32 count;
     for (EKO_FILE_OFFSET off = 0; off < length; off += count) {
-        const EKO_FILE_OFFSET left = length - off;
-        const uint32 block = blockAt(off);
-        count = files.readFirst(off, left < block ? static_cast<uint32>(left) : block);
+        count = files.readFirst(off, length - off);
         if (count == 0 || count == EKO_FILE_IO_FAILED)
             return EKO_FAILED;
-        const bool held = off + count <= oldLength && files.secondHas(off, count);
-        if (!held && !files.writeSecond(off, count))
+        count = copyPiece(files, off, count, oldLength, intoMemory);
+        if (count == 0)
             return EKO_FAILED;
     }
     if (eko_fileLength(files.second) == length)
@@ -143,23 +215,35 @@ int32 tryCopy(const char* src, uint16 src_xflags, const char* dest, uint16 dest_
         return EKO_OK;
     FilePair files(result);
     if (!files.open(&files.first, src, OPEN_READ, src_xflags) ||
-        !files.open(&files.second, dest, OPEN_READ_WRITE | OPEN_CREATE, dest_xflags) || !files.takeBlocks())
+        !files.open(&files.second, dest, OPEN_READ_WRITE | OPEN_CREATE, dest_xflags) || !files.takePieces())
         return EKO_FAILED;
-    return copyBlocks(files);
+    return copyPieces(files, inMemory(dest_xflags));
 }
 
 // ---- compare ----------------------------------------------------------------------------------------------
 
-int32 compareBlocks(FilePair& files)
+// Compares what can be decided on of a piece of `count` bytes; 0 where the files differ.
+uint32 comparePiece(FilePair& files, EKO_FILE_OFFSET off, uint32 count)
+{
+    const uint32 held = files.readSecond(off, count);
+    if (held < count) {
+        const auto ofBlock = static_cast<uint32>((off + held) % BLOCK_BYTES);
+        count = held > ofBlock ? held - ofBlock : 0; // only whole blocks: the one that was broken off is missing
+    }
+    return memcmp(files.firstPiece, files.secondPiece, count) == 0 ? count : 0;
+}
+
+int32 comparePieces(FilePair& files)
 {
     EKO_FILE_OFFSET off = 0;
     for (;;) {
-        const uint32 count = files.readFirst(off, blockAt(off));
+        uint32 count = files.readFirst(off, AHEAD_BYTES);
         if (count == EKO_FILE_IO_FAILED)
             return EKO_FAILED;
         if (count == 0)
             break;
-        if (!files.secondHas(off, count))
+        count = comparePiece(files, off, count);
+        if (count == 0)
             return EKO_FAILED;
         off += count;
     }
@@ -182,7 +266,7 @@ int32 tryCmp(const char* src, uint16 src_xflags, const char* dest, uint16 dest_x
         return EKO_NO_FIRST_FILE;
     if (!files.open(&files.second, dest, OPEN_READ, dest_xflags))
         return EKO_NO_SECOND_FILE;
-    return files.takeBlocks() ? compareBlocks(files) : EKO_NO_MEMORY;
+    return files.takePieces() ? comparePieces(files) : EKO_NO_MEMORY;
 }
 
 // ---- move -------------------------------------------------------------------------------------------------

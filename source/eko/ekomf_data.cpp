@@ -7,6 +7,10 @@
 // A level begins at the offset that its segments are large. There, had they all been of its size, the index would
 // be 1; each level below has put 3 more in front.
 //
+// A segment is not zeroed when it is made: what will be written over need not be, and in a large one that is nearly
+// all. Instead the file knows how far it was filled. Behind that it reads as zeros, and a write further behind zeroes
+// what it leaves out. A cut keeps what was filled in the segment that stays last.
+//
 // Everything here runs with the file's mutex held. Offsets and counts are computed in 64 bits, however wide a
 // pointer is.
 
@@ -41,12 +45,19 @@ Place placeOf(EKO_FILE_OFFSET off)
     return {uint64{level} * SEGMENTS_PER_LEVEL + off / size, inSegment, size - inSegment};
 }
 
-uint32 segmentSize(uint32 index)
+uint32 levelOf(uint32 index)
 {
     uint32 level = TOP_LEVEL;
     while (level > 0 && SEGMENTS_PER_LEVEL * level >= index)
         --level;
-    return sizeAtLevel(level);
+    return level;
+}
+
+// Where a segment begins, in the file.
+EKO_FILE_OFFSET startOf(uint32 index)
+{
+    const uint32 level = levelOf(index);
+    return EKO_FILE_OFFSET{index - SEGMENTS_PER_LEVEL * level} * sizeAtLevel(level);
 }
 
 bool extendArray(MF_FILE_ENTRY* file, uint64 count, EKO_MEMTAG tag, MemResult* result)
@@ -67,7 +78,8 @@ bool extendArray(MF_FILE_ENTRY* file, uint64 count, EKO_MEMTAG tag, MemResult* r
 
 bool addSegment(MF_FILE_ENTRY* file, EKO_MEMTAG tag, MemResult* result)
 {
-    void* segment = tryGetMem(segmentSize(file->num_segments), tag, EKO_MEM_ZERO, nullptr, result);
+    const uint32 size = sizeAtLevel(levelOf(file->num_segments));
+    void* segment = tryGetMem(size, tag, EKO_MEM_PLAIN, nullptr, result);
     if (!segment)
         return false;
     file->segments[file->num_segments++] = static_cast<uint8*>(segment);
@@ -92,19 +104,38 @@ int32 adjust_space(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size, EKO_MEMTAG tag, Me
         EKO_FREE(file->segments[--file->num_segments], tag);
         file->segments[file->num_segments] = nullptr;
     }
+    if (file->filled > startOf(file->num_segments))
+        file->filled = startOf(file->num_segments);
     return EKO_OK;
 }
 
 // Calls `move` with each piece of a range: where it lies, and its length.
-template <class Move> void eachPiece(const MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, uint32 size, Move move)
+template <class Move>
+void eachPiece(const MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, EKO_FILE_OFFSET size, Move move)
 {
     while (size > 0) {
         const Place place = placeOf(off);
-        const uint32 count = size < place.room ? size : place.room;
+        const uint32 count = size < place.room ? static_cast<uint32>(size) : place.room;
         move(file->segments[place.index] + place.offset, count);
         off += count;
         size -= count;
     }
+}
+
+// Puts bytes into segments that are there. What the write leaves out in front of it is zeroed.
+void fill(MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, const void* buf, uint32 size)
+{
+    if (size == 0)
+        return;
+    if (off > file->filled)
+        eachPiece(file, file->filled, off - file->filled, [](uint8* at, uint32 count) { memset(at, 0, count); });
+    const auto* from = static_cast<const uint8*>(buf);
+    eachPiece(file, off, size, [&from](uint8* to, uint32 count) {
+        memcpy(to, from, count);
+        from += count;
+    });
+    if (off + size > file->filled)
+        file->filled = off + size;
 }
 
 } // namespace
@@ -118,10 +149,14 @@ uint32 mfReadAt(const MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, void* buf, uint3
     if (size > file->size - off)
         size = static_cast<uint32>(file->size - off);
     auto* to = static_cast<uint8*>(buf);
-    eachPiece(file, off, size, [&to](const uint8* from, uint32 count) {
+    const EKO_FILE_OFFSET left = file->filled > off ? file->filled - off : 0;
+    const uint32 filled = left < size ? static_cast<uint32>(left) : size;
+    eachPiece(file, off, filled, [&to](const uint8* from, uint32 count) {
         memcpy(to, from, count);
         to += count;
     });
+    if (size > filled)
+        memset(to, 0, size - filled);
     return size;
 }
 
@@ -133,11 +168,7 @@ uint32 mfWriteAt(MF_FILE_ENTRY* file, EKO_FILE_OFFSET off, const void* buf, uint
         return EKO_FILE_IO_FAILED;
     if (end > file->size && adjust_space(file, end, tag, result) != EKO_OK)
         return EKO_FILE_IO_FAILED;
-    const auto* from = static_cast<const uint8*>(buf);
-    eachPiece(file, off, size, [&from](uint8* to, uint32 count) {
-        memcpy(to, from, count);
-        from += count;
-    });
+    fill(file, off, buf, size);
     if (end > file->size)
         setSize(file, end);
     setModtime(file, eko_timeSecs());

@@ -57,6 +57,7 @@ struct MF_FILE_ENTRY {
     uint32 num_segments;             // there; `size` may need fewer, after a growth that ran out of memory
     uint32 size_segments;            // room in the array
     uint8** segments;
+    EKO_FILE_OFFSET filled; // bytes in front of it are in the segments, those behind it are zero, whatever is there
     MF_SUBDIR_ENTRY* subdir; // the directory that it was made in, removed or not; set once
     uint32 references;       // atomic: the tree's, one per handle; at 0 the record goes
     bool removed;            // no longer in the tree, and without bytes
