@@ -74,6 +74,9 @@ int32 eko_mpMapView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void** view
 void eko_mpUnmapView(void* view, size_t size);
 void eko_mpFlushView(void* view, size_t size);
 
+// Asks the system for large pages behind a block of memory that nobody has touched yet.
+void mpPreferLargePages(void* mem, size_t size);
+
 // ---- handles (ekofile.cpp) --------------------------------------------------------------------------------
 
 using EKO_MFH = struct MF_FILE_HANDLE*; // an open memory file (ekomf_int.h)

@@ -21,8 +21,9 @@
 namespace {
 
 constexpr uint32 TOP_LEVEL = 5;
-constexpr uint32 SEGMENTS_PER_LEVEL = 3; // that a level adds
-constexpr uint32 SEGMENT_ROUNDING = 10;  // of the array's growth
+constexpr uint32 SEGMENTS_PER_LEVEL = 3;          // that a level adds
+constexpr uint32 LARGE_SEGMENT = 2 * 1024 * 1024; // as large as a large page of most systems
+constexpr uint32 SEGMENT_ROUNDING = 10;           // of the array's growth
 
 constexpr uint32 sizeAtLevel(uint32 level)
 {
@@ -82,6 +83,8 @@ bool addSegment(MF_FILE_ENTRY* file, EKO_MEMTAG tag, MemResult* result)
     void* segment = tryGetMem(size, tag, EKO_MEM_PLAIN, nullptr, result);
     if (!segment)
         return false;
+    if (size >= LARGE_SEGMENT)
+        mpPreferLargePages(segment, size);
     file->segments[file->num_segments++] = static_cast<uint8*>(segment);
     return true;
 }

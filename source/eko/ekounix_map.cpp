@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include "ekofile_int.h"
 
@@ -59,6 +60,19 @@ int32 eko_mpMapView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void** view
     }
     *view = address;
     return EKO_OK;
+}
+
+// Most of what it costs to fill a large block for the first time is a page fault for each 4 KiB. A system without
+// large pages, or without one that is free, goes on as before.
+void mpPreferLargePages(void* mem, size_t size)
+{
+    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto start = reinterpret_cast<uintptr_t>(mem);
+    const uintptr_t firstPage = (start + page - 1) & ~(page - 1);
+    const uintptr_t end = (start + size) & ~(page - 1);
+    const ErrnoGuard keepErrno;
+    if (firstPage < end)
+        madvise(reinterpret_cast<void*>(firstPage), end - firstPage, MADV_HUGEPAGE);
 }
 
 void eko_mpUnmapView(void* view, size_t size)
