@@ -117,8 +117,14 @@ TEST_F(EkoTest, block_classes_are_powers_of_two_in_chunks_of_a_hundred)
     const OwnTag tag(BLOCK_ALLOCATOR);
     Figures want;
     for (size_t size = 32; size <= 8192; size *= 2) {
+        char* before = nullptr;
         for (size_t i = 0; i <= 100; ++i) {
-            memset(tag.take(i % 2 ? size / 2 + 1 : size), 'x', size);
+            char* block = tag.take(i % 2 ? size / 2 + 1 : size);
+            EXPECT_TRUE(block == before - (size + 8) || i % 100 == 0); // from the chunk's end backwards
+            before = block;
+            tag.free(block);
+            EXPECT_EQ(tag.take(size), block);
+            memset(block, 'x', size);
             want.first += size;
             want.second += i % 100 == 0 ? 100 * (size + 8) + 4 * WORD : 0;
             EXPECT_EQ(tag.figures(), want);
@@ -153,6 +159,26 @@ TEST_F(EkoTest, stack_cuts_one_block_behind_the_other)
     EKO_TAG_EMPTY(tag.tag);
     EXPECT_EQ(tag.figures(), Figures(5008 + 2 * 4096, 0)); // the bytes only grow
     EXPECT_DEATH(tag.extend(tag.take(8), 16), "assertion failed: 0\n");
+}
+
+// Requests that leave ends of all lengths behind; each goes to the newest chunk with room.
+TEST_F(EkoTest, stack_asks_the_newest_chunk_first)
+{
+    const OwnTag tag(STACK_ALLOCATOR);
+    std::vector<std::pair<char*, size_t>> chunks; // what is left of each
+    std::mt19937 random(20240229);
+    for (uint32 i = 0; i < 20000; ++i) {
+        const size_t size = (random() % (i % 50 ? 40 : 500)) * 8 + 8;
+        const auto hasRoom = [=](const auto& chunk) { return chunk.second >= size; };
+        const auto chunk = std::find_if(chunks.rbegin(), chunks.rend(), hasRoom);
+        char* block = tag.take(size - random() % 8);
+        if (chunk == chunks.rend()) {
+            chunks.push_back({block + size, 4096 - size});
+        } else {
+            ASSERT_EQ(block, chunk->first) << i;
+            *chunk = {block + size, chunk->second - size};
+        }
+    }
 }
 
 TEST_F(EkoTest, legacy_second_free_is_reported_once)

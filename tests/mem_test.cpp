@@ -154,6 +154,26 @@ TEST(MemStop, calls_back_before_freeing_in_order_of_creation_and_then_nothing_wo
     }
 }
 
+TEST(MemStop, thread_that_outlives_it_gets_another_tag)
+{
+    ASSERT_EQ(eko_init(), 0);
+    std::barrier restart(2);
+    std::thread other([&] {
+        EKO_ALLOC(10, EKO_THREAD_TAG);
+        restart.arrive_and_wait();
+        restart.arrive_and_wait();
+        const int32 alive = memTagsAlive();
+        EXPECT_NE(EKO_ALLOC(10, EKO_THREAD_TAG), nullptr);
+        EXPECT_EQ(memTagsAlive(), alive + 1);
+    });
+    restart.arrive_and_wait();
+    eko_term();
+    ASSERT_EQ(eko_init(), 0);
+    restart.arrive_and_wait();
+    other.join();
+    eko_term();
+}
+
 TEST_F(EkoTest, tag_creation_fails_cleanly_at_every_step)
 {
     eko_releaseTLSTag();

@@ -103,8 +103,8 @@ inline bool giveListed(ALLOCATOR data, void* ptr)
     return true;
 }
 
-void* block_allocator_alloc(size_t size, ALLOCATOR data);
-void* block_allocator_realloc(void* ptr, size_t newsize, ALLOCATOR data);
-void block_allocator_free(void* ptr, ALLOCATOR data);
+[[gnu::visibility("hidden")]] void* block_allocator_alloc(size_t size, ALLOCATOR data);
+[[gnu::visibility("hidden")]] void* block_allocator_realloc(void* ptr, size_t newsize, ALLOCATOR data);
+[[gnu::visibility("hidden")]] void block_allocator_free(void* ptr, ALLOCATOR data);
 
 #endif

@@ -2,26 +2,23 @@
 // free does nothing, extending is not supported.
 //
 // Data    chunk:  | STACK_CHUNK_HDR | used ... offset | left |
-//         partial_chunks have room left, full_chunks none; a chunk moves once, from the first list to the second.
+//         partial_chunks have room left, full_chunks none; a chunk moves once, from the first to the second.
+//
+//         A request is served by the newest partial chunk that has room for it. Chunks with a few bytes left stay
+//         partial for ever, so these are not a list but a tree, in which that one is found without a look at the
+//         others: from the newest to the oldest in order, and in no place more room than in the one above it.
+//
+//                    80             the newest with room for 24: from 80 on to the newer 32, whose newer 16 is
+//             newer /  | older      too small
+//                 32   80
+//                / |    |
+//              16  24   8
+//
 // Locks   none; the tag's mutex.
 
-#include "ekomem_int.h"
+#include "eko_stack_allocator.h"
 
 namespace {
-
-struct STACK_CHUNK_HDR {
-    STACK_CHUNK_HDR* prev;
-    STACK_CHUNK_HDR* next;
-    uint32 offset; // bytes used behind this header
-    uint32 left;   // bytes still free
-};
-
-struct STACK_ALLOCATOR_ENTRY {
-    STACK_CHUNK_HDR* partial_chunks;
-    STACK_CHUNK_HDR* full_chunks;
-    size_t blocksize; // least chunk payload
-    EKO_TAG_MEM_INFO mem_info;
-};
 
 constexpr size_t CHUNK_HDR = sizeof(STACK_CHUNK_HDR);
 constexpr size_t BLOCKSIZE = 4096;
@@ -34,21 +31,74 @@ STACK_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
     return static_cast<STACK_ALLOCATOR_ENTRY*>(alctr);
 }
 
-void pushChunk(STACK_CHUNK_HDR** list, STACK_CHUNK_HDR* chunk)
+// ---- the tree of partial chunks ---------------------------------------------------------------------------
+
+// The link to the newest chunk with that much room, or null. While a newer one has room, it is that one or one still
+// newer: what else is below has less room or is older.
+STACK_CHUNK_HDR** newestWithRoom(STACK_CHUNK_HDR** root, size_t size)
 {
-    chunk->prev = nullptr;
-    chunk->next = *list;
-    if (chunk->next)
-        chunk->next->prev = chunk;
-    *list = chunk;
+    STACK_CHUNK_HDR** at = root;
+    if (!*at || (*at)->left < size)
+        return nullptr;
+    while ((*at)->newer && (*at)->newer->left >= size)
+        at = &(*at)->newer;
+    return at;
 }
 
-void unlinkChunk(STACK_CHUNK_HDR** list, STACK_CHUNK_HDR* chunk)
+uint32 roomOf(const STACK_CHUNK_HDR* chunk)
 {
-    (chunk->prev ? chunk->prev->next : *list) = chunk->next;
-    if (chunk->next)
-        chunk->next->prev = chunk->prev;
+    return chunk ? chunk->left : 0;
 }
+
+// Puts the newer one below a chunk in its place; keeps the order. Answers the chunk's new link.
+STACK_CHUNK_HDR** raiseNewer(STACK_CHUNK_HDR** at)
+{
+    STACK_CHUNK_HDR* chunk = *at;
+    STACK_CHUNK_HDR* raised = chunk->newer;
+    chunk->newer = raised->older;
+    raised->older = chunk;
+    *at = raised;
+    return &raised->older;
+}
+
+STACK_CHUNK_HDR** raiseOlder(STACK_CHUNK_HDR** at)
+{
+    STACK_CHUNK_HDR* chunk = *at;
+    STACK_CHUNK_HDR* raised = chunk->older;
+    chunk->older = raised->newer;
+    raised->newer = chunk;
+    *at = raised;
+    return &raised->newer;
+}
+
+// Moves a chunk that has less room than before down to where it belongs. A newer one with as much room stands above
+// it: so no way along newer ones, which is what is searched, is longer than there are different amounts of room.
+STACK_CHUNK_HDR** sink(STACK_CHUNK_HDR** at)
+{
+    for (;;) {
+        const STACK_CHUNK_HDR* chunk = *at;
+        const uint32 newer = roomOf(chunk->newer);
+        const uint32 older = roomOf(chunk->older);
+        if (chunk->newer && newer >= chunk->left && newer >= older)
+            at = raiseNewer(at);
+        else if (older > chunk->left)
+            at = raiseOlder(at);
+        else
+            return at;
+    }
+}
+
+// Takes the newest chunk out.
+STACK_CHUNK_HDR* removeNewest(STACK_CHUNK_HDR** root)
+{
+    while ((*root)->newer)
+        raiseNewer(root);
+    STACK_CHUNK_HDR* chunk = *root;
+    *root = chunk->older;
+    return chunk;
+}
+
+// ---- chunks -----------------------------------------------------------------------------------------------
 
 STACK_CHUNK_HDR* create_new_chunk(STACK_ALLOCATOR_ENTRY* alctr, size_t size)
 {
@@ -61,38 +111,32 @@ STACK_CHUNK_HDR* create_new_chunk(STACK_ALLOCATOR_ENTRY* alctr, size_t size)
         return nullptr;
     chunk->offset = 0;
     chunk->left = static_cast<uint32>(payload);
-    pushChunk(&alctr->partial_chunks, chunk);
+    chunk->newer = nullptr;
+    chunk->older = alctr->partial_chunks;
+    alctr->partial_chunks = chunk; // it has at least as much room as any other
     return chunk;
 }
 
-STACK_CHUNK_HDR* chunkWithRoom(STACK_ALLOCATOR_ENTRY* alctr, size_t size)
+// The link to the chunk that serves a request; null when there is none.
+STACK_CHUNK_HDR** chunkWithRoom(STACK_ALLOCATOR_ENTRY* alctr, size_t size)
 {
-    for (STACK_CHUNK_HDR* chunk = alctr->partial_chunks; chunk; chunk = chunk->next) {
-        if (chunk->left >= size)
-            return chunk;
-    }
-    return create_new_chunk(alctr, size);
+    STACK_CHUNK_HDR** at = newestWithRoom(&alctr->partial_chunks, size);
+    if (at)
+        return at;
+    return create_new_chunk(alctr, size) ? &alctr->partial_chunks : nullptr;
 }
 
-void* allocate_from_this_chunk(STACK_ALLOCATOR_ENTRY* alctr, STACK_CHUNK_HDR* chunk, size_t size)
+void* allocate_from_this_chunk(STACK_ALLOCATOR_ENTRY* alctr, STACK_CHUNK_HDR** at, size_t size)
 {
-    void* block = reinterpret_cast<char*>(chunk) + CHUNK_HDR + chunk->offset;
-    chunk->offset += static_cast<uint32>(size);
-    chunk->left -= static_cast<uint32>(size);
-    if (chunk->left == 0) {
-        unlinkChunk(&alctr->partial_chunks, chunk);
-        pushChunk(&alctr->full_chunks, chunk);
+    STACK_CHUNK_HDR* chunk = *at;
+    void* block = cutFrom(alctr, chunk, static_cast<uint32>(size));
+    at = sink(at);
+    if (chunk->left == 0) { // then nothing is below it
+        *at = nullptr;
+        chunk->older = alctr->full_chunks;
+        alctr->full_chunks = chunk;
     }
     return block;
-}
-
-void freeChunks(STACK_ALLOCATOR_ENTRY* alctr, STACK_CHUNK_HDR** list)
-{
-    while (*list) {
-        STACK_CHUNK_HDR* chunk = *list;
-        *list = chunk->next;
-        eko_freeLargeBlock(chunk, &alctr->mem_info.capacity);
-    }
 }
 
 // ---- slots of the table -----------------------------------------------------------------------------------
@@ -102,17 +146,20 @@ void stack_allocator_destroy(ALLOCATOR alctr)
     eko_freeSmallBlock(alctr);
 }
 
+} // namespace
+
 void* stack_allocator_alloc(size_t size, ALLOCATOR data)
 {
     STACK_ALLOCATOR_ENTRY* alctr = stateOf(data);
     if (!roundUp(size, BLOCK_ALIGNMENT, &size))
         return nullptr;
-    STACK_CHUNK_HDR* chunk = chunkWithRoom(alctr, size);
-    if (!chunk)
+    STACK_CHUNK_HDR** at = chunkWithRoom(alctr, size);
+    if (!at)
         return nullptr;
-    eko_inc_mem_info(&alctr->mem_info.bytes, size);
-    return allocate_from_this_chunk(alctr, chunk, size);
+    return allocate_from_this_chunk(alctr, at, size);
 }
+
+namespace {
 
 void* stack_allocator_realloc(void*, size_t, ALLOCATOR)
 {
@@ -122,12 +169,18 @@ void* stack_allocator_realloc(void*, size_t, ALLOCATOR)
 
 void stack_allocator_free(void*, ALLOCATOR) {}
 
-// The bytes figure stays as it is: it only grows.
+// Each kind from the newest chunk to the oldest: the order in which large blocks come back decides which ones are
+// handed out next. The bytes figure stays as it is: it only grows.
 void stack_allocator_free_all(ALLOCATOR data)
 {
     STACK_ALLOCATOR_ENTRY* alctr = stateOf(data);
-    freeChunks(alctr, &alctr->partial_chunks);
-    freeChunks(alctr, &alctr->full_chunks);
+    while (alctr->partial_chunks)
+        eko_freeLargeBlock(removeNewest(&alctr->partial_chunks), &alctr->mem_info.capacity);
+    while (alctr->full_chunks) {
+        STACK_CHUNK_HDR* chunk = alctr->full_chunks;
+        alctr->full_chunks = chunk->older;
+        eko_freeLargeBlock(chunk, &alctr->mem_info.capacity);
+    }
 }
 
 void stack_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
@@ -140,9 +193,11 @@ void stack_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
 #if EKO_CHECKED
 static bool holds(const STACK_CHUNK_HDR* chunk, const void* ptr)
 {
-    while (chunk && !within(ptr, chunk, CHUNK_HDR + chunk->offset))
-        chunk = chunk->next;
-    return chunk != nullptr;
+    for (; chunk; chunk = chunk->older) {
+        if (within(ptr, chunk, CHUNK_HDR + chunk->offset) || (chunk->left && holds(chunk->newer, ptr)))
+            return true;
+    }
+    return false;
 }
 
 bool stack_allocator_owns(ALLOCATOR alctr, const void* ptr)

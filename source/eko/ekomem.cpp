@@ -16,6 +16,7 @@
 #include <string.h>
 
 #include "eko_block_allocator.h"
+#include "eko_stack_allocator.h"
 #include "ekolog_int.h"
 
 // What the list allocator's state needs, seen from here as raw storage.
@@ -583,21 +584,15 @@ void eko_releaseTLSTag(void)
 
 // ---- blocks -----------------------------------------------------------------------------------------------
 //
-// Most requests are plain ones on a tag without a mutex, met by a list of its block allocator. They are tried first,
-// and do there what the general way would do. Whatever is different about a request, it goes the general way.
+// Most requests are plain ones on a tag without a mutex, met by a list of the block allocator or by the top chunk of the
+// stack allocator. They are tried first, and do there what the general way would do. Whatever is different about a
+// request, it goes the general way.
 
 namespace {
 
 bool isUnlocked(const TAG_ENTRY* tag)
 {
     return tag && tag->t_sem == EKO_SEM_INVALID;
-}
-
-void* takeAtHand(size_t size, EKO_MEMTAG tt)
-{
-    TAG_ENTRY* tag = tagAtHand(tt);
-    const bool usual = isUnlocked(tag) && tag->t_fcns.alloc_fcn == block_allocator_alloc;
-    return usual ? takeListed(tag->t_allocator, size) : nullptr;
 }
 
 bool giveAtHand(void* ptr, EKO_MEMTAG tt)
@@ -615,7 +610,7 @@ bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
     return usual && ptr && newsize && owns(tag, ptr) && blockHeaderOf(const_cast<void*>(ptr))->hdr.size >= newsize;
 }
 
-// Out of line, so that the usual way saves no registers for it.
+// Out of line, so that the usual way saves no registers for these.
 [[gnu::noinline]] void* getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file,
                                uint32 line)
 {
@@ -624,6 +619,12 @@ bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
     if (!block)
         memFail(result, tt, file, line);
     return block;
+}
+
+[[gnu::noinline]] void* getMemFromStack(size_t size, TAG_ENTRY* tag, EKO_MEMTAG tt, const char* file, uint32 line)
+{
+    void* block = takeFromTop(tag->t_allocator, size);
+    return block ? block : getMem(size, tt, EKO_MEM_PLAIN, nullptr, file, line);
 }
 
 [[gnu::noinline]] void freeMem(void* ptr, EKO_MEMTAG tt)
@@ -643,8 +644,15 @@ bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
 
 void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file, uint32 line)
 {
-    void* block = mode == EKO_MEM_PLAIN ? takeAtHand(size, tt) : nullptr;
-    return block ? block : getMem(size, tt, mode, data, file, line);
+    TAG_ENTRY* tag = mode == EKO_MEM_PLAIN ? tagAtHand(tt) : nullptr;
+    if (isUnlocked(tag)) {
+        if (tag->t_fcns.alloc_fcn == stack_allocator_alloc)
+            return getMemFromStack(size, tag, tt, file, line);
+        const bool usual = tag->t_fcns.alloc_fcn == block_allocator_alloc;
+        if (void* block = usual ? takeListed(tag->t_allocator, size) : nullptr)
+            return block;
+    }
+    return getMem(size, tt, mode, data, file, line);
 }
 
 void* eko_extendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, int32 clear, size_t incsize, const char* file,
