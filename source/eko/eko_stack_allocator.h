@@ -1,0 +1,46 @@
+// eko_stack_allocator.h - inside the memory modules: the way that most requests take through the stack allocator, for
+// the tag layer to take without a call. What it leaves out is in the module.
+#ifndef EKO_EKO_STACK_ALLOCATOR_H
+#define EKO_EKO_STACK_ALLOCATOR_H
+
+#include "ekomem_int.h"
+
+struct STACK_CHUNK_HDR {
+    STACK_CHUNK_HDR* newer; // partial: the newer ones below it in the tree, each with less room than this
+    STACK_CHUNK_HDR* older; // partial: the older ones, none with more room; full: the next in the list
+    uint32 offset;          // bytes used behind this header
+    uint32 left;            // bytes still free
+};
+
+struct STACK_ALLOCATOR_ENTRY {
+    STACK_CHUNK_HDR* partial_chunks; // root of the tree
+    STACK_CHUNK_HDR* full_chunks;
+    size_t blocksize; // least chunk payload
+    EKO_TAG_MEM_INFO mem_info;
+};
+
+// The next bytes of a chunk that has them, a multiple of 8.
+inline void* cutFrom(STACK_ALLOCATOR_ENTRY* alctr, STACK_CHUNK_HDR* chunk, uint32 size)
+{
+    void* block = reinterpret_cast<char*>(chunk + 1) + chunk->offset;
+    chunk->offset += size;
+    chunk->left -= size;
+    eko_inc_mem_info(&alctr->mem_info.bytes, size);
+    return block;
+}
+
+// A block from the chunk on top of the tree, if that is the newest of all and stays where it is; else null.
+inline void* takeFromTop(ALLOCATOR data, size_t size)
+{
+    auto* alctr = static_cast<STACK_ALLOCATOR_ENTRY*>(data);
+    STACK_CHUNK_HDR* top = alctr->partial_chunks;
+    if (!top || top->newer || size >= top->left)
+        return nullptr;
+    const uint32 rounded = static_cast<uint32>(size + (BLOCK_ALIGNMENT - 1)) & ~uint32{BLOCK_ALIGNMENT - 1};
+    const uint32 least = top->older ? top->older->left : 1; // with none left a chunk is not partial any more
+    return top->left - rounded >= least && top->left > rounded ? cutFrom(alctr, top, rounded) : nullptr;
+}
+
+[[gnu::visibility("hidden")]] void* stack_allocator_alloc(size_t size, ALLOCATOR data);
+
+#endif
