@@ -1,7 +1,8 @@
 // The formatter: its departures from C by literals, everything else against the C library. No locale needs to be
 // installed: the tests choose its conventions.
-// LINK: --wrap=localeconv
+// LINK: --wrap=nl_langinfo
 #include <float.h>
+#include <langinfo.h>
 #include <limits.h>
 #include <locale.h>
 #include <math.h>
@@ -18,10 +19,10 @@
 static struct lconv locale = {}; // what the library finds: nothing, which is a point and commas
 static int localeReads = 0;
 
-EKO_WRAP(struct lconv*, localeconv, (void))
+EKO_WRAP(char*, nl_langinfo, (nl_item item))
 {
     ++localeReads;
-    return &locale;
+    return item == RADIXCHAR ? locale.decimal_point : locale.thousands_sep;
 }
 
 namespace {
@@ -216,10 +217,11 @@ TEST(FormatLocale, groups_digits_and_counts_separators_against_the_precision)
     EXPECT_EQ(text("%'9.1f|%'-9.1f|%'09.1f", 1234.5, 1234.5, 1234.5), "  1,234.5|1,234.5  |001,234.5");
     EXPECT_EQ(text("%'.10d|%'12.10d|%'14.10d", 1234567, 1234567, 1234567), "01,234,567|01,234,567|  01,234,567");
     EXPECT_EQ(text("[%'.0d][%'3.0d]", 0, 0), "[][   ]"); // no digits, no separators: not one less than none
+    use(".", "");
     localeReads = 0;
     text("%d %x %s %p %c %.0f %g %f", 1, 2, "3", "4", 5, 6.0, 7.0, double(NAN));
     text("%'.1f %'d %.1f", 1234.5, 1234567, 1.5);
-    EXPECT_EQ(localeReads, 3); // once a directive, and only when it is needed
+    EXPECT_EQ(localeReads, 4); // each text at most once a directive, and only when it is needed
 }
 
 TEST(Format, cuts_at_every_size)

@@ -1,13 +1,14 @@
 // The wide formatter: held against the narrow one, and what only it has.
-// LINK: --wrap=localeconv
+// LINK: --wrap=nl_langinfo
 #include "support/faults.h"
 #include "support/fixture.h"
+#include <langinfo.h>
 #include <locale.h>
 
 static struct lconv locale = {}; // what the library finds: a point and commas at first
-EKO_WRAP(struct lconv*, localeconv, (void))
+EKO_WRAP(char*, nl_langinfo, (nl_item item))
 {
-    return &locale;
+    return item == RADIXCHAR ? locale.decimal_point : locale.thousands_sep;
 }
 
 // A call that takes an argument list, as one that takes arguments.

@@ -44,14 +44,14 @@ inline constexpr CONVERSION_ROW CONVERSION_ROWS[] = {
     {"u", {K_INTEGER, 10, F_UNSIGNED}},
     {"x", {K_INTEGER, 16, F_UNSIGNED}},
     {"X", {K_INTEGER, 16, F_UNSIGNED | F_UPPER}},
-    {"e", {K_FLOAT, 0, F_ESTYLE}},
-    {"E", {K_FLOAT, 0, F_ESTYLE | F_UPPER}},
-    {"g", {K_FLOAT, 0, F_GSTYLE}},
-    {"G", {K_FLOAT, 0, F_GSTYLE | F_UPPER}},
+    {"e", {K_FLOAT, 10, F_ESTYLE}},
+    {"E", {K_FLOAT, 10, F_ESTYLE | F_UPPER}},
+    {"g", {K_FLOAT, 10, F_GSTYLE}},
+    {"G", {K_FLOAT, 10, F_GSTYLE | F_UPPER}},
     // DELIBERATE: a is f. There is no hexadecimal output of floats and callers rely on a readable number.
     // Pinned by Format.floats_depart_from_c.
-    {"fa", {K_FLOAT, 0, 0}},
-    {"FA", {K_FLOAT, 0, F_UPPER}},
+    {"fa", {K_FLOAT, 10, 0}},
+    {"FA", {K_FLOAT, 10, F_UPPER}},
 };
 
 // The rows by character, so that a directive finds its own in one step.
@@ -232,7 +232,7 @@ template <class C> bool putString(FormatCtx<C>& ctx)
 // ---- the count, in eko_format.cpp -----------------------------------------------------------------------
 
 // Stores the characters produced so far through the directive's argument.
-void storeCount(const Directive& ctx, size_t count, va_list& args);
+void storeCount(const Directive& ctx, size_t count, Arguments& args);
 
 // ---- the walk -------------------------------------------------------------------------------------------
 
@@ -264,36 +264,45 @@ template <class C> bool convert(FormatCtx<C>& ctx, KIND kind)
     return true;
 }
 
-// Handles what follows a '%' and moves the cursor behind it. False when the directive fails.
-template <class C> bool putDirective(StrCtx<C>& sink, const C** fmt)
+template <class C> inline const CONVERSION& conversionFor(C letter)
 {
-    FormatCtx<C> ctx = {};
-    ctx.precision = NO_PRECISION;
-    ctx.sctx = &sink;
-    ctx.fmt = *fmt;
+    static constexpr CONVERSION NONE = {K_UNKNOWN, 0, 0};
+    return letter < 0 || letter > 127 ? NONE : CONVERSIONS.of[static_cast<uint8>(letter)];
+}
+
+// Flags, width, precision and modifier; false when a number does not fit.
+template <class C> bool parseDirective(FormatCtx<C>& ctx)
+{
     parseFlags(ctx);
     if (!parseWidth(ctx) || !parsePrecision(ctx))
         return false;
     parseModifier(ctx);
+    return true;
+}
 
-    const C letter = *ctx.fmt;
-    if (letter != 0)
+// Handles what follows a '%' and moves the cursor behind it. False when the directive fails.
+template <class C> inline bool putDirective(StrCtx<C>& sink, const C** fmt)
+{
+    FormatCtx<C> ctx(sink, *fmt);
+    const CONVERSION* conversion = &conversionFor(*ctx.fmt);
+    if (conversion->kind == K_UNKNOWN) { // most directives are a letter, and no letter begins anything else
+        if (!parseDirective(ctx))
+            return false;
+        conversion = &conversionFor(*ctx.fmt);
+    }
+    if (*ctx.fmt != 0)
         ++ctx.fmt; // whatever it is; but a format that ends inside a directive ends there
     *fmt = ctx.fmt;
-    if (letter < 0 || letter > 127)
-        return true;
-    const CONVERSION& conversion = CONVERSIONS.of[static_cast<uint8>(letter)];
-    ctx.base = conversion.base;
-    ctx.flags |= conversion.flags;
-    return convert(ctx, conversion.kind);
+    ctx.base = conversion->base;
+    ctx.flags |= conversion->flags;
+    return convert(ctx, conversion->kind);
 }
 
 template <class C> bool walkFormat(StrCtx<C>& sink, const C* fmt)
 {
     for (;;) {
         const C* const run = fmt;
-        while (*fmt != 0 && *fmt != '%')
-            ++fmt;
+        fmt = FormatTraits<C>::runEnd(fmt);
         if (fmt > run)
             putText(sink, run, static_cast<size_t>(fmt - run));
         if (*fmt == 0)
@@ -304,28 +313,26 @@ template <class C> bool walkFormat(StrCtx<C>& sink, const C* fmt)
     }
 }
 
-// Formats into a sink. Returns what the exported calls return. `args` itself is not used up, so that it serves
-// for measuring and then for writing.
-template <class C> int formatInto(StrCtx<C>& sink, const C* fmt, va_list args)
+// Formats into a sink, with its arguments. Returns what the exported calls return.
+template <class C> int formatInto(StrCtx<C>& sink, const C* fmt)
 {
-    va_copy(sink.args, args); // a va_list parameter can be a pointer, a member is a list of its own
     const bool done = walkFormat(sink, fmt);
-    va_end(sink.args);
     terminate(sink);
     return done && sink.len < INT32_MAX ? static_cast<int>(sink.len) : -1;
 }
 
+// As the exported calls; uses the arguments up.
 template <class C> int formatV(C* str, size_t size, const C* fmt, va_list args)
 {
-    StrCtx<C> sink = {};
-    sink.str = str;
-    sink.size = str ? size : 0;
-    return formatInto(sink, fmt, args);
+    StrCtx<C> sink(str, size, args);
+    return formatInto(sink, fmt);
 }
 
 // ---- new and longer strings -----------------------------------------------------------------------------
 // tryAppend is quiet, for the exported calls to report when no argument list is open any more: memFail may leave
 // by longjmp.
+
+constexpr size_t SHORT_TEXT = 512; // characters that are formatted once, and copied when their block is there
 
 // The bytes of a string of old + added characters and its terminator; false when that wraps.
 template <class C> inline bool bytesFor(size_t old, int added, size_t* bytes)
@@ -334,38 +341,49 @@ template <class C> inline bool bytesFor(size_t old, int added, size_t* bytes)
     return addSize(old, static_cast<size_t>(added) + 1, &chars) && !__builtin_mul_overflow(chars, sizeof(C), bytes);
 }
 
-// The length of the text to append to `str`, or -1.
-template <class C> int measureFor(const C* str, size_t oldLen, const C* fmt, va_list args)
+// The length of the text to append to `str`, or -1; the text is in `text` if it fits there.
+template <class C> int formatBeside(C* text, size_t size, const C* str, size_t oldLen, const C* fmt, va_list args)
 {
-    StrCtx<C> sink = {};
+    StrCtx<C> sink(text, size, args);
 #if EKO_CHECKED
     sink.extended = str;
     sink.extendedLen = oldLen;
 #else
     (void)str, (void)oldLen;
 #endif
-    return formatInto(sink, fmt, args);
+    return formatInto(sink, fmt);
 }
 
-// The string `str`, or an empty one for null, with the formatted text behind it.
-template <class C> C* tryAppend(EKO_MEMTAG tag, const C* str, const C* fmt, va_list args, MemResult* result)
+// The string's block with room for `added` characters more, or a new one for null.
+template <class C> C* tryMakeRoom(EKO_MEMTAG tag, const C* str, size_t oldLen, int added, MemResult* result)
 {
-    *result = MemResult::refused;
-    const size_t oldLen = str ? lengthOf(str) : 0;
-    const int added = measureFor(str, oldLen, fmt, args);
-    if (added < 0)
-        return nullptr;
     size_t bytes;
     if (!bytesFor<C>(oldLen, added, &bytes)) {
         *result = MemResult::exhausted;
         return nullptr;
     }
-    void* const block =
-        str ? tryExtendMem(str, bytes, tag, result) : tryGetMem(bytes, tag, EKO_MEM_PLAIN, nullptr, result);
-    if (!block)
-        return nullptr;
-    C* const longer = static_cast<C*>(block);
-    formatV(longer + oldLen, static_cast<size_t>(added) + 1, fmt, args);
+    return static_cast<C*>(str ? tryExtendMem(str, bytes, tag, result)
+                               : tryGetMem(bytes, tag, EKO_MEM_PLAIN, nullptr, result));
+}
+
+// The string `str`, or an empty one for null, with the formatted text behind it. Uses the arguments up.
+template <class C> C* tryAppend(EKO_MEMTAG tag, const C* str, const C* fmt, va_list args, MemResult* result)
+{
+    *result = MemResult::refused;
+    C text[SHORT_TEXT];
+    va_list again;
+    va_copy(again, args);
+    const size_t oldLen = str ? lengthOf(str) : 0;
+    const int added = formatBeside(text, SHORT_TEXT, str, oldLen, fmt, args);
+    C* const longer = added < 0 ? nullptr : tryMakeRoom(tag, str, oldLen, added, result);
+    if (longer) {
+        const size_t size = static_cast<size_t>(added) + 1;
+        if (size <= SHORT_TEXT)
+            copyChars(longer + oldLen, text, size);
+        else
+            formatV(longer + oldLen, size, fmt, again);
+    }
+    va_end(again);
     return longer;
 }
 

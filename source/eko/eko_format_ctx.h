@@ -1,21 +1,26 @@
 // eko_format_ctx.h - what one formatting call works on: the sink, the directive, and how text gets into the sink.
 //
-// What depends on the character type C, char or wchar_t, is a template over it; lengths are in characters. Digits,
-// signs, prefixes and words are ASCII, kept as bytes and widened on their way into a wide sink; so what lays fields
-// out is compiled once, in eko_format.cpp. What else differs between the two types is in FormatTraits<C>, which the
-// module that instantiates the engine provides:
+// What depends on the character type C, char or wchar_t, is a template over it; lengths are in characters. Signs,
+// prefixes and words are ASCII, kept as bytes and widened on their way into a wide sink. What else differs between the
+// two types is in FormatTraits<C>, which the module that instantiates the engine provides:
 //
-//      using Locale = ...;                        the locale's conventions, read when first needed; {} is unread
+//      struct Locale;                             the locale's conventions, read when first needed; made unread
 //      static const C* decimalPoint(Locale&);     null when the locale gives none
 //      static const C* thousandsSep(Locale&);
 //      static constexpr bool CONVERTS_BYTES;      whether %hs takes UTF-8 and converts it
+//      static const C* runEnd(const C* fmt);      the next '%', or the end of the format
+//
+// Every directive of every call passes here. So its pieces are written in place where they fit, as blocks, and small
+// ones without a call; which bytes are stored and counted is the same for all ways.
 #ifndef EKO_EKO_FORMAT_CTX_H
 #define EKO_EKO_FORMAT_CTX_H
 
 #include <string.h>
 #include <wchar.h>
 
-#include "ekoint.h"
+#include <type_traits>
+
+#include "eko_format_digits.h"
 
 template <class C> struct FormatTraits;
 
@@ -33,31 +38,39 @@ constexpr uint16 F_ESTYLE = 0x200;   // %e
 constexpr uint16 F_POINTER = 0x400;  // prefix as for F_ALT
 
 constexpr int32 NO_PRECISION = -1;
-constexpr size_t MAX_DIGITS = 43; // of one number; 64 bits in octal have 22
+constexpr int32 MAX_DIGITS = 43; // written at once, with the zeros in front of them; 64 bits in octal have 22
+
+// A va_list as a parameter has it: where the type is an array, that is the address of the caller's, whose arguments
+// are thus used up without being copied first.
+using Arguments = std::decay_t<va_list>;
 
 // The output of one call.
 template <class C> struct StrCtx {
-    C* str;      // the caller's buffer, null for a sizing pass
-    size_t len;  // characters produced so far, those that did not fit included; stays at SIZE_MAX when beyond
-    size_t size; // characters in `str`, the terminator's included; 0 when it is null
-    va_list args;
+    StrCtx(C* buffer, size_t bufferSize, va_list list) : str(buffer), size(buffer ? bufferSize : 0), args(list) {}
+
+    C* str;         // the caller's buffer, null for a sizing pass
+    size_t len = 0; // characters produced so far, those that did not fit included; stays at SIZE_MAX when beyond
+    size_t size;    // characters in `str`, the terminator's included; 0 when it is null
+    Arguments args;
 #if EKO_CHECKED
-    const C* extended; // the string that is being appended to, or null, and its length: no argument may lie in it
-    size_t extendedLen;
+    const C* extended = nullptr; // the string that is being appended to, and its length: no argument may lie in it
+    size_t extendedLen = 0;
 #endif
 };
 
 // What a directive says.
 struct Directive {
-    uint16 flags;
-    CONV conv;
-    uint32 base; // 8, 10, 16
-    int32 width;
-    int32 precision; // NO_PRECISION when none was given
+    uint16 flags = 0;
+    CONV conv = C_DEFAULT;
+    uint32 base = 0; // 8, 10, 16
+    int32 width = 0;
+    int32 precision = NO_PRECISION; // NO_PRECISION when none was given
 };
 
 // One directive and what it works with.
 template <class C> struct FormatCtx : Directive {
+    FormatCtx(StrCtx<C>& sink, const C* directive) : sctx(&sink), fmt(directive) {}
+
     StrCtx<C>* sctx;
     const C* fmt; // cursor in the format
     typename FormatTraits<C>::Locale lc;
@@ -126,18 +139,40 @@ template <class C> inline size_t fitting(const StrCtx<C>& sink, size_t n)
     return n < room ? n : room;
 }
 
-template <class C> inline void putText(StrCtx<C>& sink, const C* text, size_t n)
+// memcpy, without a call for the few bytes that most pieces have: they are taken whole before any is stored.
+inline void copyChars(char* to, const char* from, size_t n)
 {
-    if (const size_t stored = fitting(sink, n))
-        memcpy(sink.str + sink.len, text, stored * sizeof(C));
-    countOut(sink, n);
+    const auto copyEnds = [=](auto first, auto last) { // which may overlap
+        memcpy(&first, from, sizeof(first));
+        memcpy(&last, from + n - sizeof(last), sizeof(last));
+        memcpy(to, &first, sizeof(first));
+        memcpy(to + n - sizeof(last), &last, sizeof(last));
+    };
+    if (n > 16)
+        memcpy(to, from, n);
+    else if (n >= 8)
+        copyEnds(uint64{}, uint64{});
+    else if (n >= 4)
+        copyEnds(uint32{}, uint32{});
+    else
+        for (size_t i = 0; i < n; ++i)
+            to[i] = from[i];
 }
-
-// ASCII, widened.
-inline void putText(StrCtx<wchar_t>& sink, const char* text, size_t n)
+inline void copyChars(wchar_t* to, const wchar_t* from, size_t n)
+{
+    wmemcpy(to, from, n);
+}
+inline void copyChars(wchar_t* to, const char* from, size_t n) // ASCII, widened
 {
     for (size_t i = 0; i < n; ++i)
-        putChar(sink, wchar_t{text[i]});
+        to[i] = from[i];
+}
+
+template <class C, class T> inline void putText(StrCtx<C>& sink, const T* text, size_t n)
+{
+    if (const size_t stored = fitting(sink, n))
+        copyChars(sink.str + sink.len, text, stored);
+    countOut(sink, n);
 }
 
 // n copies of c; nothing when n is 0 or below, which is how padding that belongs on the other side says so.
@@ -153,20 +188,16 @@ template <class C> inline void putCopies(StrCtx<C>& sink, C c, int32 n)
     countOut(sink, static_cast<size_t>(n));
 }
 
-// n digits that are stored last one first; nothing when n is 0 or below.
-template <class C> inline void putReversed(StrCtx<C>& sink, const char* digits, int32 n)
+// n characters, at most MAX, that write(to) writes: where they belong, or beside it when not all of them fit.
+template <size_t MAX, class C, class Write> inline void putWritten(StrCtx<C>& sink, size_t n, Write write)
 {
-    if (n <= 0)
-        return;
-    if (roomIn(sink) >= static_cast<size_t>(n)) {
-        C* to = sink.str + sink.len;
-        for (int32 i = n; i-- > 0;)
-            *to++ = C(digits[i]);
-        countOut(sink, static_cast<size_t>(n));
-        return;
-    }
-    for (int32 i = n; i-- > 0;)
-        putChar(sink, C(digits[i]));
+    C beside[MAX];
+    const bool fits = n <= roomIn(sink);
+    write(fits ? sink.str + sink.len : beside);
+    if (fits)
+        sink.len += n;
+    else
+        putText(sink, beside, n);
 }
 
 template <class C> inline void terminate(StrCtx<C>& sink)
@@ -178,6 +209,15 @@ template <class C> inline void terminate(StrCtx<C>& sink)
 }
 
 // ---- layout ---------------------------------------------------------------------------------------------
+
+inline char signFor(const Directive& ctx, bool negative)
+{
+    if (negative)
+        return '-';
+    if (ctx.flags & F_PLUS)
+        return '+';
+    return ctx.flags & F_SPACE ? ' ' : 0;
+}
 
 // What is missing to the width, not below 0. A field can be longer than an int32 says.
 inline int32 paddingTo(const Directive& ctx, int64 fieldLen)
@@ -232,20 +272,18 @@ inline int32 separatorsFor(int32 n, int32 separatorLen)
     return n == 0 ? 0 : ((n + 2) / 3 - 1) * separatorLen;
 }
 
-// A number's digits, stored last one first, with separators when they take any characters.
-template <class C> void putGrouped(FormatCtx<C>& ctx, const char* digits, int32 n, int32 separators)
+// The n digits of a number, and the separators, which take some characters.
+template <class C> void putGrouped(FormatCtx<C>& ctx, uint64 value, int32 n)
 {
-    StrCtx<C>& sink = *ctx.sctx;
-    if (separators == 0) {
-        putReversed(sink, digits, n);
-        return;
-    }
+    char digits[MAX_DIGITS];
+    writeDigits(digits + n, value, n, ctx.base, ctx.flags & F_UPPER);
     const C* const sep = thousandsSep(ctx);
     const size_t sepLen = lengthOf(sep);
-    for (int32 i = n; i-- > 0;) {
-        putChar(sink, C(digits[i]));
-        if (i > 0 && i % 3 == 0)
-            putText(sink, sep, sepLen);
+    for (int32 i = 0; i < n; ++i) {
+        putChar(*ctx.sctx, C(digits[i]));
+        const int32 left = n - 1 - i;
+        if (left > 0 && left % 3 == 0)
+            putText(*ctx.sctx, sep, sepLen);
     }
 }
 

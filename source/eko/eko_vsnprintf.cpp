@@ -1,31 +1,40 @@
 // The formatter over bytes: what the engine needs to know about char, and the exported calls.
 
-#include <locale.h>
+#include <langinfo.h>
+#include <string.h>
 
 #include "eko_format.h"
 
 template <> struct FormatTraits<char> {
-    using Locale = struct lconv*;
+    // Read by nl_langinfo, which gives the texts of localeconv() without filling in all the rest of it.
+    struct Locale {
+        const char* decimal_point = nullptr;
+        const char* thousands_sep = nullptr;
+    };
 
-    static const char* decimalPoint(Locale& lc) { return conventions(lc)->decimal_point; }
-    static const char* thousandsSep(Locale& lc) { return conventions(lc)->thousands_sep; }
+    static const char* decimalPoint(Locale& lc) { return text(lc.decimal_point, RADIXCHAR); }
+    static const char* thousandsSep(Locale& lc) { return text(lc.thousands_sep, THOUSEP); }
     static constexpr bool CONVERTS_BYTES = false;
 
-private:
-    static struct lconv* conventions(Locale& lc)
+    // Most runs are short, and for those a call costs more than it saves.
+    static const char* runEnd(const char* fmt)
     {
-        if (!lc)
-            lc = localeconv();
-        return lc;
+        constexpr int SHORT_RUN = 8;
+        for (int i = 0; i < SHORT_RUN; ++i, ++fmt) {
+            if (*fmt == '%' || *fmt == 0)
+                return fmt;
+        }
+        return strchrnul(fmt, '%');
+    }
+
+private:
+    static const char* text(const char*& kept, nl_item which)
+    {
+        if (!kept)
+            kept = nl_langinfo(which);
+        return kept;
     }
 };
-
-using STR_CTX = StrCtx<char>;
-using FORMAT_CTX = FormatCtx<char>;
-using INT_FORMAT = IntFormat;
-using FLT_FORMAT = FltFormat;
-
-static_assert(sizeof(INT_FORMAT::tmp) == 43 && sizeof(FLT_FORMAT::econvert) == 5);
 
 int eko_vsnprintf(char* str, size_t size, const char* fmt, va_list args)
 {

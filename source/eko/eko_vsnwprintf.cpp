@@ -1,6 +1,6 @@
 // The formatter over wide characters: what the engine needs to know about wchar_t, and the exported calls.
 
-#include <locale.h>
+#include <langinfo.h>
 
 #include "eko_format.h"
 
@@ -9,10 +9,9 @@ constexpr wchar_t REPLACEMENT = 0xFFFD;
 
 // The locale's conventions, widened.
 struct TOV_WLCONV {
-    bool read;
-    const wchar_t* decimal_point; // in `texts`, or null when the locale gives none
-    const wchar_t* thousands_sep;
-    wchar_t texts[2][LOCALE_CHARS];
+    const wchar_t* decimal_point = nullptr; // in `texts` once it is read
+    const wchar_t* thousands_sep = nullptr;
+    wchar_t texts[2][LOCALE_CHARS]; // set when read: most directives do not want them
 };
 
 namespace {
@@ -23,6 +22,7 @@ void widenText(const char* text, wchar_t* to)
 {
     const ErrnoGuard keepErrno;
     const char* const end = text + strlen(text);
+    wmemset(to, 0, LOCALE_CHARS);
     for (size_t n = 0; n < LOCALE_CHARS - 1 && text < end; ++n) {
         const auto byte = static_cast<uint8>(*text);
         to[n] = byte;
@@ -44,20 +44,23 @@ void widenText(const char* text, wchar_t* to)
 template <> struct FormatTraits<wchar_t> {
     using Locale = TOV_WLCONV;
 
-    static const wchar_t* decimalPoint(Locale& lc) { return conventions(lc).decimal_point; }
-    static const wchar_t* thousandsSep(Locale& lc) { return conventions(lc).thousands_sep; }
+    static const wchar_t* decimalPoint(Locale& lc) { return text(lc.decimal_point, RADIXCHAR, lc.texts[0]); }
+    static const wchar_t* thousandsSep(Locale& lc) { return text(lc.thousands_sep, THOUSEP, lc.texts[1]); }
     static constexpr bool CONVERTS_BYTES = true;
 
-private:
-    static const Locale& conventions(Locale& lc)
+    static const wchar_t* runEnd(const wchar_t* fmt)
     {
-        if (!lc.read) {
-            const struct lconv* const narrow = localeconv();
-            lc.decimal_point = widened(narrow->decimal_point, lc.texts[0]);
-            lc.thousands_sep = widened(narrow->thousands_sep, lc.texts[1]);
-            lc.read = true;
-        }
-        return lc;
+        while (*fmt != '%' && *fmt != 0)
+            ++fmt;
+        return fmt;
+    }
+
+private:
+    static const wchar_t* text(const wchar_t*& kept, nl_item which, wchar_t* to)
+    {
+        if (!kept)
+            kept = widened(nl_langinfo(which), to);
+        return kept;
     }
     static const wchar_t* widened(const char* text, wchar_t* to)
     {

@@ -177,7 +177,7 @@ struct GlobalSlot {
 // The module's record, or null when it cannot be had.
 void* globalRecord(GlobalSlot& slot);
 
-// ---- formatter (ekoint.cpp) -------------------------------------------------------------------------------
+// ---- formatter -------------------------------------------------------------------------------
 
 // Length modifier of a directive; shared by the narrow and the wide engine.
 enum CONV {
@@ -191,10 +191,5 @@ enum CONV {
     C_PTRDIFF = 7,
     C_INTMAX = 8
 };
-
-long double power_of_10(int32 n);
-int32 get_exponent(long double value);
-uint64 cast_double(long double x);
-uint64 round_float(long double x);
 
 #endif
