@@ -225,7 +225,10 @@ template <class C> bool putString(FormatCtx<C>& ctx)
         }
     }
     const C* const str = static_cast<const C*>(arg);
-    putWord(ctx, 0, str, lengthToPrint(ctx, str));
+    if (ctx.width == 0)
+        putText(*ctx.sctx, str, lengthToPrint(ctx, str));
+    else
+        putWord(ctx, 0, str, lengthToPrint(ctx, str));
     return true;
 }
 
@@ -301,10 +304,11 @@ template <class C> inline bool putDirective(StrCtx<C>& sink, const C** fmt)
 template <class C> bool walkFormat(StrCtx<C>& sink, const C* fmt)
 {
     for (;;) {
-        const C* const run = fmt;
-        fmt = FormatTraits<C>::runEnd(fmt);
-        if (fmt > run)
+        if (*fmt != '%' && *fmt != 0) {
+            const C* const run = fmt;
+            fmt = FormatTraits<C>::runEnd(run + 1);
             putText(sink, run, static_cast<size_t>(fmt - run));
+        }
         if (*fmt == 0)
             return true;
         ++fmt;

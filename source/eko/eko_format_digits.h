@@ -126,7 +126,7 @@ template <class C> inline void writeOctal(C* end, uint64 value, int32 n)
         *--end = static_cast<C>('0' + (value & 7));
 }
 
-template <class C> inline void writeDigits(C* end, uint64 value, int32 n, uint32 base, bool upper)
+template <class C> [[gnu::always_inline]] inline void writeDigits(C* end, uint64 value, int32 n, uint32 base, bool upper)
 {
     if (base == 10)
         writeDecimal(end, value, n);

@@ -151,20 +151,22 @@ template <class C> inline bool isBare(const FormatCtx<C>& ctx)
     return (ctx.flags & ~(F_UNSIGNED | F_UPPER)) == 0 && ctx.width == 0 && ctx.precision == NO_PRECISION;
 }
 
-template <class C> inline void putInteger(FormatCtx<C>& ctx)
+template <class C> [[gnu::noinline]] void putLaidOutInteger(FormatCtx<C>& ctx, uint64 value)
 {
-    const uint64 value = fetchInteger(ctx, ctx.sctx->args);
-    if ((ctx.flags & F_POINTER) && value == 0) {
-        putWord(ctx, 0, TEXT_NIL, lengthToPrint(ctx, TEXT_NIL));
-        return;
-    }
-    if (isBare(ctx)) {
-        putBareInteger(ctx, value);
-        return;
-    }
     IntFormat field;
     layOutInteger(ctx, value, separatorLength(ctx), field);
     putIntegerField(ctx, field);
+}
+
+template <class C> inline void putInteger(FormatCtx<C>& ctx)
+{
+    const uint64 value = fetchInteger(ctx, ctx.sctx->args);
+    if (isBare(ctx))
+        putBareInteger(ctx, value);
+    else if ((ctx.flags & F_POINTER) && value == 0)
+        putWord(ctx, 0, TEXT_NIL, lengthToPrint(ctx, TEXT_NIL));
+    else
+        putLaidOutInteger(ctx, value);
 }
 
 #endif

@@ -232,7 +232,7 @@ int32 readUtf16(EKO_FILE_CTX* ctx)
 int32 readUtf8(EKO_FILE_CTX* ctx)
 {
     uint8 byte;
-    return cacheRead(ctx->fh, &byte, 1) == 1 ? signedByte(byte) : END_OF_FILE;
+    return cacheReadByte(ctx->fh, &byte) ? signedByte(byte) : END_OF_FILE;
 }
 
 // DELIBERATE: bytes 0x80..0xFF are negative, and 0xFF is the end of the file. Callers compare with -1 and index
@@ -512,6 +512,17 @@ bool growBuffer(EKO_FILE_CTX* ctx, size_t size, MemResult* result)
     return true;
 }
 
+// Formats once more for a text that did not fit the buffer.
+bool fillBuffer(EKO_FILE_CTX* ctx, size_t size, const char* format, va_list args, MemResult* result)
+{
+    if (size <= ctx->bufsize)
+        return true;
+    if (!growBuffer(ctx, size, result))
+        return false;
+    eko_vsnprintf(ctx->buf, ctx->bufsize, format, args);
+    return true;
+}
+
 } // namespace
 
 int32 eko_fputc(int32 c, EKO_FILE_STREAM stream)
@@ -536,18 +547,15 @@ int32 tryVprintf(EKO_FILE_STREAM stream, const char* format, va_list args, MemRe
     if (!stream || !format)
         return -1;
     EKO_FILE_CTX* ctx = contextOf(stream);
-    va_list firstPass;
-    va_copy(firstPass, args);
-    const int32 length = eko_vsnprintf(ctx->buf, ctx->bufsize, format, firstPass);
-    va_end(firstPass);
+    va_list again;
+    va_copy(again, args);
+    const int32 length = eko_vsnprintf(ctx->buf, ctx->bufsize, format, args);
+    const bool ready = length < 1 || fillBuffer(ctx, static_cast<size_t>(length) + 1, format, again, result);
+    va_end(again);
     if (length < 1)
         return length;
-    const size_t needed = static_cast<size_t>(length) + 1;
-    if (needed > ctx->bufsize) {
-        if (!growBuffer(ctx, needed, result))
-            return -1;
-        eko_vsnprintf(ctx->buf, ctx->bufsize, format, args);
-    }
+    if (!ready)
+        return -1;
     return writeText(ctx, ctx->buf, static_cast<uint32>(length)) ? length : -1;
 }
 

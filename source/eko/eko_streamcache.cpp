@@ -61,11 +61,6 @@ bool reposition(EKO_FILE_CACHE_CTX* cache)
     return true;
 }
 
-bool inside(const EKO_FILE_CACHE_CTX* cache, uint32 span)
-{
-    return cache->off >= cache->buff_off && cache->off - cache->buff_off < span;
-}
-
 uint32 least(uint32 a, uint32 b)
 {
     return a < b ? a : b;
@@ -115,7 +110,7 @@ uint32 cacheHead(EKO_FILE_CACHE_CTX* cache, uint32 wanted)
 const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available)
 {
     *available = 0;
-    if (!inside(cache, cache->bytes) && (!reposition(cache) || cache->bytes == 0))
+    if (!cacheHolds(cache, cache->bytes) && (!reposition(cache) || cache->bytes == 0))
         return nullptr;
     const uint32 at = static_cast<uint32>(cache->off - cache->buff_off);
     *available = cache->bytes - at;
@@ -147,7 +142,7 @@ uint32 cacheWrite(EKO_FILE_CACHE_CTX* cache, const void* src, uint32 size)
 {
     uint32 done = 0;
     while (done < size) {
-        if (!inside(cache, CACHE_BYTES) && !reposition(cache))
+        if (!cacheHolds(cache, CACHE_BYTES) && !reposition(cache))
             break; // a full buffer that cannot be written makes no room
         const uint32 at = static_cast<uint32>(cache->off - cache->buff_off);
         const uint32 count = least(CACHE_BYTES - at, size - done);

@@ -14,6 +14,21 @@ void closeCache(EKO_FILE_CACHE_CTX* cache);
 uint32 cacheRead(EKO_FILE_CACHE_CTX* cache, void* dest, uint32 wanted);
 uint32 cacheWrite(EKO_FILE_CACHE_CTX* cache, const void* src, uint32 size);
 
+// Whether the logical position is among the first `span` bytes of the buffer.
+inline bool cacheHolds(const EKO_FILE_CACHE_CTX* cache, uint32 span)
+{
+    return cache->off >= cache->buff_off && cache->off - cache->buff_off < span;
+}
+
+// cacheRead of one byte; false at the end of the file. Inline: almost always the buffer has it.
+inline bool cacheReadByte(EKO_FILE_CACHE_CTX* cache, uint8* byte)
+{
+    if (!cacheHolds(cache, cache->bytes))
+        return cacheRead(cache, byte, 1) == 1;
+    *byte = cache->buff[cache->off++ - cache->buff_off];
+    return true;
+}
+
 // The bytes at the logical position that can be had without asking the file again, filling the buffer if there are
 // none; `available` is 0 at the end of the file. cacheSkip moves over some of them.
 const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available);

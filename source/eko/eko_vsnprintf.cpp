@@ -16,10 +16,10 @@ template <> struct FormatTraits<char> {
     static const char* thousandsSep(Locale& lc) { return text(lc.thousands_sep, THOUSEP); }
     static constexpr bool CONVERTS_BYTES = false;
 
-    // Most runs are short, and for those a call costs more than it saves.
+    // Most runs are so short that the call would cost more than it saves.
     static const char* runEnd(const char* fmt)
     {
-        constexpr int SHORT_RUN = 8;
+        constexpr int SHORT_RUN = 6;
         for (int i = 0; i < SHORT_RUN; ++i, ++fmt) {
             if (*fmt == '%' || *fmt == 0)
                 return fmt;
