@@ -83,14 +83,17 @@ using Jemalloc = Absent;
 class Mimalloc {
 public:
     static constexpr const char* NAME = "mimalloc";
+    static bool there() { return symbolOf(LIBRARY, "mi_malloc") != nullptr; }
     void* take(size_t size) { return malloc_(size); }
     void* grow(void* block, size_t size) { return realloc_(block, size); }
     void give(void* block) { free_(block); }
 
 private:
+    static constexpr const char* LIBRARY = "libmimalloc.so.2";
+
     template <class Function> static Function* loaded(const char* name)
     {
-        void* symbol = symbolOf("libmimalloc.so.2", name);
+        void* symbol = symbolOf(LIBRARY, name);
         must(symbol != nullptr, name);
         return reinterpret_cast<Function*>(symbol);
     }

@@ -9,7 +9,8 @@
 //   });
 //
 // registers alloc.mixed@eko and alloc.mixed@glibc. A peer whose library the build does not have is an alias of
-// bench::Absent and is left out. What is asked of an item stands in goals.tsv.
+// bench::Absent and is left out; one that is looked for at run time says so in a static bool there(). What is asked of
+// an item stands in goals.tsv.
 
 #ifndef EKO_BENCH_H
 #define EKO_BENCH_H
@@ -42,6 +43,10 @@ template <class Implementation, class Work>
 void implementation(const std::string& item, const Options& options, Work work)
 {
     if constexpr (!std::is_same_v<Implementation, Absent>) {
+        if constexpr (requires { Implementation::there(); }) {
+            if (!Implementation::there())
+                return;
+        }
         auto* run = benchmark::RegisterBenchmark((item + "@" + Implementation::NAME).c_str(), [work](State& state) {
             work.template operator()<Implementation>(state);
         });
@@ -65,6 +70,14 @@ template <class... Implementations, class Work> bool item(const char* name, cons
 template <class... Implementations, class Work> bool item(const char* name, Work work)
 {
     return item<Implementations...>(name, Options{}, work);
+}
+
+// The pointer, of which the compiler then knows nothing. (benchmark::DoNotOptimize would do, but in 32 bits gcc may lose
+// a variable that is read again behind it.)
+template <class T> T* opaque(T* pointer)
+{
+    __asm__ volatile("" : "+r"(pointer) : : "memory");
+    return pointer;
 }
 
 // Ends the bench when something that must work does not: a figure of failed work is worth nothing.

@@ -140,8 +140,7 @@ struct Member {
 template <auto FUNCTION> struct Printf {
     template <class Item> static void print(char* buffer, size_t i)
     {
-        const char* format = Item::PRINTF;
-        benchmark::DoNotOptimize(format);
+        const char* format = opaque(Item::PRINTF);
         Item::with(i, [=](auto... args) { return FUNCTION(buffer, BUFFER, format, args...); });
     }
 };
@@ -215,8 +214,7 @@ struct WideLine : Line {
 template <auto FUNCTION> struct WidePrintf {
     template <class Item> static void print(wchar_t* buffer, size_t i)
     {
-        const wchar_t* format = Item::WIDE;
-        benchmark::DoNotOptimize(format);
+        const wchar_t* format = opaque(Item::WIDE);
         Item::with(i, [=](auto... args) { return FUNCTION(buffer, BUFFER, format, args...); });
     }
 };
