@@ -80,9 +80,8 @@ private:
     }
     static void set(Text& to, const char* from)
     {
-        const size_t length = strnlen(from, sizeof(to.text) - 1);
-        memcpy(to.text, from, length);
-        to.text[length] = 0;
+        if (!memccpy(to.text, from, 0, sizeof(to.text) - 1))
+            to.text[sizeof(to.text) - 1] = 0;
     }
 
     std::vector<Text> sectionNames_;
@@ -329,7 +328,8 @@ constexpr auto getAnyOf = []<class Ini>(State& state) {
 const bool registered =
     item<EkoIni, Inih>("ini.parse.again", parseAgain) && item<EkoIni, KeyFile>("ini.parse.first", parseFirst) &&
     item<EkoIni, KeyFile>("ini.get.first", getFirst) && item<EkoIni, KeyFile>("ini.get.last", getLast) &&
-    item<EkoIni, KeyFile>("ini.get.missing", getMissing) && item<EkoIni, ByHand>("ini.set", setOne) &&
+    item<EkoIni, KeyFile>("ini.get.missing", getMissing) &&
+    item<EkoIni, ByHand>("ini.set", {.wall = true}, setOne) &&
     item<EkoIni, KeyFile>("scale.ini_get.entries", {.sizes = {10, 100, 1000, 10000, 100000}}, getAnyOf);
 
 } // namespace

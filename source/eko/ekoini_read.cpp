@@ -56,27 +56,24 @@ void freeLongValue(PARMINFO* parm)
 
 template <size_t SIZE> void copyCut(char (&dest)[SIZE], const char* text)
 {
-    const size_t count = strnlen(text, SIZE - 1);
-    memcpy(dest, text, count);
-    dest[count] = 0;
+    if (!memccpy(dest, text, 0, SIZE - 1))
+        dest[SIZE - 1] = 0;
 }
 
 // ---- lines ------------------------------------------------------------------------------------------------
 
-// Ends the text in front of trailing characters for which `isTrailing` holds.
-template <class Is> void trimEnd(char* text, Is isTrailing)
+// What is left of a text of `count` characters when those at its end are taken off for which `isTrailing` holds.
+template <class Is> size_t trimmed(const char* text, size_t count, Is isTrailing)
 {
-    size_t count = strlen(text);
     while (count > 0 && isTrailing(static_cast<unsigned char>(text[count - 1])))
         --count;
-    text[count] = 0;
+    return count;
 }
 
-// Takes comment, line end and trailing white space off.
-void strip(char* line)
+// The length of a line without its comment, its end and trailing white space.
+size_t strippedLength(const char* line)
 {
-    line[strcspn(line, LINE_ENDS_AND_COMMENT)] = 0;
-    trimEnd(line, isspace);
+    return trimmed(line, strcspn(line, LINE_ENDS_AND_COMMENT), isspace);
 }
 
 bool addSection(INIINFO* file, char* name, MemResult* result)
@@ -93,28 +90,29 @@ bool addSection(INIINFO* file, char* name, MemResult* result)
 bool setValue(PARMINFO* parm, const char* value, MemResult* result)
 {
     freeLongValue(parm);
-    const size_t length = strlen(value);
-    if (length < sizeof(parm->valuebuff)) {
-        memcpy(parm->valuebuff, value, length + 1);
+    if (memccpy(parm->valuebuff, value, 0, sizeof(parm->valuebuff)))
         return true;
-    }
     parm->value = tryStrdup(value, EKO_GLOBAL_TAG, result);
     parm->allocated = parm->value ? 1 : 0;
     return parm->value != nullptr;
 }
 
 // Only the space character is taken off around the "=".
-bool addEntry(SECINFO* sec, char* line, MemResult* result)
+bool addEntry(SECINFO* sec, char* line, size_t count, MemResult* result)
 {
-    char* equals = strchr(line, '=');
+    const auto* equals = static_cast<const char*>(memchr(line, '=', count));
     if (!equals)
         return true;
-    *equals = 0;
-    trimEnd(line, [](unsigned char c) { return c == ' '; });
-    if (!*line)
+    const auto isBlank = [](unsigned char c) { return c == ' '; };
+    const size_t length = trimmed(line, static_cast<size_t>(equals - line), isBlank);
+    if (length == 0)
         return true;
+    line[length] = 0;
+    const char* value = equals + 1;
+    while (*value == ' ')
+        ++value;
     PARMINFO* parm = nextElement(&sec->ParmInfo, &sec->nMaxParms, sec->nNumParms, result);
-    if (!parm || !setValue(parm, equals + 1 + strspn(equals + 1, " "), result))
+    if (!parm || !setValue(parm, value, result))
         return false;
     copyCut(parm->name, line);
     ++sec->nNumParms;
@@ -123,10 +121,11 @@ bool addEntry(SECINFO* sec, char* line, MemResult* result)
 
 bool addLine(INIINFO* file, char* line, MemResult* result)
 {
-    strip(line);
+    const size_t count = strippedLength(line);
+    line[count] = 0;
     if (*line == '[')
         return addSection(file, line + 1, result);
-    return file->nNumSecs == 0 || addEntry(&file->SecInfo[file->nNumSecs - 1], line, result);
+    return file->nNumSecs == 0 || addEntry(&file->SecInfo[file->nNumSecs - 1], line, count, result);
 }
 
 int32 addLines(INIINFO* file, IniInput& input, MemResult* result)
