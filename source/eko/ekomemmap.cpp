@@ -164,11 +164,18 @@ void takeOut(EKO_MAPINFO* map, EKO_MAPVIEW* view)
     (view->next ? view->next->prev : map->tail) = view->prev;
 }
 
-void dropView(EKO_MAPVIEW* view)
+// Out of the list, but still mapped.
+EKO_MAPVIEW* takeLast(EKO_MAPINFO* map)
 {
-    EKO_MAPINFO* map = view->mapInfo;
+    EKO_MAPVIEW* view = map->tail;
     takeOut(map, view);
     --map->num_views;
+    return view;
+}
+
+void dropLast(EKO_MAPINFO* map)
+{
+    EKO_MAPVIEW* view = takeLast(map);
     eko_mpUnmapView(view->mem, view->size);
     EKO_FREE(view, EKO_GLOBAL_TAG);
 }
@@ -176,7 +183,7 @@ void dropView(EKO_MAPVIEW* view)
 void dropAllViews(EKO_MAPINFO* map)
 {
     while (map->tail)
-        dropView(map->tail);
+        dropLast(map);
 }
 
 EKO_MAPVIEW* lookUpView(EKO_MAPINFO* map, EKO_FILE_OFFSET off)
@@ -187,24 +194,41 @@ EKO_MAPVIEW* lookUpView(EKO_MAPINFO* map, EKO_FILE_OFFSET off)
     return view;
 }
 
-// `off` lies inside `size`.
-int32 makeView(EKO_MAPINFO* map, EKO_FILE_OFFSET off, EKO_MAPVIEW** made, MemResult* result)
+// Bytes of the view that begins at `off`, which is inside `size`.
+uint32 viewSizeAt(const EKO_MAPINFO* map, EKO_FILE_OFFSET off)
 {
     const EKO_FILE_OFFSET rest = map->size - off;
-    const uint32 size = rest <= VIEW_GRANULE ? static_cast<uint32>(rest) : VIEW_GRANULE;
-    if (off + size > eko_flSize(map->desc))
-        return EKO_NO_MEMORY;
-    auto* view = tryZeroed<EKO_MAPVIEW>(EKO_GLOBAL_TAG, result);
+    return rest <= VIEW_GRANULE ? static_cast<uint32>(rest) : VIEW_GRANULE;
+}
+
+// Maps `size` bytes in a record that is in no list. Its own view makes room for them; one of that size is replaced.
+int32 mapInto(EKO_MAPVIEW* view, EKO_FILE_OFFSET off, uint32 size)
+{
+    EKO_MAPINFO* map = view->mapInfo;
+    const bool inside = off + size <= eko_flSize(map->desc);
+    if (view->mem && inside && view->size == size)
+        return eko_mpReplaceView(map->osinfo, off, size, view->mem);
+    if (view->mem)
+        eko_mpUnmapView(view->mem, view->size);
+    return inside ? eko_mpMapView(map->osinfo, off, size, &view->mem) : EKO_NO_MEMORY;
+}
+
+// Makes a view of what lies at `off`, instead of the one used longest ago when there are enough.
+int32 makeView(EKO_MAPINFO* map, EKO_FILE_OFFSET off, EKO_MAPVIEW** made, MemResult* result)
+{
+    EKO_MAPVIEW* view =
+        map->num_views >= MAX_VIEWS ? takeLast(map) : tryZeroed<EKO_MAPVIEW>(EKO_GLOBAL_TAG, result);
     if (!view)
         return EKO_NO_MEMORY;
-    view->size = size;
-    view->off = off;
     view->mapInfo = map;
-    const int32 status = eko_mpMapView(map->osinfo, off, size, &view->mem);
+    const uint32 size = viewSizeAt(map, off);
+    const int32 status = mapInto(view, off, size);
     if (status != EKO_OK) {
         EKO_FREE(view, EKO_GLOBAL_TAG);
         return status;
     }
+    view->size = size;
+    view->off = off;
     putInFront(map, view);
     ++map->num_views;
     *made = view;
@@ -218,11 +242,8 @@ int32 findMapView(EKO_MAPINFO* map, EKO_FILE_OFFSET addr, EKO_MAPVIEW** found, M
     if (addr >= map->size) // a view may still be there from before the file was cut
         return EKO_NO_MEMORY;
     EKO_MAPVIEW* view = lookUpView(map, addr);
-    if (!view) {
-        if (map->num_views >= MAX_VIEWS)
-            dropView(map->tail);
+    if (!view)
         return makeView(map, addr, found, result);
-    }
     takeOut(map, view);
     putInFront(map, view);
     *found = view;

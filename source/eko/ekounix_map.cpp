@@ -17,6 +17,22 @@ off64_t mappableOffset(EKO_FILE_OFFSET off)
     return static_cast<off64_t>(sizeof(void*) > 4 ? off : static_cast<uint32>(off));
 }
 
+// Maps a range, where the system likes it or over what is at `place`; null when that fails.
+void* mapAt(void* place, EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size)
+{
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(map->desc));
+    const int flags = place ? MAP_SHARED | MAP_FIXED : MAP_SHARED;
+    void* address = mmap64(place, size, map->access, flags, fd, mappableOffset(off));
+    if (address == MAP_FAILED)
+        address = nullptr;
+    if (!address) {
+        const ErrnoGuard keepErrno; // the caller logs it, wherever this goes
+        printf("mmap(NULL, %u, %d, %d, %u) failed with error %d\n", size, map->access, fd, static_cast<uint32>(off),
+               errno);
+    }
+    return address;
+}
+
 } // namespace
 
 int32 eko_mpCreateMap(EKO_FDESC desc, EKO_FILE_OFFSET /*size*/, int32 writable, int32* resizeNeedsClose,
@@ -48,18 +64,16 @@ void eko_mpFlushMap(EKO_OSMAP) {}
 
 int32 eko_mpMapView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void** view)
 {
-    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(map->desc));
-    void* address = mmap64(nullptr, size, map->access, MAP_SHARED, fd, mappableOffset(off));
-    if (address == MAP_FAILED)
-        address = nullptr;
-    if (!address) {
-        const ErrnoGuard keepErrno; // the caller logs it, wherever this goes
-        printf("mmap(NULL, %u, %d, %d, %u) failed with error %d\n", size, map->access, fd, static_cast<uint32>(off),
-               errno);
+    void* address = mapAt(nullptr, map, off, size);
+    if (!address)
         return EKO_NO_MEMORY;
-    }
     *view = address;
     return EKO_OK;
+}
+
+int32 eko_mpReplaceView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void* view)
+{
+    return mapAt(view, map, off, size) ? EKO_OK : EKO_NO_MEMORY;
 }
 
 // Most of what it costs to fill a large block for the first time is a page fault for each 4 KiB. A system without
