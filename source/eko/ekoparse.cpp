@@ -64,18 +64,18 @@ struct PARSER {
 // ---- tables -----------------------------------------------------------------------------------------------
 
 // The entry of `table` at row + column, or null when what is there is not of that row or column.
-const int16* entry(const EKO_YYTABLES& t, int32 index, int32 owner)
+inline const int16* entry(const EKO_YYTABLES& t, int32 index, int32 owner)
 {
     return index >= 0 && index <= t.last && t.check[index] == owner ? &t.table[index] : nullptr;
 }
 
-bool hasOnlyDefault(const EKO_YYTABLES& t, int32 state)
+inline bool hasOnlyDefault(const EKO_YYTABLES& t, int32 state)
 {
     return t.pact[state] == t.pact_ninf;
 }
 
 // What to do in a state when a token follows: above 0 shift to that state, below 0 reduce by that rule, 0 an error.
-int32 actionFor(const EKO_YYTABLES& t, int32 state, int32 token)
+inline int32 actionFor(const EKO_YYTABLES& t, int32 state, int32 token)
 {
     const int16* own = hasOnlyDefault(t, state) ? nullptr : entry(t, t.pact[state] + token, token);
     if (!own)
@@ -91,7 +91,7 @@ int32 errorShift(const EKO_YYTABLES& t, int32 state)
 }
 
 // The state after a rule has been reduced on top of `state`.
-int32 stateAfter(const EKO_YYTABLES& t, int32 state, int32 rule)
+inline int32 stateAfter(const EKO_YYTABLES& t, int32 state, int32 rule)
 {
     const int32 made = t.lhs[rule] - t.tokens;
     const int16* own = entry(t, t.pgoto[made] + state, state);
@@ -109,17 +109,24 @@ int32 symbolOf(const EKO_YYTABLES& t, int32 code)
 
 // ---- stack ------------------------------------------------------------------------------------------------
 
-void* valueAt(PARSER& p, size_t index)
+// Bytes of a value. The loop is compiled for the commonest widths, and once more for any.
+constexpr size_t ANY = 0;
+template <size_t SIZE> size_t sizeOfValue(const PARSER& p)
 {
-    return p.block + (index + 1) * p.tables->value_size;
+    return SIZE != ANY ? SIZE : p.tables->value_size;
+}
+
+template <size_t SIZE> void* valueAt(PARSER& p, size_t index)
+{
+    return p.block + (index + 1) * sizeOfValue<SIZE>(p);
 }
 void* lookaheadValue(PARSER& p)
 {
     return p.block;
 }
-void* resultValue(PARSER& p)
+template <size_t SIZE> void* resultValue(PARSER& p)
 {
-    return valueAt(p, 0);
+    return valueAt<SIZE>(p, 0);
 }
 int32 stateOnTop(const PARSER& p)
 {
@@ -159,17 +166,17 @@ bool moveTo(PARSER& p, size_t room)
 }
 
 // Makes sure that the block can hold that many states.
-bool makeRoom(PARSER& p, size_t states)
+inline bool makeRoom(PARSER& p, size_t states)
 {
     return states <= p.room || moveTo(p, p.room ? 2 * p.room : FIRST_ROOM);
 }
 
 // There must be room for it.
-void push(PARSER& p, int32 state, const void* value)
+template <size_t SIZE> void push(PARSER& p, size_t depth, int32 state, const void* value)
 {
-    memcpy(valueAt(p, p.depth), value, p.tables->value_size);
-    p.states[p.depth] = static_cast<int16>(state);
-    ++p.depth;
+    memcpy(valueAt<SIZE>(p, depth), value, sizeOfValue<SIZE>(p));
+    p.states[depth] = static_cast<int16>(state);
+    p.depth = depth + 1;
 }
 
 // ---- looking ahead ----------------------------------------------------------------------------------------
@@ -255,8 +262,8 @@ int32 recover(PARSER& p, size_t limit)
     if (!makeRoom(p, p.depth + 1))
         return EKO_NO_MEMORY;
     p.recoveredAt = p.depth;
-    memset(resultValue(p), 0, p.tables->value_size);
-    push(p, errorShift(*p.tables, stateOnTop(p)), resultValue(p));
+    memset(resultValue<ANY>(p), 0, sizeOfValue<ANY>(p));
+    push<ANY>(p, p.depth, errorShift(*p.tables, stateOnTop(p)), resultValue<ANY>(p));
     return EKO_OK;
 }
 
@@ -287,10 +294,32 @@ int32 raised(PARSER& p)
 
 // ---- steps ------------------------------------------------------------------------------------------------
 
-int32 readToken(PARSER& p)
+// Where the loop is: the parser's depth, and the state on top. Kept beside the parser, where the compiler need not read
+// them again after each callback.
+struct TOP {
+    size_t depth;
+    int32 state;
+};
+
+// After a step that others made.
+int32 lookAgain(const PARSER& p, TOP& top, int32 status)
+{
+    if (status == EKO_OK)
+        top = {p.depth, stateOnTop(p)};
+    return status;
+}
+
+template <size_t SIZE> void pushOn(PARSER& p, TOP& top, int32 state, const void* value)
+{
+    push<SIZE>(p, top.depth, state, value);
+    ++top.depth;
+    top.state = state;
+}
+
+template <size_t SIZE> int32 readToken(PARSER& p, TOP& top)
 {
     int32 code = 0;
-    memset(lookaheadValue(p), 0, p.tables->value_size);
+    memset(lookaheadValue(p), 0, sizeOfValue<SIZE>(p));
     const int32 status = p.lex(p.ctx, &code, lookaheadValue(p));
     if (status != EKO_OK)
         return status;
@@ -298,14 +327,14 @@ int32 readToken(PARSER& p)
     if (p.lookahead != SYMBOL_ERROR)
         return EKO_OK;
     p.lookahead = SYMBOL_UNKNOWN; // the callback has reported it
-    return recover(p, ANY_DEPTH);
+    return lookAgain(p, top, recover(p, ANY_DEPTH));
 }
 
-int32 shift(PARSER& p, int32 state)
+template <size_t SIZE> int32 shift(PARSER& p, TOP& top, int32 state)
 {
-    if (!makeRoom(p, p.depth + 1))
+    if (!makeRoom(p, top.depth + 1))
         return EKO_NO_MEMORY;
-    push(p, state, lookaheadValue(p));
+    pushOn<SIZE>(p, top, state, lookaheadValue(p));
     p.lookahead = NO_TOKEN;
     p.certain = false;
     p.recoveredAt = ANY_DEPTH;
@@ -314,62 +343,77 @@ int32 shift(PARSER& p, int32 state)
     return EKO_OK;
 }
 
-int32 reduceBy(PARSER& p, int32 rule)
+template <size_t SIZE> int32 reduceBy(PARSER& p, TOP& top, int32 rule)
 {
-    const size_t size = p.tables->value_size;
     const size_t length = static_cast<size_t>(p.tables->rhs_length[rule]);
-    if (!makeRoom(p, p.depth + 1)) // here, so that nothing has to move between the action and the push
+    if (!makeRoom(p, top.depth + 1)) // here, so that nothing has to move between the action and the push
         return EKO_NO_MEMORY;
-    void* result = resultValue(p);
+    void* result = resultValue<SIZE>(p);
     if (length > 0)
-        memcpy(result, valueAt(p, p.depth - length), size);
+        memcpy(result, valueAt<SIZE>(p, top.depth - length), sizeOfValue<SIZE>(p));
     else
-        memset(result, 0, size);
-    const int32 status = p.reduce(p.ctx, rule, result, valueAt(p, p.depth - 1));
+        memset(result, 0, sizeOfValue<SIZE>(p));
+    const int32 status = p.reduce(p.ctx, rule, result, valueAt<SIZE>(p, top.depth - 1));
     if (status == EKO_YYERROK)
         p.recovering = 0;
     else if (status != EKO_OK && status != EKO_YYRAISE)
         return status;
-    p.depth -= length;
-    if (status == EKO_YYRAISE)
-        return raised(p);
-    push(p, stateAfter(*p.tables, stateOnTop(p), rule), result);
+    top.depth -= length;
+    if (status == EKO_YYRAISE) {
+        p.depth = top.depth;
+        return lookAgain(p, top, raised(p));
+    }
+    pushOn<SIZE>(p, top, stateAfter(*p.tables, p.states[top.depth - 1], rule), result);
     return EKO_OK;
 }
 
 // A shift, a reduction, or the first step out of an error.
-int32 step(PARSER& p)
+template <size_t SIZE> int32 step(PARSER& p, TOP& top)
 {
     const EKO_YYTABLES& t = *p.tables;
-    const int32 state = stateOnTop(p);
-    if (hasOnlyDefault(t, state) && t.defact[state] != 0)
-        return reduceBy(p, t.defact[state]);
-    if (p.lookahead == NO_TOKEN)
-        return readToken(p);
-    const int32 action = actionFor(t, state, p.lookahead);
-    if (action > 0)
-        return shift(p, action);
-    if (action == 0)
-        return syntaxError(p);
-    if (!p.certain) {
-        const int32 status = leadsToShift(p, p.lookahead);
+    int32 rule = hasOnlyDefault(t, top.state) ? t.defact[top.state] : 0;
+    if (rule == 0) {
+        if (p.lookahead == NO_TOKEN)
+            return readToken<SIZE>(p, top);
+        const int32 action = actionFor(t, top.state, p.lookahead);
+        if (action > 0)
+            return shift<SIZE>(p, top, action);
+        const int32 status = action == 0 ? EKO_MALFORMED : p.certain ? EKO_OK : leadsToShift(p, p.lookahead);
+        if (status == EKO_MALFORMED)
+            return lookAgain(p, top, syntaxError(p));
         if (status != EKO_OK)
-            return status == EKO_MALFORMED ? syntaxError(p) : status;
+            return status;
         p.certain = true;
+        rule = -action;
     }
-    return reduceBy(p, -action);
+    return reduceBy<SIZE>(p, top, rule);
+}
+
+template <size_t SIZE> int32 runFor(PARSER& p)
+{
+    TOP top = {p.depth, stateOnTop(p)};
+    int32 status = EKO_OK;
+    while (status == EKO_OK && top.state != p.tables->final_state)
+        status = step<SIZE>(p, top);
+    return status == EKO_YYACCEPT ? EKO_OK : status;
 }
 
 int32 run(PARSER& p)
 {
     if (!makeRoom(p, 1))
         return EKO_NO_MEMORY;
-    memset(resultValue(p), 0, p.tables->value_size);
-    push(p, 0, resultValue(p));
-    int32 status = EKO_OK;
-    while (status == EKO_OK && stateOnTop(p) != p.tables->final_state)
-        status = step(p);
-    return status == EKO_YYACCEPT ? EKO_OK : status;
+    memset(resultValue<ANY>(p), 0, sizeOfValue<ANY>(p));
+    push<ANY>(p, 0, 0, resultValue<ANY>(p));
+    switch (p.tables->value_size) {
+    case 4:
+        return runFor<4>(p);
+    case 8:
+        return runFor<8>(p);
+    case 16:
+        return runFor<16>(p);
+    default:
+        return runFor<ANY>(p);
+    }
 }
 
 // ---- text -------------------------------------------------------------------------------------------------
