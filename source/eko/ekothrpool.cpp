@@ -88,10 +88,11 @@ void eko_workers_set__race_condition_ok(EKO_THRPOOL& pool, EKO_THRPOOL_THREAD* f
 // finished.
 void runJob(EKO_THRPOOL_THREAD& worker, EKO_THRPOOL_JOB& job)
 {
-    job.wait_nsecs = eko_timeNanoSecs() - job.wait_nsecs;
+    const uint64 start = eko_timeNanoSecs(); // the end of the waiting, and of the running the beginning
+    job.wait_nsecs = start - job.wait_nsecs;
     eko_worker_state_set__race_condition_ok(worker, THR_ACTIVE);
     eko_job_status_set__race_condition_ok(job, JOB_STARTED);
-    job.exec_nsecs = eko_timeNanoSecs();
+    job.exec_nsecs = start;
     const int32 rc = job.fcn(job.data);
     job.rc = rc;
     job.exec_nsecs = eko_timeNanoSecs() - job.exec_nsecs;
@@ -225,12 +226,14 @@ int32 createPool(uint32 maxThreads, EKO_THRPOOL** thrPool, MemResult* result)
 
 int32 addJob(const EKO_THRPOOL& pool, const EKO_THRPOOL_JOB& description, EKO_THRPOOL_JOB** pjob, MemResult* result)
 {
-    auto* job = tryZeroed<EKO_THRPOOL_JOB>(pool.tag, result);
+    auto* job = static_cast<EKO_THRPOOL_JOB*>(
+        tryGetMem(sizeof(EKO_THRPOOL_JOB), pool.tag, EKO_MEM_PLAIN, nullptr, result));
+    if (job)
+        *job = description;
     if (pjob)
         *pjob = job;
     if (!job)
         return EKO_NO_MEMORY;
-    *job = description;
     job->wait_nsecs = eko_timeNanoSecs();
     const int32 status = tryQueueWrite(pool.queue, job, result);
     if (status != EKO_OK) {
