@@ -7,8 +7,9 @@
 //                              avail --> index of the first free slot; a free slot holds the next index, -1 ends
 //                          [1] entry = null: never needed
 //
-//           The first row with a free slot serves a request, and in it the slot freed last.
-// Locks     semTabMutex guards the rows and the slots' avail. Nothing is requested inside it: a new block is
+//           The first row with a free slot serves a request, and in it the slot freed last. Rows that are known to be
+//           full are not looked at.
+// Locks     semTabMutex guards the rows, the first of them that can serve, and the slots' avail. Nothing is requested inside it: a new block is
 //           allocated with it released. globalMutex is the critical section; it comes before every other lock.
 // Unlocked  the module's state, the rows' end of life, a mutex's count and id, an event's flag. A thread finds
 //           its own id in a mutex only if it put it there while holding it; every other thread falls through to
@@ -46,7 +47,10 @@ struct EKO_EVENT_ENTRY {
 
 struct EKO_SEM_TABLE;
 
-struct EKO_SEM_ENTRY {
+// Slots begin with a cache line, so that threads which are in different mutexes do not wait for each other's lines.
+constexpr size_t CACHE_LINE = 64;
+
+struct alignas(CACHE_LINE) EKO_SEM_ENTRY {
     union {
         EKO_MUTEX_ENTRY m;
         EKO_EVENT_ENTRY e;
@@ -59,11 +63,15 @@ struct EKO_SEM_ENTRY {
 struct EKO_SEM_TABLE {
     EKO_SEM_ENTRY* entry;
     int16 avail;
+    void* block; // the memory in which the entries are
 };
+
+constexpr size_t BLOCK_BYTES = sizeof(EKO_SEM_ENTRY) * SLOTS_PER_ROW + CACHE_LINE - BLOCK_ALIGNMENT;
 
 enum : int32 { SYNC_STOPPED = 0, SYNC_RUNNING = 1, SYNC_SHUTTING_DOWN = -1 };
 
 EKO_SEM_TABLE sem_table[ROWS];
+int32 firstRow = 0; // the rows in front of it are full
 int32 eko_sync_inited = SYNC_STOPPED;
 int32 rowsFreed = 0; // 1 once shutdown has freed the rows: nothing may touch a slot any more
 pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -135,24 +143,29 @@ EKO_SEM_ENTRY* eventSlot(EKO_SEM sem)
     return checkedSlot(sem, EKO_SEM_EVENT, "Invalid event\n");
 }
 
-void installBlock(EKO_SEM_TABLE& row, EKO_SEM_ENTRY* block)
+void installBlock(EKO_SEM_TABLE& row, void* block)
 {
+    const auto address = reinterpret_cast<uintptr_t>(block);
+    const size_t toNextLine = (CACHE_LINE - address % CACHE_LINE) % CACHE_LINE;
+    auto* entry = reinterpret_cast<EKO_SEM_ENTRY*>(static_cast<char*>(block) + toNextLine);
     for (int16 i = 0; i < SLOTS_PER_ROW; ++i) {
-        block[i].avail = static_cast<int16>(i + 1);
-        block[i].owner = &row;
+        entry[i].avail = static_cast<int16>(i + 1);
+        entry[i].owner = &row;
     }
-    block[SLOTS_PER_ROW - 1].avail = CHAIN_END;
-    row.entry = block;
+    entry[SLOTS_PER_ROW - 1].avail = CHAIN_END;
+    row.entry = entry;
     row.avail = 0;
+    row.block = block;
 }
 
 enum class Search { found, needsBlock, full };
 
 // Takes the first free slot. A row without a block gets *spare, if there is one, and else ends the search.
-Search takeSlot(EKO_SEM_ENTRY** spare, EKO_SEM_ENTRY** slot)
+Search takeSlot(void** spare, EKO_SEM_ENTRY** slot)
 {
     PosixGuard lock(semTabMutex);
-    for (EKO_SEM_TABLE& row : sem_table) {
+    for (; firstRow < ROWS; ++firstRow) {
+        EKO_SEM_TABLE& row = sem_table[firstRow];
         if (!row.entry) {
             if (!*spare)
                 return Search::needsBlock;
@@ -169,10 +182,9 @@ Search takeSlot(EKO_SEM_ENTRY** spare, EKO_SEM_ENTRY** slot)
     return Search::full;
 }
 
-EKO_SEM_ENTRY* newBlock(MemResult* result)
+void* newBlock(MemResult* result)
 {
-    return static_cast<EKO_SEM_ENTRY*>(tryGetMem(sizeof(EKO_SEM_ENTRY) * static_cast<size_t>(SLOTS_PER_ROW),
-                                                 EKO_GLOBAL_TAG, EKO_MEM_ZERO, nullptr, result));
+    return tryGetMem(BLOCK_BYTES, EKO_GLOBAL_TAG, EKO_MEM_ZERO, nullptr, result);
 }
 
 // A slot marked as in use, or null. Another thread may install a block while this one allocates: the search then
@@ -180,7 +192,7 @@ EKO_SEM_ENTRY* newBlock(MemResult* result)
 EKO_SEM_ENTRY* semGetNewEntry(const char* file, int32 line)
 {
     EKO_SEM_ENTRY* slot = nullptr;
-    EKO_SEM_ENTRY* spare = nullptr;
+    void* spare = nullptr;
     Search search;
     MemResult memory = MemResult::done;
     while ((search = takeSlot(&spare, &slot)) == Search::needsBlock && (spare = newBlock(&memory)) != nullptr)
@@ -209,6 +221,9 @@ void giveSlotBack(EKO_SEM_ENTRY* sem, EKO_SEM_TABLE* row)
     PosixGuard lock(semTabMutex);
     sem->avail = row->avail;
     row->avail = static_cast<int16>(sem - row->entry);
+    const auto index = static_cast<int32>(row - sem_table);
+    if (index < firstRow)
+        firstRow = index;
 }
 
 #if EKO_CHECKED
@@ -236,7 +251,7 @@ void freeRow(EKO_SEM_TABLE& row)
             psemDelete(&row.entry[i]);
         }
     }
-    eko_freeMem(row.entry, EKO_GLOBAL_TAG, __FILE__, __LINE__);
+    eko_freeMem(row.block, EKO_GLOBAL_TAG, __FILE__, __LINE__);
 }
 
 } // namespace
@@ -246,6 +261,7 @@ void freeRow(EKO_SEM_TABLE& row)
 int32 eko_syncInit()
 {
     memset(sem_table, 0, sizeof(sem_table));
+    firstRow = 0;
     writeUnlocked(rowsFreed, 0);
     writeUnlocked(eko_sync_inited, static_cast<int32>(SYNC_RUNNING));
     return EKO_OK;
