@@ -269,7 +269,7 @@ uint32 readRun(EKO_FILE_CTX* ctx, char* str, uint32 room, bool* ended)
         *ended = true;
     }
     uint32 skipped = 0;
-    if (const void* eof = memchr(bytes, 0xFF, count)) {
+    if (const void* eof = cachePlain(ctx->fh, count) ? nullptr : memchr(bytes, 0xFF, count)) {
         count = static_cast<uint32>(static_cast<const uint8*>(eof) - bytes);
         skipped = 1;
         *ended = true;
@@ -492,7 +492,7 @@ int32 _eko_fputc(int32 c, EKO_FILE_CTX* ctx)
 bool writeText(EKO_FILE_CTX* ctx, const char* text, uint32 length)
 {
     if (ctx->fmode != EKO_FILE_MODE_UTF16)
-        return cacheWrite(ctx->fh, text, length) == length;
+        return cachePut(ctx->fh, text, length) == length;
     for (uint32 i = 0; i < length; ++i) {
         if (_eko_fputc(text[i], ctx) != 1)
             return false;

@@ -45,6 +45,13 @@ bool overwritesInMemory(const EKO_FILE_CACHE_CTX* cache)
     return cache->fh->f_mem && (cache->fh->f_flags & OPEN_WRITE);
 }
 
+// The bytes in front of the first 0xFF.
+uint16 countPlain(const uint8* bytes, uint32 count)
+{
+    const void* const first = memchr(bytes, 0xFF, count);
+    return static_cast<uint16>(first ? static_cast<const uint8*>(first) - bytes : count);
+}
+
 // Lets the buffer's span start at the logical position, and fills it. At or behind the file's end nothing is read,
 // which also keeps a stream that only writes from reading: writing raises the size first. The span then is empty,
 // so that what a stream for both writes at the end is not taken for part of what it has read.
@@ -54,10 +61,12 @@ bool reposition(EKO_FILE_CACHE_CTX* cache)
         return false;
     cache->buff_off = cache->off;
     cache->bytes = 0;
+    cache->plain = 0;
     if ((cache->size != 0 && cache->off >= cache->size) || overwritesInMemory(cache))
         return true;
     const uint32 count = eko_fileRead(cache->fh, cache->buff, CACHE_BYTES);
     cache->bytes = count == EKO_FILE_IO_FAILED ? 0 : count;
+    cache->plain = countPlain(cache->buff, cache->bytes);
     return true;
 }
 
@@ -107,19 +116,9 @@ uint32 cacheHead(EKO_FILE_CACHE_CTX* cache, uint32 wanted)
     return least(cache->bytes, wanted);
 }
 
-const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available)
+bool cacheFill(EKO_FILE_CACHE_CTX* cache)
 {
-    *available = 0;
-    if (!cacheHolds(cache, cache->bytes) && (!reposition(cache) || cache->bytes == 0))
-        return nullptr;
-    const uint32 at = static_cast<uint32>(cache->off - cache->buff_off);
-    *available = cache->bytes - at;
-    return cache->buff + at;
-}
-
-void cacheSkip(EKO_FILE_CACHE_CTX* cache, uint32 count)
-{
-    cache->off += count;
+    return reposition(cache) && cache->bytes > 0;
 }
 
 uint32 cacheRead(EKO_FILE_CACHE_CTX* cache, void* dest, uint32 wanted)
@@ -148,6 +147,7 @@ uint32 cacheWrite(EKO_FILE_CACHE_CTX* cache, const void* src, uint32 size)
         const uint32 count = least(CACHE_BYTES - at, size - done);
         memcpy(cache->buff + at, static_cast<const uint8*>(src) + done, count);
         cache->modified = 1;
+        cache->plain = 0;
         cache->off += count;
         done += count;
         if (cache->off > cache->size)

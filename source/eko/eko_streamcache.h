@@ -2,6 +2,8 @@
 #ifndef EKO_EKO_STREAMCACHE_H
 #define EKO_EKO_STREAMCACHE_H
 
+#include <string.h>
+
 #include "ekotext_int.h"
 
 // Opens the file and a cache over it; null with the status on failure. No report. The length of a standard stream
@@ -12,7 +14,7 @@ void closeCache(EKO_FILE_CACHE_CTX* cache);
 
 // Move bytes at the logical position and answer the count; fewer are the end of the file, or a failed write.
 uint32 cacheRead(EKO_FILE_CACHE_CTX* cache, void* dest, uint32 wanted);
-uint32 cacheWrite(EKO_FILE_CACHE_CTX* cache, const void* src, uint32 size);
+uint32 cacheWrite(EKO_FILE_CACHE_CTX* cache, const void* src, uint32 size); // for short text: cachePut
 
 // Whether the logical position is among the first `span` bytes of the buffer.
 inline bool cacheHolds(const EKO_FILE_CACHE_CTX* cache, uint32 span)
@@ -29,10 +31,45 @@ inline bool cacheReadByte(EKO_FILE_CACHE_CTX* cache, uint8* byte)
     return true;
 }
 
+// cacheWrite, inline where the buffer's span has room for all: for a line it almost always has.
+inline uint32 cachePut(EKO_FILE_CACHE_CTX* cache, const char* text, uint32 size)
+{
+    const EKO_FILE_OFFSET at = cache->off - cache->buff_off;
+    if (cache->off < cache->buff_off || at >= CACHE_BYTES || size > CACHE_BYTES - at || size == 0)
+        return cacheWrite(cache, text, size);
+    memcpy(cache->buff + at, text, size);
+    cache->modified = 1;
+    cache->plain = 0;
+    cache->off += size;
+    if (cache->off > cache->size)
+        cache->size = cache->off;
+    return size;
+}
+
 // The bytes at the logical position that can be had without asking the file again, filling the buffer if there are
 // none; `available` is 0 at the end of the file. cacheSkip moves over some of them.
-const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available);
-void cacheSkip(EKO_FILE_CACHE_CTX* cache, uint32 count);
+bool cacheFill(EKO_FILE_CACHE_CTX* cache); // cachePeek's way to ask the file; false when there is nothing
+inline const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available)
+{
+    *available = 0;
+    if (!cacheHolds(cache, cache->bytes) && !cacheFill(cache))
+        return nullptr;
+    const uint32 at = static_cast<uint32>(cache->off - cache->buff_off);
+    *available = cache->bytes - at;
+    return cache->buff + at;
+}
+
+// Whether the next `count` bytes of the buffer are known to hold no 0xFF: found out once when it is filled, not line by
+// line. False says nothing.
+inline bool cachePlain(const EKO_FILE_CACHE_CTX* cache, uint32 count)
+{
+    return cache->off - cache->buff_off + count <= cache->plain;
+}
+
+inline void cacheSkip(EKO_FILE_CACHE_CTX* cache, uint32 count)
+{
+    cache->off += count;
+}
 
 // Fills the buffer with the file's first bytes, `wanted` of them if there are so many, and answers how many there
 // are. Leaves the logical position at 0, and nothing behind them unread that cannot be read still. For a new cache.

@@ -19,7 +19,7 @@ template <> struct FormatTraits<char> {
     // Most runs are so short that the call would cost more than it saves.
     static const char* runEnd(const char* fmt)
     {
-        constexpr int SHORT_RUN = 6;
+        constexpr int SHORT_RUN = 10;
         for (int i = 0; i < SHORT_RUN; ++i, ++fmt) {
             if (*fmt == '%' || *fmt == 0)
                 return fmt;

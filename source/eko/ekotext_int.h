@@ -15,7 +15,8 @@ struct EKO_FILE_CACHE_CTX {
     EKO_FILE_OFFSET size;     // length of the file at open, 0 for standard streams; raised by writes past it
     EKO_FH fh;
     uint32 bytes;    // valid bytes in buff when reading
-    uint32 modified; // buff holds bytes not yet written: those from buff_off to off
+    uint16 modified; // buff holds bytes not yet written: those from buff_off to off
+    uint16 plain;    // so many bytes at the start of buff are known not to be 0xFF
     uint8 buff[CACHE_BYTES];
 };
 
