@@ -512,15 +512,28 @@ bool growBuffer(EKO_FILE_CTX* ctx, size_t size, MemResult* result)
     return true;
 }
 
-// Formats once more for a text that did not fit the buffer.
-bool fillBuffer(EKO_FILE_CTX* ctx, size_t size, const char* format, va_list args, MemResult* result)
+// A text is formatted into the buffer that is there, and once more only when it did not fit. The length is
+// eko_vsnprintf's.
+int32 formatFirst(EKO_FILE_CTX* ctx, const char* format, va_list args)
 {
-    if (size <= ctx->bufsize)
-        return true;
-    if (!growBuffer(ctx, size, result))
+    return eko_vsnprintf(ctx->buf, ctx->bufsize, format, args);
+}
+bool needsRoom(const EKO_FILE_CTX* ctx, int32 length)
+{
+    return length > 0 && static_cast<size_t>(length) >= ctx->bufsize;
+}
+bool formatAgain(EKO_FILE_CTX* ctx, int32 length, const char* format, va_list args, MemResult* result)
+{
+    if (!growBuffer(ctx, static_cast<size_t>(length) + 1, result))
         return false;
     eko_vsnprintf(ctx->buf, ctx->bufsize, format, args);
     return true;
+}
+int32 writeFormatted(EKO_FILE_CTX* ctx, int32 length)
+{
+    if (length < 1)
+        return length;
+    return writeText(ctx, ctx->buf, static_cast<uint32>(length)) ? length : -1;
 }
 
 } // namespace
@@ -540,7 +553,6 @@ int32 eko_fputs(const char* str, EKO_FILE_STREAM stream)
     return writeText(contextOf(stream), str, static_cast<uint32>(length)) ? static_cast<int32>(length) : -1;
 }
 
-// The first pass writes into the buffer that is there, so that a text which fits is formatted once.
 int32 tryVprintf(EKO_FILE_STREAM stream, const char* format, va_list args, MemResult* result)
 {
     *result = MemResult::refused;
@@ -549,14 +561,10 @@ int32 tryVprintf(EKO_FILE_STREAM stream, const char* format, va_list args, MemRe
     EKO_FILE_CTX* ctx = contextOf(stream);
     va_list again;
     va_copy(again, args);
-    const int32 length = eko_vsnprintf(ctx->buf, ctx->bufsize, format, args);
-    const bool ready = length < 1 || fillBuffer(ctx, static_cast<size_t>(length) + 1, format, again, result);
+    const int32 length = formatFirst(ctx, format, args);
+    const bool ready = !needsRoom(ctx, length) || formatAgain(ctx, length, format, again, result);
     va_end(again);
-    if (length < 1)
-        return length;
-    if (!ready)
-        return -1;
-    return writeText(ctx, ctx->buf, static_cast<uint32>(length)) ? length : -1;
+    return ready ? writeFormatted(ctx, length) : -1;
 }
 
 int32 eko_vfprintf(EKO_FILE_STREAM stream, const char* format, va_list args)
@@ -568,13 +576,26 @@ int32 eko_vfprintf(EKO_FILE_STREAM stream, const char* format, va_list args)
     return count;
 }
 
+// Starts the argument list again where eko_vfprintf copies it: a list that was just started is waited for.
 int32 eko_fprintf(EKO_FILE_STREAM stream, const char* format, ...)
 {
+    if (!stream || !format)
+        return -1;
+    EKO_FILE_CTX* ctx = contextOf(stream);
     va_list args;
     va_start(args, format);
-    const int32 count = eko_vfprintf(stream, format, args);
+    const int32 length = formatFirst(ctx, format, args);
     va_end(args);
-    return count;
+    if (needsRoom(ctx, length)) {
+        MemResult result;
+        va_start(args, format);
+        const bool ready = formatAgain(ctx, length, format, args, &result);
+        va_end(args);
+        memReportIf(result, __FILE__, __LINE__);
+        if (!ready)
+            return -1;
+    }
+    return writeFormatted(ctx, length);
 }
 
 // ---- flushing, position -----------------------------------------------------------------------------------
