@@ -488,16 +488,21 @@ int32 _eko_fputc(int32 c, EKO_FILE_CTX* ctx)
     return ctx->bytesleft ? continueCharacter(ctx, byte) : startCharacter(ctx, byte);
 }
 
-// Byte by byte as far as anyone can tell; answers false at the first byte that fails.
-bool writeText(EKO_FILE_CTX* ctx, const char* text, uint32 length)
+bool writeUtf16(EKO_FILE_CTX* ctx, const char* text, uint32 length)
 {
-    if (ctx->fmode != EKO_FILE_MODE_UTF16)
-        return cachePut(ctx->fh, text, length) == length;
     for (uint32 i = 0; i < length; ++i) {
         if (_eko_fputc(text[i], ctx) != 1)
             return false;
     }
     return true;
+}
+
+// Byte by byte as far as anyone can tell; answers false at the first byte that fails.
+inline bool writeText(EKO_FILE_CTX* ctx, const char* text, uint32 length)
+{
+    if (ctx->fmode == EKO_FILE_MODE_UTF16)
+        return writeUtf16(ctx, text, length);
+    return cachePut(ctx->fh, text, length) == length;
 }
 
 // Makes the formatting buffer hold `size` bytes.

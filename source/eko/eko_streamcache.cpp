@@ -48,8 +48,9 @@ bool overwritesInMemory(const EKO_FILE_CACHE_CTX* cache)
 // The bytes in front of the first 0xFF.
 uint16 countPlain(const uint8* bytes, uint32 count)
 {
-    const void* const first = memchr(bytes, 0xFF, count);
-    return static_cast<uint16>(first ? static_cast<const uint8*>(first) - bytes : count);
+    if (const void* const first = memchr(bytes, 0xFF, count))
+        count = static_cast<uint32>(static_cast<const uint8*>(first) - bytes);
+    return static_cast<uint16>(count);
 }
 
 // Lets the buffer's span start at the logical position, and fills it. At or behind the file's end nothing is read,
