@@ -1,11 +1,7 @@
 // Object pools: what is kept and used again, running out of memory, a memory checker, four threads.
-// LINK: --wrap=eko_isPurifyRunning
 #include "support/faults.h"
 #include "support/fixture.h"
 #include "support/syscalls.h"
-
-static int32 checker;
-EKO_ANSWER(int32, eko_isPurifyRunning, (void), checker)
 
 class PoolTest : public EkoTest {
 protected:
@@ -59,13 +55,13 @@ TEST_F(PoolTest, items_are_kept_while_few_exist)
         inThreads(1, [&](uint32) { EXPECT_EQ(use(), 0); }); // nothing is locked
     }
     const size_t before = exist();
-    checker = 1; // from now on the pool is its tag
+    purifyRunning = 1; // from now on the pool is its tag
     char* const item = get(100, EKO_MEM_STRING, "1234567");
     EXPECT_STREQ(item, "1234567");
     EKO_FREE(item, tag);
     put(EKO_ALLOC(8, tag));
     EXPECT_EQ(exist(), before);
-    checker = 0;
+    purifyRunning = 0;
     eko_poolDestroy(pool_);
     EKO_TAG_DESTROY(tag);
 }
@@ -87,7 +83,7 @@ TEST_F(PoolTest, four_threads_share_a_pool)
 {
     for (uint32 round = 0; round < 6; ++round) {
         const EKO_MEMTAG tag = round % 3 == 0 ? EKO_GLOBAL_TAG : EKO_TAG_INVALID;
-        checker = round % 3 == 2;
+        purifyRunning = round % 3 == 2;
         ASSERT_EQ(create(tag, round < 3 ? EKO_POOL_FIXED_SIZE : EKO_POOL_VAR_SIZE), 0);
         inThreads(4, [&](uint32 thread) {
             std::minstd_rand random(thread + 1);
@@ -106,5 +102,5 @@ TEST_F(PoolTest, four_threads_share_a_pool)
         });
         eko_poolDestroy(pool_);
     }
-    checker = 0;
+    purifyRunning = 0;
 }

@@ -15,6 +15,7 @@ int32 eko_terminating;
 int32 eko_readonly;
 int32 eko_diskless;
 int32 eko_background;
+int32 purifyRunning;
 
 char* eko_tmp; // name of the temporary directory once it was looked up, on the global tag
 
@@ -151,7 +152,7 @@ void eko_nodisk(void)
 
 int32 eko_isPurifyRunning(void)
 {
-    return 0;
+    return readUnlocked(purifyRunning);
 }
 
 // ---- assertions, errno ------------------------------------------------------------------------------------

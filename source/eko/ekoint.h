@@ -120,6 +120,13 @@ inline bool disklessMode()
     return readUnlocked(eko_diskless) != 0;
 }
 
+// What eko_isPurifyRunning answers. Nothing sets it in this build; tests do.
+[[gnu::visibility("hidden")]] extern int32 purifyRunning;
+inline bool memoryCheckerRuns()
+{
+    return readUnlocked(purifyRunning) != 0;
+}
+
 // ---- lifecycle --------------------------------------------------------------------------------------------
 
 int32 _eko_init();

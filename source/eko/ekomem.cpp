@@ -68,7 +68,7 @@ constexpr uint32 ALLOCATOR_TYPES = sizeof(ALLOCATOR_CREATES) / sizeof(ALLOCATOR_
 
 uint32 select_allocator(EKO_ALLOCATOR_TYPE type)
 {
-    const uint32 chosen = static_cast<uint32>(eko_isPurifyRunning() ? LEGACY_ALLOCATOR : type);
+    const uint32 chosen = static_cast<uint32>(memoryCheckerRuns() ? LEGACY_ALLOCATOR : type);
     EKO_ASSERT(chosen < ALLOCATOR_TYPES);
     return chosen;
 }

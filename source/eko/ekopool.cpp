@@ -70,7 +70,7 @@ EKO_POOL_HDR* headerOf(const void* ptr)
 // A checker is to see each item come and go. The answer must not change while there are pools.
 bool poolingIsDisabled()
 {
-    return eko_isPurifyRunning() != 0;
+    return memoryCheckerRuns();
 }
 
 // The mutex to hold around the use of the tag. One that is not the pool's own looks after itself.
@@ -100,6 +100,16 @@ EKO_POOL_HDR* pop(EKO_POOL_CTX& pool)
     EKO_POOL_HDR* item = pool.next;
     if (item)
         pool.next = item->next;
+    return item;
+}
+
+// The same for a pool without a mutex, if that item serves the request; else null, and it stays.
+EKO_POOL_HDR* popIfLarge(EKO_POOL_CTX& pool, size_t sz)
+{
+    EKO_POOL_HDR* item = pool.next;
+    if (!item || (pool.size_info == EKO_POOL_VAR_SIZE && item->size < sz))
+        return nullptr;
+    pool.next = item->next;
     return item;
 }
 
@@ -212,17 +222,62 @@ void eko_poolSetMaxPooled(EKO_POOL hPool, uint32 max_items)
         eko_pool_max_set__race_condition_ok(*pool, max_items);
 }
 
+namespace {
+
+[[gnu::noinline]] void* getMem(EKO_POOL_CTX& pool, size_t sz, int32 mode, const void* data, const char* file,
+                               uint32 line)
+{
+    MemResult result = MemResult::refused;
+    void* ptr = poolingIsDisabled() ? takeFromTag(pool, sz, mode, data, &result)
+                                    : takeFilled(pool, sz, mode, data, &result);
+    if (!ptr)
+        memFail(result, pool.tag, file, line);
+    return ptr;
+}
+
+void push(EKO_POOL_CTX& pool, EKO_POOL_HDR* item)
+{
+    item->next = pool.next;
+    pool.next = item;
+}
+
+// DELIBERATE: what is compared with the maximum is how many items exist, not how many wait: a pool whose items are all
+// out shrinks as they come back. Pinned by PoolTest.items_are_kept_while_few_exist.
+bool hasRoom(const EKO_POOL_CTX& pool)
+{
+    return eko_pool_count_get__race_condition_ok(pool) < eko_pool_max_get__race_condition_ok(pool);
+}
+
+[[gnu::noinline]] void put(EKO_POOL_CTX& pool, const void* ptr)
+{
+    if (poolingIsDisabled()) {
+        giveToTag(pool, ptr);
+        return;
+    }
+    const SemGuard lock(pool.sem);
+    if (hasRoom(pool)) {
+        push(pool, headerOf(ptr));
+    } else {
+        EKO_FREE(headerOf(ptr), pool.tag);
+        eko_pool_count_dec__race_condition_ok(pool);
+    }
+}
+
+// Whether items of a pool come and go without a lock and without their tag.
+bool isPlain(const EKO_POOL_CTX& pool)
+{
+    return pool.sem == EKO_SEM_INVALID && !poolingIsDisabled();
+}
+
+} // namespace
+
 void* eko_poolGetMem(EKO_POOL hPool, size_t sz, int32 mode, const void* data, const char* file, uint32 line)
 {
     EKO_POOL_CTX* pool = poolOf(hPool);
     if (!pool)
         return nullptr;
-    MemResult result = MemResult::refused;
-    void* ptr = poolingIsDisabled() ? takeFromTag(*pool, sz, mode, data, &result)
-                                    : takeFilled(*pool, sz, mode, data, &result);
-    if (!ptr)
-        memFail(result, pool->tag, file, line);
-    return ptr;
+    EKO_POOL_HDR* item = mode == EKO_MEM_PLAIN && isPlain(*pool) ? popIfLarge(*pool, sz) : nullptr;
+    return item ? item + 1 : getMem(*pool, sz, mode, data, file, line);
 }
 
 void eko_poolPut(EKO_POOL hPool, const void* ptr)
@@ -230,21 +285,10 @@ void eko_poolPut(EKO_POOL hPool, const void* ptr)
     EKO_POOL_CTX* pool = poolOf(hPool);
     if (!pool || !ptr)
         return;
-    if (poolingIsDisabled()) {
-        giveToTag(*pool, ptr);
-        return;
-    }
-    // DELIBERATE: what is compared with the maximum is how many items exist, not how many wait: a pool whose items
-    // are all out shrinks as they come back. Pinned by PoolTest.items_are_kept_while_few_exist.
-    EKO_POOL_HDR* item = headerOf(ptr);
-    const SemGuard lock(pool->sem);
-    if (eko_pool_count_get__race_condition_ok(*pool) < eko_pool_max_get__race_condition_ok(*pool)) {
-        item->next = pool->next;
-        pool->next = item;
-    } else {
-        EKO_FREE(item, pool->tag);
-        eko_pool_count_dec__race_condition_ok(*pool);
-    }
+    if (isPlain(*pool) && hasRoom(*pool))
+        push(*pool, headerOf(ptr));
+    else
+        put(*pool, ptr);
 }
 
 void eko_poolDestroy(EKO_POOL hPool)
