@@ -66,6 +66,80 @@ TEST_F(EkoTest, list_takes_the_exact_block_then_the_smallest_then_the_first)
     EXPECT_EQ(tag.take(304 - HDR), blocks[3] + 400 - (304 - HDR)); // cut from the end
 }
 
+// A literal model of one chunk of 4096 bytes: its free blocks, the one that was freed last in front.
+class ListModel {
+public:
+    explicit ListModel(char* start) : free_{{start, 4096 - HDR}} {}
+
+    // Where a block of that size is to come from, null when from another chunk; its whole size.
+    std::pair<char*, size_t> take(size_t size)
+    {
+        auto best = free_.end();
+        for (auto at = free_.begin(); at != free_.end(); ++at) {
+            if (at->second >= size && (best == free_.end() || at->second < best->second))
+                best = at;
+        }
+        if (best == free_.end())
+            return {nullptr, 0};
+        const std::pair<char*, size_t> whole = *best;
+        if (whole.second <= size + HDR) {
+            free_.erase(best);
+            return whole;
+        }
+        best->second -= size + HDR;
+        return {whole.first + best->second + HDR, size};
+    }
+
+    void give(char* block, size_t size)
+    {
+        const auto isAt = [](char* at) { return [=](const auto& each) { return each.first == at; }; };
+        const auto above = std::find_if(free_.begin(), free_.end(), isAt(block + size + HDR));
+        if (above != free_.end()) {
+            size += above->second + HDR;
+            free_.erase(above);
+        }
+        const auto endsHere = [=](const auto& each) { return each.first + each.second + HDR == block; };
+        const auto below = std::find_if(free_.begin(), free_.end(), endsHere);
+        if (below != free_.end())
+            below->second += size + HDR;
+        else
+            free_.insert(free_.begin(), {block, size});
+    }
+
+private:
+    std::vector<std::pair<char*, size_t>> free_;
+};
+
+TEST_F(EkoTest, list_takes_and_joins_as_a_walk_through_its_free_blocks_would)
+{
+    const OwnTag tag(LIST_ALLOCATOR);
+    char* const first = tag.take(8); // at the chunk's end, and never freed
+    ListModel model(first + 8 - (4096 - HDR));
+    EXPECT_EQ(model.take(8).first, first);
+    std::vector<std::pair<char*, size_t>> alive;
+    std::mt19937 random(20240229);
+    for (uint32 i = 0; i < 20000; ++i) {
+        if (random() % 2 && !alive.empty()) {
+            std::swap(alive[random() % alive.size()], alive.back());
+            tag.free(alive.back().first);
+            model.give(alive.back().first, alive.back().second);
+            alive.pop_back();
+            continue;
+        }
+        const size_t size = random() % 20 * 8; // of none, too
+        const auto want = model.take(size);
+        char* block = static_cast<char*>(eko_getMem(size, tag.tag, 9, nullptr, "", 0));
+        if (!want.first) {
+            tag.free(block); // and with it the second chunk
+            continue;
+        }
+        ASSERT_EQ(block, want.first) << i;
+        memset(block, 0xFF, want.second);
+        alive.push_back(want);
+    }
+    EXPECT_EQ(tag.figures().second, 4096 + HDR * 2 + HDR); // one chunk, with its headers
+}
+
 TEST_F(EkoTest, large_block_realloc_reverses_the_figures)
 {
     const size_t before = eko_mem_stats.in_use;

@@ -6,7 +6,13 @@
 //                 kept here
 //
 // Data    chunk:        | LIST_CHUNK_HDR | block | block | ... |
-//         block:        | LIST_HDR | payload |     a free block's header links the chunk's free list, unordered
+//         block:        | LIST_HDR | payload |
+//         free block:   | LIST_HDR | before ... size |     in the chunk's free list, unordered
+//
+//         No two free blocks lie side by side. So that a block finds the free ones beside it at once, a free block
+//         writes into its payload the one before it in the list and, at the end, its size, as far as there is room,
+//         and the block above it, which is in use, has a flag. Neither says anything that a walk through the list
+//         would not.
 //         large block:  | LARGE_BLOCK_HDR | payload | inside a block of LargeBlock
 // Locks   A tag's allocator relies on the tag's mutex. largeBlockSem guards LargeBlock, eko_mem_stats and the
 //         caller's buffer; it is taken inside a tag's mutex, never around one, and is none before start and after
@@ -28,7 +34,7 @@ namespace {
 struct LIST_CHUNK_HDR;
 
 struct LIST_HDR {
-    size_t size; // bytes behind this header
+    size_t size; // bytes behind this header, a multiple of 8; in use: and what is below
     union {
         LIST_HDR* next;        // free: the next free block of the chunk
         LIST_CHUNK_HDR* chunk; // in use: the chunk that holds it
@@ -56,7 +62,6 @@ struct LIST_ALLOCATOR_ENTRY {
 struct BEST_FIT {
     LIST_CHUNK_HDR* chunk;
     LIST_HDR* p; // the best free block so far
-    LIST_HDR* q; // the block before it in its free list, or null
 };
 
 struct LARGE_BLOCK_HDR {
@@ -67,6 +72,9 @@ struct LARGE_BLOCK_HDR {
 constexpr size_t HDR = sizeof(LIST_HDR);
 constexpr size_t CHUNK_HDR = sizeof(LIST_CHUNK_HDR);
 constexpr size_t LARGE_HDR = sizeof(LARGE_BLOCK_HDR);
+constexpr size_t BELOW_FREE = 1;  // flag: the block below is free, and its size stands at its end
+constexpr size_t BELOW_EMPTY = 2; // flag: the block below is free and has no payload
+constexpr size_t FLAGS = BLOCK_ALIGNMENT - 1;
 constexpr uint32 TAG_BLOCKSIZE = 4096;
 constexpr uint32 SYSTEM_BLOCKSIZE = 4194304;
 
@@ -128,13 +136,25 @@ void* payloadOf(LIST_HDR* block)
 {
     return bytesOf(block) + HDR;
 }
+size_t sizeOf(const LIST_HDR* block)
+{
+    return block->size & ~FLAGS;
+}
 LIST_HDR* behind(LIST_HDR* block)
 {
-    return reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + block->size);
+    return reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + sizeOf(block));
 }
 LIST_HDR* firstBlock(LIST_CHUNK_HDR* chunk)
 {
     return reinterpret_cast<LIST_HDR*>(bytesOf(chunk) + CHUNK_HDR);
+}
+LIST_HDR* endOf(LIST_CHUNK_HDR* chunk)
+{
+    return reinterpret_cast<LIST_HDR*>(bytesOf(chunk) + CHUNK_HDR + chunk->size);
+}
+LARGE_BLOCK_HDR* largeHeaderOf(void* ptr)
+{
+    return reinterpret_cast<LARGE_BLOCK_HDR*>(bytesOf(ptr) - LARGE_HDR);
 }
 LIST_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
 {
@@ -143,45 +163,126 @@ LIST_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
 
 // ---- free lists -------------------------------------------------------------------------------------------
 
+// Where a free block keeps the one before it in its list, if it has room for that beside its size.
+bool knowsBefore(const LIST_HDR* p)
+{
+    return p->size >= 2 * sizeof(void*);
+}
+LIST_HDR*& beforeOf(LIST_HDR* p)
+{
+    return *static_cast<LIST_HDR**>(payloadOf(p));
+}
+
+// The block before a free one in the list, or null.
+LIST_HDR* findBefore(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+{
+    if (knowsBefore(p))
+        return beforeOf(p);
+    LIST_HDR* q = nullptr;
+    for (LIST_HDR* at = chunk->free_hdrs; at != p; at = at->ptr.next)
+        q = at;
+    return q;
+}
+
+void setBefore(LIST_HDR* p, LIST_HDR* q)
+{
+    if (p && knowsBefore(p))
+        beforeOf(p) = q;
+}
+
 void push_on_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 {
     p->ptr.next = chunk->free_hdrs;
+    setBefore(p->ptr.next, p);
+    setBefore(p, nullptr);
     chunk->free_hdrs = p;
 }
 
-void remove_from_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q)
+void remove_from_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 {
+    LIST_HDR* q = findBefore(chunk, p);
     EKO_ASSERT(!q || q->ptr.next == p);
     EKO_ASSERT(q || chunk->free_hdrs == p);
     (q ? q->ptr.next : chunk->free_hdrs) = p->ptr.next;
+    setBefore(p->ptr.next, q);
 }
 
+// Enlarges a free block, which keeps its place.
+void growFree(LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
+{
+    LIST_HDR* q = findBefore(chunk, p);
+    p->size = size;
+    setBefore(p, q);
+}
+
+// ---- neighbours -------------------------------------------------------------------------------------------
+
+// Tells the block above that this one is free, or of its new size.
+void markFree(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+{
+    LIST_HDR* above = behind(p);
+    if (p->size > 0)
+        reinterpret_cast<size_t*>(above)[-1] = p->size;
+    if (above != endOf(chunk))
+        above->size = sizeOf(above) | (p->size > 0 ? BELOW_FREE : BELOW_EMPTY);
+}
+
+void markUsed(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+{
+    LIST_HDR* above = behind(block);
+    if (above != endOf(chunk))
+        above->size = sizeOf(above);
+}
+
+// A block in use points to its chunk, a free one at most to another block.
+LIST_HDR* freeAbove(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+{
+    LIST_HDR* above = behind(block);
+    return above != endOf(chunk) && above->ptr.chunk != chunk ? above : nullptr;
+}
+
+LIST_HDR* freeBelow(LIST_HDR* block)
+{
+    if ((block->size & FLAGS) == 0)
+        return nullptr;
+    const size_t size = block->size & BELOW_FREE ? reinterpret_cast<size_t*>(block)[-1] : 0;
+    return reinterpret_cast<LIST_HDR*>(bytesOf(block) - size - HDR);
+}
+
+// ---- which block serves a request -------------------------------------------------------------------------
+
 // Hands a free block out, whole when what would be left over could not be a block.
-LIST_HDR* use_entry(LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q, size_t size)
+LIST_HDR* use_entry(LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
 {
     LIST_HDR* block = p;
     if (p->size <= size + HDR) {
-        remove_from_free_list(chunk, p, q);
+        remove_from_free_list(chunk, p);
     } else {
         block = reinterpret_cast<LIST_HDR*>(bytesOf(p) + p->size - size); // from the end: p stays where it is
         block->size = size;
         p->size -= size + HDR;
+        markFree(chunk, p);
     }
     block->ptr.chunk = chunk;
+    markUsed(chunk, block);
     return block;
 }
 
-// The first block of exactly that size, else the smallest larger one, of equals the first met.
+// The first block of exactly that size, else the smallest larger one, of equals the first met. What a block is too large
+// by is compared as an unsigned number, in which one that is too small is too large by more than all that are not.
 BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size)
 {
-    BEST_FIT best = {nullptr, nullptr, nullptr};
+    BEST_FIT best = {nullptr, nullptr};
+    size_t least = SIZE_MAX - size;
     for (LIST_CHUNK_HDR* chunk = alctr->chunks; chunk; chunk = chunk->next) {
-        LIST_HDR* q = nullptr;
-        for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
-            if (p->size == size)
-                return {chunk, p, q};
-            if (p->size > size && (!best.p || p->size < best.p->size))
-                best = {chunk, p, q};
+        for (LIST_HDR* p = chunk->free_hdrs; p; p = p->ptr.next) {
+            const size_t excess = p->size - size;
+            if (excess < least) {
+                least = excess;
+                best = {chunk, p};
+                if (excess == 0)
+                    return best;
+            }
         }
     }
     return best;
@@ -208,9 +309,10 @@ LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     if (chunk->next)
         chunk->next->prev = chunk;
     alctr->chunks = chunk;
-    chunk->free_hdrs = firstBlock(chunk);
-    chunk->free_hdrs->size = chunk->size - HDR;
-    chunk->free_hdrs->ptr.next = nullptr;
+    chunk->free_hdrs = nullptr;
+    LIST_HDR* block = firstBlock(chunk);
+    block->size = chunk->size - HDR;
+    push_on_free_list(chunk, block);
     return chunk;
 }
 
@@ -224,63 +326,48 @@ void release_chunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk)
 
 // ---- joining ----------------------------------------------------------------------------------------------
 
-struct Neighbors {
-    LIST_HDR* above;       // the free block with the lowest address above
-    LIST_HDR* beforeAbove; // the one before it in the free list
-    LIST_HDR* below;       // the free block with the highest address below
-};
-
-Neighbors find_next_neighbor(const LIST_CHUNK_HDR* chunk, const LIST_HDR* block)
-{
-    Neighbors n = {nullptr, nullptr, nullptr};
-    LIST_HDR* q = nullptr;
-    for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
-        if (p > block && (!n.above || p < n.above)) {
-            n.above = p;
-            n.beforeAbove = q;
-        } else if (p < block && (!n.below || p > n.below)) {
-            n.below = p;
-        }
-    }
-    return n;
-}
-
 // Enlarges a block in use by the free block right behind it, if there is one.
-void absorbAbove(LIST_CHUNK_HDR* chunk, LIST_HDR* block, const Neighbors& n)
+void absorbAbove(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    if (!n.above || n.above != behind(block))
+    LIST_HDR* above = freeAbove(chunk, block);
+    if (!above)
         return;
-    remove_from_free_list(chunk, n.above, n.beforeAbove);
-    block->size += n.above->size + HDR;
+    remove_from_free_list(chunk, above);
+    block->size += above->size + HDR;
 }
 
 // Puts a block on its chunk's free list, as one with the free blocks beside it; answers that one.
 LIST_HDR* join_to_neighbors(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    const Neighbors n = find_next_neighbor(chunk, block);
-    absorbAbove(chunk, block, n);
-    if (n.below && behind(n.below) == block) {
-        n.below->size += block->size + HDR;
-        return n.below;
+    absorbAbove(chunk, block);
+    LIST_HDR* joined = freeBelow(block);
+    if (joined) {
+        growFree(chunk, joined, joined->size + HDR + sizeOf(block));
+    } else {
+        joined = block; // without flags
+        push_on_free_list(chunk, joined);
     }
-    push_on_free_list(chunk, block);
-    return block;
+    markFree(chunk, joined);
+    return joined;
 }
 
 void combine_with_next(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    absorbAbove(chunk, block, find_next_neighbor(chunk, block));
+    absorbAbove(chunk, block);
+    markUsed(chunk, block);
 }
 
-// Cuts the surplus off a block in use, as a free block that is joined with nothing.
+// Cuts the surplus off a block in use, as a free block. What is above it is in use.
 void release_extra(LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
 {
-    if (block->size <= size + HDR)
+    const size_t surplus = sizeOf(block) - size;
+    if (surplus <= HDR)
         return;
     LIST_HDR* rest = reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + size);
-    rest->size = block->size - size - HDR;
-    block->size = size;
+    rest->size = surplus - HDR;
+    block->size -= surplus;
     push_on_free_list(chunk, rest);
+    markFree(chunk, rest);
 }
 
 // ---- the three operations ---------------------------------------------------------------------------------
@@ -295,9 +382,8 @@ void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
         if (!fit.chunk)
             return nullptr;
         fit.p = fit.chunk->free_hdrs;
-        fit.q = nullptr;
     }
-    LIST_HDR* block = use_entry(fit.chunk, fit.p, fit.q, size);
+    LIST_HDR* block = use_entry(fit.chunk, fit.p, size);
     eko_inc_mem_info(&alctr->mem_info.bytes, size);
     return payloadOf(block);
 }
@@ -309,7 +395,7 @@ void internal_free(void* ptr, LIST_ALLOCATOR_ENTRY* alctr)
     // DELIBERATE: the block's own size, which can exceed the rounded size that was counted when it was handed out
     // whole. The figure drifts downwards; the engine's reports are calibrated on it. Pinned by
     // list_free_subtracts_the_blocks_own_size.
-    eko_dec_mem_info(&alctr->mem_info.bytes, block->size);
+    eko_dec_mem_info(&alctr->mem_info.bytes, sizeOf(block));
     const LIST_HDR* joined = join_to_neighbors(chunk, block);
     if (joined == firstBlock(chunk) && chunk->size == joined->size + HDR)
         release_chunk(alctr, chunk);
@@ -320,7 +406,7 @@ void* moveBlock(LIST_HDR* block, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
     void* moved = internal_alloc(newsize, alctr);
     if (!moved)
         return nullptr;
-    memcpy(moved, payloadOf(block), block->size);
+    memcpy(moved, payloadOf(block), sizeOf(block));
     internal_free(payloadOf(block), alctr);
     return moved;
 }
@@ -334,9 +420,9 @@ void* internal_realloc(void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
     LIST_HDR* block = headerOf(ptr);
     LIST_CHUNK_HDR* chunk = block->ptr.chunk;
     combine_with_next(chunk, block);
-    if (block->size < newsize)
+    if (sizeOf(block) < newsize)
         return moveBlock(block, newsize, alctr);
-    eko_inc_mem_info(&alctr->mem_info.bytes, newsize - block->size); // wraps, and so lowers, when it shrinks
+    eko_inc_mem_info(&alctr->mem_info.bytes, newsize - sizeOf(block)); // wraps, and so lowers, when it shrinks
     release_extra(chunk, block, newsize);
     return ptr;
 }
@@ -383,11 +469,6 @@ void fillSlots(LIST_ALLOCATOR_ENTRY* state, ALLOCATOR_FCNS* fcns)
     state->free_fcn = eko_freeLargeBlock;
     *fcns = {list_allocator_destroy, list_allocator_alloc,    list_allocator_realloc,
              list_allocator_free,    list_allocator_free_all, list_allocator_mem_info};
-}
-
-LARGE_BLOCK_HDR* largeHeaderOf(void* ptr)
-{
-    return reinterpret_cast<LARGE_BLOCK_HDR*>(bytesOf(ptr) - LARGE_HDR);
 }
 
 } // namespace

@@ -598,8 +598,10 @@ bool isUnlocked(const TAG_ENTRY* tag)
 bool giveAtHand(void* ptr, EKO_MEMTAG tt)
 {
     TAG_ENTRY* tag = tagAtHand(tt);
-    const bool usual = isUnlocked(tag) && tag->t_fcns.free_fcn == block_allocator_free;
-    return usual && ptr && owns(tag, ptr) && giveListed(tag->t_allocator, ptr);
+    if (!ptr || !isUnlocked(tag) || !owns(tag, ptr))
+        return false;
+    giveTo(tag, ptr);
+    return true;
 }
 
 // Whether the block holds that many bytes already.
@@ -621,10 +623,16 @@ bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
     return block;
 }
 
-[[gnu::noinline]] void* getMemFromStack(size_t size, TAG_ENTRY* tag, EKO_MEMTAG tt, const char* file, uint32 line)
+// A plain request of a size that is not refused, on a tag without a mutex.
+[[gnu::noinline]] void* getPlainMem(size_t size, TAG_ENTRY* tag, EKO_MEMTAG tt, const char* file, uint32 line)
 {
-    void* block = takeFromTop(tag->t_allocator, size);
-    return block ? block : getMem(size, tt, EKO_MEM_PLAIN, nullptr, file, line);
+    const bool onStack = tag->t_fcns.alloc_fcn == stack_allocator_alloc;
+    void* block = onStack ? takeFromTop(tag->t_allocator, size) : nullptr;
+    if (!block)
+        block = tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+    if (!block)
+        memFail(MemResult::exhausted, tt, file, line);
+    return block;
 }
 
 [[gnu::noinline]] void freeMem(void* ptr, EKO_MEMTAG tt)
@@ -645,12 +653,10 @@ bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
 void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file, uint32 line)
 {
     TAG_ENTRY* tag = mode == EKO_MEM_PLAIN ? tagAtHand(tt) : nullptr;
-    if (isUnlocked(tag)) {
-        if (tag->t_fcns.alloc_fcn == stack_allocator_alloc)
-            return getMemFromStack(size, tag, tt, file, line);
+    if (isUnlocked(tag) && size - 1 < MAX_REQUEST) { // not 0
         const bool usual = tag->t_fcns.alloc_fcn == block_allocator_alloc;
-        if (void* block = usual ? takeListed(tag->t_allocator, size) : nullptr)
-            return block;
+        void* block = usual ? takeListed(tag->t_allocator, size) : nullptr;
+        return block ? block : getPlainMem(size, tag, tt, file, line);
     }
     return getMem(size, tt, mode, data, file, line);
 }
