@@ -194,7 +194,7 @@ TEST_F(EkoTest, block_classes_are_powers_of_two_in_chunks_of_a_hundred)
         char* before = nullptr;
         for (size_t i = 0; i <= 100; ++i) {
             char* block = tag.take(i % 2 ? size / 2 + 1 : size);
-            EXPECT_TRUE(block == before - (size + 8) || i % 100 == 0); // from the chunk's end backwards
+            EXPECT_TRUE(block + size + 8 == before || i % 100 == 0); // from the chunk's end backwards
             before = block;
             tag.free(block);
             EXPECT_EQ(tag.take(size), block);
