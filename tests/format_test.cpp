@@ -108,6 +108,7 @@ TEST(Format, floats_depart_from_c)
     EXPECT_EQ(text("ab%Lfcd", 18446744073709551615.0L), "-1:ab"); // fixed style has 64 bits
     EXPECT_EQ(text("%.0Lf|%.1Lf|%.1Lf", 18446744073709551614.0L, -9223372036854775809.0L, 9223372036854775807.5L),
               "18446744073709551614|-9223372036854775809.0|9223372036854775807.5");
+    EXPECT_EQ(text("%.19Lf", 3 - 0x1p-61L), "2.9999999999999999996");       // whose double is 3
     EXPECT_EQ(text("%.25g|%.25g", 1e19, 2e19), "-1:10000000000000000000|"); // general style turns fixed
     EXPECT_EQ(text("a%Le", LDBL_TRUE_MIN), "-1:a");                         // its power of ten is 0
 }
@@ -276,6 +277,8 @@ TEST_F(FormatStrings, are_made_and_appended_to_from_all_arguments)
     std::string expected = "1made";
     char* str = formatV(tag, nullptr, "%d%s", 1, "made");
     EXPECT_EQ(EKO_MAKESTR(tag, "%d%s", 1, "made"), expected);
+    for (const int length : {510, 511, 512, 513}) // around what is formatted once
+        EXPECT_EQ(EKO_MAKESTR(tag, "%*d", length, 7), std::string(size_t(length) - 1, ' ') + '7');
     for (int i = 0; i < 100; ++i) {
         str = formatV(tag, str, fmt, 1, 2, 3, 4, 5, 6, 7, 1., 2., 3., 4., 5., 6., 7., 8., 9., 10.L, "end");
         expected += "1 2 3 4 5 6 7 1 2 3 4 5 6 7 8 9 10 end,";

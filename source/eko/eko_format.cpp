@@ -1,5 +1,5 @@
-// The part of the formatter that does not depend on the character type and is not in every directive's way: arguments
-// taken, floats taken apart. Here once for the narrow and the wide engine.
+// The part of the formatter that does not depend on the character type and is not in every directive's way:
+// arguments taken, floats taken apart. Here once for the narrow and the wide engine.
 
 #include "eko_format.h"
 #include "ekoint_float.h"

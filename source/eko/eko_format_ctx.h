@@ -1,8 +1,8 @@
 // eko_format_ctx.h - what one formatting call works on: the sink, the directive, and how text gets into the sink.
 //
 // What depends on the character type C, char or wchar_t, is a template over it; lengths are in characters. Signs,
-// prefixes and words are ASCII, kept as bytes and widened on their way into a wide sink. What else differs between the
-// two types is in FormatTraits<C>, which the module that instantiates the engine provides:
+// prefixes and words are ASCII, kept as bytes and widened on their way into a wide sink. What else differs between
+// the two types is in FormatTraits<C>, which the module that instantiates the engine provides:
 //
 //      struct Locale;                             the locale's conventions, read when first needed; made unread
 //      static const C* decimalPoint(Locale&);     null when the locale gives none
@@ -10,8 +10,8 @@
 //      static constexpr bool CONVERTS_BYTES;      whether %hs takes UTF-8 and converts it
 //      static const C* runEnd(const C* fmt);      the next '%', or the end of the format
 //
-// Every directive of every call passes here. So its pieces are written in place where they fit, as blocks, and small
-// ones without a call; which bytes are stored and counted is the same for all ways.
+// Every directive of every call passes here. So its pieces are written in place where they fit, as blocks, and
+// small ones without a call; which bytes are stored and counted is the same for all ways.
 #ifndef EKO_EKO_FORMAT_CTX_H
 #define EKO_EKO_FORMAT_CTX_H
 

@@ -40,8 +40,8 @@ inline int32 bitsOf(uint64 value)
     return 64 - __builtin_clzll(value | 1);
 }
 
-// 1233 / 4096 is log10(2), near enough for 64 bits: a number of b bits has one digit more than that of b, or as many.
-// A one in the last place leaves the number of digits as it is.
+// 1233 / 4096 is log10(2), near enough for 64 bits: a number of b bits has one digit more than that of b, or as
+// many. A one in the last place leaves the number of digits as it is.
 inline int32 countDecimals(uint64 value)
 {
     const int32 fewest = bitsOf(value) * 1233 >> 12;
@@ -92,7 +92,7 @@ template <uint32 BASE> inline void writePair(wchar_t* to, const DIGIT_PAIRS<BASE
     to[1] = pairs.of[2 * pair + 1];
 }
 
-// Eight digits at a time as long as there are more than 32 bits, whose division costs a call where registers have 32.
+// Eight digits at a time as long as there are more than 32 bits: dividing those is a call where registers have 32.
 template <class C> inline void writeDecimal(C* end, uint64 value, int32 n)
 {
     for (; value > UINT32_MAX; value /= 100000000, n -= 8) {
@@ -126,7 +126,8 @@ template <class C> inline void writeOctal(C* end, uint64 value, int32 n)
         *--end = static_cast<C>('0' + (value & 7));
 }
 
-template <class C> [[gnu::always_inline]] inline void writeDigits(C* end, uint64 value, int32 n, uint32 base, bool upper)
+template <class C>
+[[gnu::always_inline]] inline void writeDigits(C* end, uint64 value, int32 n, uint32 base, bool upper)
 {
     if (base == 10)
         writeDecimal(end, value, n);

@@ -29,9 +29,10 @@ constexpr int32 MAX_EXPONENT_TEXT = 5; // e-123
 
 // ---- in eko_format.cpp ----------------------------------------------------------------------------------
 
-// Takes the directive's argument, and takes it apart as far as the locale has no say in it. From there on ctx.precision
-// is the number of fraction digits that are printed, and of fracpart's. For a value that is no number there is the sign
-// only, and `word` receives "nan" or "inf" instead of null. False when the value cannot be printed.
+// Takes the directive's argument, and takes it apart as far as the locale has no say in it. From there on
+// ctx.precision is the number of fraction digits that are printed, and of fracpart's. For a value that is no number
+// there is the sign only, and `word` receives "nan" or "inf" instead of null. False when the value cannot be
+// printed.
 bool takeFloat(Directive& ctx, Arguments& args, FltFormat& field, const char** word);
 
 // ---- the field ------------------------------------------------------------------------------------------

@@ -24,8 +24,8 @@ struct IntFormat {
 // The directive's argument when it has a modifier, as fetchInteger; in eko_format.cpp.
 uint64 fetchModified(const Directive& ctx, Arguments& args);
 
-// The directive's argument, an integer or a pointer, widened to 64 bits: by its sign, or by zeros when the directive is
-// unsigned.
+// The directive's argument, an integer or a pointer, widened to 64 bits: by its sign, or by zeros when the
+// directive is unsigned.
 inline uint64 fetchInteger(const Directive& ctx, Arguments& args)
 {
     if (ctx.flags & F_POINTER)

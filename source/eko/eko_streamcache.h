@@ -59,8 +59,8 @@ inline const uint8* cachePeek(EKO_FILE_CACHE_CTX* cache, uint32* available)
     return cache->buff + at;
 }
 
-// Whether the next `count` bytes of the buffer are known to hold no 0xFF: found out once when it is filled, not line by
-// line. False says nothing.
+// Whether the next `count` bytes of the buffer are known to hold no 0xFF: found out once when it is filled, not
+// line by line. False says nothing.
 inline bool cachePlain(const EKO_FILE_CACHE_CTX* cache, uint32 count)
 {
     return cache->off - cache->buff_off + count <= cache->plain;

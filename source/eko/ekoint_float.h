@@ -1,8 +1,8 @@
 // ekoint_float.h - the formatter's arithmetic in extended precision.
 //
-// Everything is long double by name: the results are the same on both word sizes, whatever unit the compiler uses for
-// plain doubles. Powers of ten are stepped, not looked up, and a value's exponent is found by the same steps, so that
-// the value divided by the power of its exponent lies between 1 and 10, both included.
+// Everything is long double by name: the results are the same on both word sizes, whatever unit the compiler uses
+// for plain doubles. Powers of ten are stepped, not looked up, and a value's exponent is found by the same steps,
+// so that the value divided by the power of its exponent lies between 1 and 10, both included.
 //
 // Inline, since a long double goes through memory to a function, in halves that the processor has to wait for.
 #ifndef EKO_EKOINT_FLOAT_H
@@ -15,8 +15,8 @@ constexpr long double ALL_ONES = 18446744073709551615.0L;
 constexpr uint64 TOP_BIT = 0x8000000000000000u;
 constexpr long double DOUBLE_IS_NEAR = 2251799813685248.0L; // 2^51: up to here a double is less than 1/2 away
 
-// The floor of the decimal logarithm of |value|, which must be finite; 0 for 0. `power` receives 10 to that power, which
-// is 0 where extended precision ends.
+// The floor of the decimal logarithm of |value|, which must be finite; 0 for 0. `power` receives 10 to that power,
+// which is 0 where extended precision ends.
 inline int32 get_exponent(long double value, long double* power)
 {
     const long double a = __builtin_fabsl(value);
@@ -35,9 +35,9 @@ inline int32 get_exponent(long double value, long double* power)
     return exponent;
 }
 
-// x, at least 0, truncated; all ones when it does not fit. The signed conversion is the one the processor has, and the
-// one from a double needs no change of the rounding mode, which takes most of the time: a double is near enough to
-// tell the integer, or the one above it.
+// x, at least 0, truncated; all ones when it does not fit. The signed conversion is the one the processor has, and
+// the one from a double needs no change of the rounding mode, which takes most of the time: a double is near enough
+// to tell the integer, or the one above it.
 inline uint64 cast_double(long double x)
 {
     if (x < DOUBLE_IS_NEAR) {
@@ -51,8 +51,8 @@ inline uint64 cast_double(long double x)
     return static_cast<uint64>(static_cast<int64>(x));
 }
 
-// x, at least 0, rounded; a half goes up. Where a double is near, an integer one above the truncated x does not matter:
-// then x is less than a half below it, and it is the result.
+// x, at least 0, rounded; a half goes up. Where a double is near, an integer one above the truncated x does not
+// matter: then x is less than a half below it, and it is the result.
 inline uint64 round_float(long double x)
 {
     if (x < DOUBLE_IS_NEAR) {
