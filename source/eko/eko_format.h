@@ -4,8 +4,8 @@
 // (FormatCtx), which is parsed in a fixed order - flags, width, precision, length modifier, conversion - and
 // written by the function of its kind. A directive that fails ends the walk; what was written before stays.
 //
-// Memory  Nothing is allocated: records of known size on the stack. The calls that make strings measure first,
-//         then write, and allocate once in between.
+// Memory  Nothing is allocated: records of known size on the stack. The calls that make strings allocate once,
+//         when they know the length: a short text is copied from the stack then, a longer one formatted again.
 // State   None between calls. The locale is read per directive, when a separator or a point is needed.
 //
 // The engine is a template over the character type and is instantiated by one module for each. Fields of

@@ -60,12 +60,12 @@ template <class C> inline void writeExponent(C* to, const Directive& ctx, const 
 template <class C> inline void putFraction(FormatCtx<C>& ctx, const FltFormat& field)
 {
     const int32 digits = ctx.precision;
-    putWritten<MAX_FRACTION_DIGITS + MAX_EXPONENT_TEXT>(*ctx.sctx, static_cast<size_t>(digits + field.elen),
-                                                        [&](C* to) {
-                                                            writeDecimal(to + digits, field.fracpart, digits);
-                                                            if (field.elen > 0)
-                                                                writeExponent(to + digits, ctx, field);
-                                                        });
+    const int32 n = digits + field.elen;
+    putWritten<MAX_FRACTION_DIGITS + MAX_EXPONENT_TEXT>(*ctx.sctx, static_cast<size_t>(n), [&](C* to) {
+        writeDecimal(to + digits, field.fracpart, digits);
+        if (field.elen > 0)
+            writeExponent(to + digits, ctx, field);
+    });
 }
 
 template <class C> inline void putFloatField(FormatCtx<C>& ctx, const FltFormat& field)

@@ -127,7 +127,8 @@ template <class C> inline void putIntegerField(FormatCtx<C>& ctx, const IntForma
         putSeparated(ctx, field);
     } else {
         const int32 places = field.zpadlen + field.len;
-        putWritten<MOST_BEFORE + MAX_DIGITS>(sink, static_cast<size_t>(before + places),
+        const int32 n = before + places;
+        putWritten<MOST_BEFORE + MAX_DIGITS>(sink, static_cast<size_t>(n),
                                              [&](C* to) { writeInteger(to, ctx, field, places); });
     }
     putCopies(sink, C(' '), -field.spadlen);
@@ -139,7 +140,8 @@ template <class C> inline void putBareInteger(const FormatCtx<C>& ctx, uint64 va
     const bool negative = isNegative(ctx, value);
     const uint64 magnitude = negative ? 0 - value : value;
     const int32 places = countDigits(magnitude, ctx.base);
-    putWritten<1 + MAX_DIGITS>(*ctx.sctx, static_cast<size_t>(places + (negative ? 1 : 0)), [&](C* to) {
+    const int32 n = places + (negative ? 1 : 0);
+    putWritten<1 + MAX_DIGITS>(*ctx.sctx, static_cast<size_t>(n), [&](C* to) {
         *to = '-'; // or the first digit over it
         to += negative;
         writeDigits(to + places, magnitude, places, ctx.base, ctx.flags & F_UPPER);

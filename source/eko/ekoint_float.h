@@ -28,8 +28,10 @@ inline int32 get_exponent(long double value, long double* power)
         *power /= 10.0L;
         --exponent;
     }
-    for (long double next = 10.0L; next <= a; next *= 10.0L) {
+    long double next = 10.0L;
+    while (next <= a) {
         *power = next;
+        next *= 10.0L;
         ++exponent;
     }
     return exponent;
