@@ -189,10 +189,11 @@ template <class T> int32 getValue(EKO_INPUTBUFF inBuff, T* value)
     INPUTBUFFEREDSTREAM* s = inputOf(inBuff);
     if (!s || !value)
         return EKO_BAD_ARGUMENT;
-    if (s->had != 0 || s->len - s->pos < sizeof(T))
+    const uint32 pos = s->pos; // read once: for all that the compiler knows, the value is stored over it
+    if (s->had != 0 || s->len - pos < sizeof(T))
         return gatherValue(*s, value);
-    decode(*s, s->buf + s->pos, value);
-    s->pos += static_cast<uint32>(sizeof(T));
+    s->pos = pos + static_cast<uint32>(sizeof(T));
+    decode(*s, s->buf + pos, value);
     return EKO_OK;
 }
 
@@ -247,6 +248,12 @@ int32 outBuffPut(OUTPUTBUFFEREDSTREAM& s, const void* data, size_t len)
     return EKO_OK;
 }
 
+// Apart from putValue, which so keeps the value in a register.
+template <class Bytes> [[gnu::noinline]] int32 putImage(OUTPUTBUFFEREDSTREAM& s, Bytes image)
+{
+    return outBuffPut(s, &image, sizeof(image));
+}
+
 template <class T> int32 putValue(EKO_OUTPUTBUFF outBuff, const T& value)
 {
     OUTPUTBUFFEREDSTREAM* s = outputOf(outBuff);
@@ -256,10 +263,11 @@ template <class T> int32 putValue(EKO_OUTPUTBUFF outBuff, const T& value)
     memcpy(&image, &value, sizeof(image));
     if (s->byteswap)
         image = swapped(image);
-    if (s->size - s->pos < sizeof(image))
-        return outBuffPut(*s, &image, sizeof(image));
-    memcpy(s->buf + s->pos, &image, sizeof(image));
-    s->pos += static_cast<uint32>(sizeof(image));
+    const uint32 pos = s->pos;
+    if (s->size - pos < sizeof(image))
+        return putImage(*s, image);
+    s->pos = pos + static_cast<uint32>(sizeof(image));
+    memcpy(s->buf + pos, &image, sizeof(image));
     return EKO_OK;
 }
 
