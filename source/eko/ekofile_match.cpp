@@ -10,17 +10,30 @@
 
 namespace {
 
-bool sameLetter(char a, char b)
+// What upperAscii makes of every character: one load instead of two comparisons.
+struct UpperTable {
+    char of[256];
+    constexpr UpperTable() : of()
+    {
+        for (int c = 0; c < 256; ++c)
+            of[c] = static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
+    }
+};
+constexpr UpperTable UPPER;
+
+inline char upper(char c)
 {
-    return upperAscii(a) == upperAscii(b);
+    return UPPER.of[static_cast<uint8>(c)];
 }
 
-// The first place of that letter in a name; null when there is none.
-const char* findLetter(const char* name, char letter)
+// The first place of a letter, given in upper case, in a name; null when there is none.
+inline const char* findLetter(const char* name, char letter)
 {
-    while (*name && !sameLetter(*name, letter))
-        ++name;
-    return *name ? name : nullptr;
+    for (; *name; ++name) {
+        if (upper(*name) == letter)
+            return name;
+    }
+    return nullptr;
 }
 
 } // namespace
@@ -37,7 +50,7 @@ bool eko_match(const char* name, const char* pattern)
                 return true;
             literal = pattern + 1;
             next = name;
-        } else if (*pattern && *name && (*pattern == '?' || sameLetter(*pattern, *name))) {
+        } else if (*pattern && *name && (*pattern == '?' || upper(*pattern) == upper(*name))) {
             ++pattern;
             ++name;
             continue;
@@ -46,7 +59,7 @@ bool eko_match(const char* name, const char* pattern)
         } else if (!literal) {
             return false;
         }
-        const char* place = findLetter(next, *literal);
+        const char* place = findLetter(next, upper(*literal));
         if (!place)
             return false;
         name = next = place + 1;
