@@ -123,8 +123,11 @@ def curves(title, x_label, y_label, series):
     for value in decades(low, max(high, low * 10)):
         drawing.line(left, up(value), right, up(value), "grid")
         drawing.text(left - 8, up(value) + 4, number(value), "end", "small")
+    labelled = 0
     for value in sorted(set(xs)):
-        drawing.text(across(value), bottom + 20, number(value), "middle", "small")
+        if across(value) >= labelled + 30:  # labels closer than this would meet
+            drawing.text(across(value), bottom + 20, number(value), "middle", "small")
+            labelled = across(value)
     for i, (name, points) in enumerate(series.items()):
         colour = COLOURS[i % len(COLOURS)]
         drawing.curve([(across(x), up(y)) for x, y in points], colour, not name.startswith("eko"))
@@ -142,7 +145,9 @@ def decades(low, high):
 
 
 def number(value):
-    for size, unit in ((1e9, "G"), (1e6, "M"), (1e3, "k")):
-        if value >= size:
-            return f"{value / size:g}{unit}"
+    """A number with a letter for its size; with Ki and Mi when it is a round number of those."""
+    step, letters = (1024, ("Gi", "Mi", "Ki")) if value >= 1024 and value % 1024 == 0 else (1000, ("G", "M", "k"))
+    for power, letter in zip((3, 2, 1), letters):
+        if value >= step**power:
+            return f"{value / step**power:g}{letter}"
     return f"{value:g}"

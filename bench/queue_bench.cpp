@@ -139,7 +139,7 @@ constexpr auto manyToOne = []<class Queue>(State& state) {
 };
 
 const Options WALL = {.wall = true};
-const Options DEPTHS = {.sizes = {10, 100, 1'000, 10'000, 100'000, 1'000'000}};
+const Options DEPTHS = {.sizes = {10, 100, 1'000, 10'000, 100'000, 1'000'000, 10'000'000}};
 const Options PRODUCERS = {.wall = true, .sizes = {1, 2, 4}};
 
 const bool registered = item<EkoQueue, AprQueue, GlibQueue>("queue.one", one) &&
