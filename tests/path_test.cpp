@@ -1,4 +1,6 @@
 // Paths, directories, and what is done to files by name: on disk and in memory, narrow and wide, and with faults.
+#include <sys/time.h>
+
 #include "ekomf_int.h"
 #include "support/faults.h"
 #include "support/stories.h"
@@ -126,8 +128,8 @@ TEST_F(PathTest, path_stories)
     EXPECT_EQ(get("/m/x"), "1");
 }
 
-// Sizes around a block, and around what is read at once, in every direction, over every kind of old destination. Only
-// the blocks that it does not hold are written.
+// Sizes around a block, and around what is read at once, in every direction, over every kind of old destination.
+// Only the blocks that it does not hold are written.
 TEST_F(PathTest, path_bytes)
 {
     const Text many = readFile("/proc/self/exe");
@@ -176,9 +178,13 @@ TEST_F(PathTest, path_faults)
     EXPECT_EQ(faulty(eko_fileCopy, "c", "fstat64", EIO, 0, 0), 1002);
     EXPECT_EQ(faulty(eko_fileCopy, "c", "pread64", 0, 100, 0), 0); // blocks in pieces
     EXPECT_EQ(get("c"), BYTES);
-    EXPECT_EQ(faulty(eko_fileCopy, "b", "pread64", 0, 1500, 1), 0); // the destination's break off in the second block
+    EXPECT_EQ(faulty(eko_fileCopy, "b", "pread64", 0, 1500, 1), 0); // in the second block of the destination's
+    const timeval longAgo[] = {{1, 0}, {1, 0}};
+    EXPECT_EQ(utimes("b", longAgo), 0);
+    EXPECT_EQ(faulty(eko_fileCopy, "b", "pread64", 0, 1024, 1), 0); // between two, so that none is written
+    EXPECT_EQ(eko_fileModTimeStat("b", 0), 1);
     EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", 0, 1500, 1), 0);
-    EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", 0, 1000, 1), 1002); // in the first
+    EXPECT_EQ(faulty(eko_fileCmp, "b", "pread64", 0, 1000, 1), 1002);   // in the first
     EXPECT_EQ(faulty(eko_fileCopy, "c", "pwrite64", 0, 1124, 0), 1002); // a full disk
     EXPECT_EQ(get("c"), BYTES.substr(0, 1124));
 

@@ -31,8 +31,8 @@ uint32 lesser(EKO_FILE_OFFSET a, uint32 b)
     return a < b ? static_cast<uint32>(a) : b;
 }
 
-// The bytes from `off` to the next multiple of `unit`, also behind a short read. As both units divide 1 MiB, nothing
-// crosses a multiple of that, which a write to a mapped file must not do.
+// The bytes from `off` to the next multiple of `unit`, also behind a short read. As both units divide 1 MiB,
+// nothing crosses a multiple of that, which a write to a mapped file must not do.
 uint32 upToMultiple(EKO_FILE_OFFSET off, uint32 unit)
 {
     return unit - static_cast<uint32>(off % unit);
@@ -42,9 +42,10 @@ uint32 upToMultiple(EKO_FILE_OFFSET off, uint32 unit)
 
 // Two open files with a piece of each; closed and freed at the end. `result` keeps that memory ran out.
 //
-// A piece is some blocks, read by one call. It is decided on block by block, as if each had been read by itself: where
-// a call brings less than it was asked for, the block that it broke off in is the last one to be decided on, and the
-// next call begins behind that.
+// A piece is some blocks, read by one call. It is decided on block by block, as if each had been read by itself:
+// where a call brings less than it was asked for, the block that it broke off in is the last one to be decided on,
+// and the next call begins behind that. One that broke off between two blocks, as where a disk cannot be read any
+// further, is made again for the second of them.
 struct FilePair {
     EKO_FH first = nullptr;
     EKO_FH second = nullptr;
@@ -116,7 +117,7 @@ private:
 
     bool takePieces(uint32 bytes, MemResult* step)
     {
-        firstPiece = static_cast<char*>(tryGetMem(2 * bytes, EKO_GLOBAL_TAG, EKO_MEM_PLAIN, nullptr, step));
+        firstPiece = static_cast<char*>(tryGetMem(size_t{2} * bytes, EKO_GLOBAL_TAG, EKO_MEM_PLAIN, nullptr, step));
         if (!firstPiece)
             return false;
         secondPiece = firstPiece + bytes;
@@ -141,8 +142,8 @@ uint32 blockAt(EKO_FILE_OFFSET off, uint32 at, uint32 count)
     return lesser(count - at, upToMultiple(off + at, BLOCK_BYTES));
 }
 
-// The end of the run of blocks from `at` on that the second file holds, or of those that it does not. Of that file
-// `held` bytes were read.
+// The end of the run of blocks from `at` on that the second file holds, or of those that it does not. Of that
+// file `held` bytes were read.
 uint32 endOfRun(const FilePair& files, EKO_FILE_OFFSET off, uint32 at, uint32 count, uint32 held, bool wanted)
 {
     while (at < count) {
@@ -171,13 +172,20 @@ bool writeMissing(FilePair& files, EKO_FILE_OFFSET off, uint32 count, uint32 hel
     return true;
 }
 
+// How far a piece can be decided on when only `held` bytes of the second file could be read.
+uint32 lastDecided(EKO_FILE_OFFSET off, uint32 held, uint32 count)
+{
+    const bool betweenBlocks = held > 0 && (off + held) % BLOCK_BYTES == 0;
+    return betweenBlocks ? held : held + blockAt(off, held, count);
+}
+
 // Copies what can be decided on of a piece of `count` bytes; 0 for a failure.
 uint32 copyPiece(FilePair& files, EKO_FILE_OFFSET off, uint32 count, EKO_FILE_OFFSET oldLength, bool intoMemory)
 {
     const uint32 wanted = off < oldLength ? lesser(oldLength - off, count) : 0;
     const uint32 held = wanted ? files.readSecond(off, wanted) : 0;
     if (held < wanted)
-        count = held + blockAt(off, held, count);
+        count = lastDecided(off, held, count);
     return writeMissing(files, off, count, held, intoMemory) ? count : 0;
 }
 
