@@ -124,12 +124,20 @@ TEST_F(MappedTest, mapped_views_lie_inside_the_file)
     });
     EXPECT_TRUE(matches(said, "Failed to seek and read, errno = 0\nOut of memory\\. .*/ekofile\\.cpp:[0-9]+\n"));
     const CallFault maps("mmap64", 0);
-    for (int64 granule : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 4096, 0, 1})
+    for (int64 granule : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 4096, 0, 4096, 1})
         EXPECT_EQ(put(uint64(granule) * MIB, "view"), 4);
-    EXPECT_EQ(maps.calls(), 12u);                              // the one used longest ago makes room
+    EXPECT_EQ(maps.calls(), 12u);                                     // the one used longest ago makes room
+    FILE* const out = std::exchange(stdout, fopen("/dev/null", "r")); // nobody can be told, and the reason stays
+    {
+        const CallFault fault("mmap64", ENOMEM, 0, 0, 1); // and is gone when the new one cannot be mapped
+        EXPECT_EQ(get(20 * MIB, 1), "?");
+        for (uint32 granule = 2; granule < 10; ++granule)
+            EXPECT_EQ(get(granule * MIB, 4), "view") << granule;
+    }
+    EXPECT_EQ(truncate64(name_.c_str(), 20 * MIB), 0); // by somebody else
+    EXPECT_EQ(get(20 * MIB, 1), "?");
     EXPECT_EQ(eko_fileSync(fh_) + eko_fileSetSize(fh_, 1), 0); // views of what was behind are left
     EXPECT_EQ(put(2 * MIB - 1, "x"), -1);
-    FILE* const out = std::exchange(stdout, fopen("/dev/null", "r")); // nobody can be told, and the reason stays
     for (const char* call : {"ftruncate64", "fstat64", "mmap64"}) {
         CallFault fault(call, ENOSPC);
         EXPECT_TRUE(put(9 * MIB, "x") == -1 && errno == ENOSPC && get(9 * MIB, 1) == "?") << call;
@@ -150,6 +158,21 @@ TEST_F(MappedTest, mapped_views_lie_inside_the_file)
         EXPECT_EQ(get(5, 5), "?????"); // as if it had that length
         eko_fileClose(fh_);
     }
+}
+
+// The last one mostly lies below the first one in memory, and must not be replaced by one that reaches into it.
+TEST_F(MappedTest, mapped_views_of_two_lengths)
+{
+    fh_ = open(11 * MIB);
+    for (uint32 granule = 0; granule < 11; ++granule)
+        EXPECT_EQ(put(granule * MIB, std::to_string(10 + granule)), 2);
+    eko_fileClose(fh_);
+    EXPECT_EQ(truncate64(name_.c_str(), 10 * MIB + 2), 0);
+    fh_ = eko_fileOpen(name_.c_str(), O_RDONLY, EKO_FILE_MAPPED);
+    for (uint32 granule : {0u, 10u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 0u, 9u, 0u, 10u, 1u, 2u, 10u})
+        EXPECT_EQ(get(granule * MIB, 2), std::to_string(10 + granule));
+    eko_fileClose(fh_);
+    EXPECT_EQ(readFile("/proc/self/maps").find(name_), std::string::npos);
 }
 
 TEST_F(MappedTest, mapped_opens_share_mutexes)

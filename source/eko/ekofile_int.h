@@ -71,8 +71,9 @@ void eko_mpCloseMap(EKO_OSMAP map);
 int32 eko_mpResizeMap(EKO_OSMAP map, EKO_FILE_OFFSET size);
 void eko_mpFlushMap(EKO_OSMAP map);
 int32 eko_mpMapView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void** view);
-// The same over a view of that size, by one call of the system instead of two. When it fails the old view is gone for
-// the caller: the system does not say whether it is still there, so nobody may unmap what may be another thread's now.
+// The same over a view of that size, by one call of the system instead of two. When it fails the old view is gone
+// for the caller: the system does not say whether it is still there, so nobody may unmap what may be another
+// thread's now. At worst its addresses stay taken.
 int32 eko_mpReplaceView(EKO_OSMAP map, EKO_FILE_OFFSET off, uint32 size, void* view);
 void eko_mpUnmapView(void* view, size_t size);
 void eko_mpFlushView(void* view, size_t size);
