@@ -140,9 +140,10 @@ public:
     bool get(const char* section, const char* entry)
     {
         char* value = g_key_file_get_string(file_, section, entry, nullptr);
+        const bool found = value != nullptr;
         benchmark::DoNotOptimize(value);
         g_free(value);
-        return value != nullptr;
+        return found;
     }
 
 private:

@@ -85,8 +85,8 @@ TEST_F(IniTest, ini_reading_rules)
     EXPECT_EQ((file("none"), value(nullptr, nullptr)), "(null)");
 }
 
-// As many sections as entries in each; every name is there again, in other letters and behind the first. What was read
-// before has the same names elsewhere, and where there is no memory for an index they are found all the same.
+// As many sections as entries in each; every name is there again, in other letters and behind the first. What was
+// read before has the same names elsewhere, and where there is no memory for an index they are found all the same.
 TEST_F(IniTest, ini_first_of_many_names)
 {
     const auto named = [](const char* upperLower, int32 i, int32 count, char first) {

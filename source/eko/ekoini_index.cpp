@@ -1,9 +1,10 @@
 // INI files: finding a name among many.
 //
 // A table of places with open addressing: a power of two of slots, at least two for each element, and a name is in
-// the first free one at or behind the one that its hash says. Names that are equal without regard to case have equal
-// hashes. Of elements with equal names only the first is in the table, and a name that is found there was compared
-// in full, so the answer is that of a walk.
+// the first free one at or behind the one that its hash says. Names that are equal without regard to case have
+// equal hashes, whatever the locale: only ASCII letters have a case, for the hash as for the comparison. Of
+// elements with equal names only the first is in the table, and a name that is found there was compared in full,
+// so the answer is that of a walk.
 
 #include "ekoini_int.h"
 

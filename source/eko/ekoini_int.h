@@ -40,8 +40,8 @@ struct CutName {
 };
 
 // Finds the first element of an array that has a name, as a walk from its first to its last one would. All zero
-// bytes are one without a table. The table is made at the first search, and must be dropped before the array changes;
-// where there is no memory for it, or little to be gained, the array is walked.
+// bytes are one without a table. The table is made at the first search, and must be dropped before the array
+// changes; where there is no memory for it, or little to be gained, the array is walked.
 class NameIndex {
 public:
     template <class T> T* find(T* array, uint16 count, const CutName& wanted);

@@ -8,8 +8,8 @@
 // be 1; each level below has put 3 more in front.
 //
 // A segment is not zeroed when it is made: what will be written over need not be, and in a large one that is nearly
-// all. Instead the file knows how far it was filled. Behind that it reads as zeros, and a write further behind zeroes
-// what it leaves out. A cut keeps what was filled in the segment that stays last.
+// all. Instead the file knows how far it was filled. Behind that it reads as zeros, and a write further behind
+// zeroes what it leaves out. A cut keeps what was filled in the segment that stays last.
 //
 // Everything here runs with the file's mutex held. Offsets and counts are computed in 64 bits, however wide a
 // pointer is.
@@ -92,8 +92,8 @@ bool addSegment(MF_FILE_ENTRY* file, EKO_MEMTAG tag, MemResult* result)
 // Gives a file the segments of that size, no more and no fewer. When memory runs out, those already made stay,
 // unused, until the next time.
 // DELIBERATE: the bytes behind `size` in the last segment that stays are left as they are, and show again when the
-// file grows; only a new segment is zero. Clearing them would make each cut of a large file cost up to 8 MiB of
-// writing. Pinned by memfile_bytes.
+// file grows; only a new segment is zero. Callers that cut a file and set its length back have always found them
+// there. Pinned by memfile_bytes.
 int32 adjust_space(MF_FILE_ENTRY* file, EKO_FILE_OFFSET size, EKO_MEMTAG tag, MemResult* result)
 {
     const uint64 needed = size == 0 ? 0 : placeOf(size - 1).index + 1;

@@ -1,8 +1,8 @@
 // Directories of the operating system, listed name by name. Memory is on the global tag; no locks: an iteration
 // belongs to one thread at a time.
 //
-// Entries are read in their 64-bit form in every build: the narrow one stops at the first inode number that does not
-// fit, and the rest of the directory would be missing.
+// Entries are read in their 64-bit form in every build: the narrow one stops at the first inode number that does
+// not fit, and the rest of the directory would be missing.
 
 #include <dirent.h>
 

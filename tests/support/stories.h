@@ -1,5 +1,5 @@
-// stories.h - what is done to files by name, told as text, in every form that the calls have. For tests that include
-// syscalls.h too.
+// stories.h - what is done to files by name, told as text, in every form that the calls have. For tests that
+// include syscalls.h too.
 #ifndef EKO_TESTS_STORIES_H
 #define EKO_TESTS_STORIES_H
 
@@ -15,8 +15,8 @@
 //      put, is     a file with the text b is made, or expected; "(none)" and "(dir)" are expected too
 //      link, symlink
 //      mode        b: r for read-only, d for diskless, x for renames that fail as if to another disk
-// A name is relative to the current directory, which is emptied, or in memory if it begins with "/m". "@" stands for
-// a letter outside ASCII, "#" for 5000 letters, and "bad" for no name, or one that cannot be converted.
+// A name is relative to the current directory, which is emptied, or in memory if it begins with "/m". "@" stands
+// for a letter outside ASCII, "#" for 5000 letters, and "bad" for no name, or one that cannot be converted.
 void tell(std::string story);
 
 // Removes the files of the current directory and those of stories in memory, and ends their modes.
