@@ -39,15 +39,16 @@ uint32 twisted(uint32 word, uint32 next, uint32 far)
     return far ^ (y >> 1) ^ ((0 - (y & 1)) & MATRIX);
 }
 
-// Words FROM to TO - 1 of the next block, whose far ones are at a fixed distance. Compilers make several at once of
-// such a loop, which has no wrapping and, where they are to, a multiple of four words.
+// Words FROM to TO - 1 of the next block, whose far ones are at a fixed distance. Without a modulo, and with a
+// multiple of four turns, compilers do four turns of such a loop at once: none needs what the three before it make.
 template <uint32 FROM, uint32 TO, int32 DISTANCE> void generateWords(EKO_RAND_CTX& g)
 {
     for (int32 k = FROM; k < static_cast<int32>(TO); ++k)
         g.MT[k] = twisted(g.MT[k], g.MT[k + 1], g.MT[k + DISTANCE]);
 }
 
-// Makes the next block, in order: from WRAPPED on the far words are new ones, and for the last so is the one behind it.
+// Makes the next block, in order: from WRAPPED on the far words are new ones, and for the last so is the one
+// behind it.
 void eko_randGenerateNumbers(EKO_RAND_CTX& g)
 {
     constexpr uint32 WRAPPED = WORDS - FAR_WORD;
@@ -162,8 +163,8 @@ uint32 eko_randGetUInt32(EKO_RAND rand)
     return eko_randGetNext(*generatorOf(rand));
 }
 
-// Both words under one hold of the mutex: neighbours in the sequence, as they are for two draws that no other thread
-// comes between.
+// Both words under one hold of the mutex: neighbours in the sequence, as they are for two draws that no other
+// thread comes between.
 uint64 eko_randGetUInt64(EKO_RAND rand)
 {
     EKO_RAND_CTX& g = *generatorOf(rand);

@@ -183,7 +183,8 @@ template <class T> [[gnu::noinline]] int32 gatherValue(INPUTBUFFEREDSTREAM& s, T
     return status;
 }
 
-// A value that lies in the buffer is taken from there, unless the last get failed half-way and could be gone on with.
+// A value that lies in the buffer is taken from there, unless the last get failed half-way and could be gone on
+// with.
 template <class T> int32 getValue(EKO_INPUTBUFF inBuff, T* value)
 {
     INPUTBUFFEREDSTREAM* s = inputOf(inBuff);

@@ -294,8 +294,8 @@ int32 raised(PARSER& p)
 
 // ---- steps ------------------------------------------------------------------------------------------------
 
-// Where the loop is: the parser's depth, and the state on top. Kept beside the parser, where the compiler need not read
-// them again after each callback.
+// Where the loop is: the parser's depth, and the state on top. Kept beside the parser, where the compiler need not
+// read them again after each callback.
 struct TOP {
     size_t depth;
     int32 state;

@@ -224,10 +224,11 @@ int32 createPool(uint32 maxThreads, EKO_THRPOOL** thrPool, MemResult* result)
 
 // ---- jobs -------------------------------------------------------------------------------------------------
 
+// The description sets every field, so the record need not be zeroed first.
 int32 addJob(const EKO_THRPOOL& pool, const EKO_THRPOOL_JOB& description, EKO_THRPOOL_JOB** pjob, MemResult* result)
 {
-    auto* job = static_cast<EKO_THRPOOL_JOB*>(
-        tryGetMem(sizeof(EKO_THRPOOL_JOB), pool.tag, EKO_MEM_PLAIN, nullptr, result));
+    auto* job =
+        static_cast<EKO_THRPOOL_JOB*>(tryGetMem(sizeof(EKO_THRPOOL_JOB), pool.tag, EKO_MEM_PLAIN, nullptr, result));
     if (job)
         *job = description;
     if (pjob)

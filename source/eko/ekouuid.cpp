@@ -24,6 +24,7 @@ uint32 seededFor; // the process for which a generator was last seeded, also in 
 uint32* seededHere; // not 0: the generator was seeded in this process. Null without a page that children find empty
 
 constexpr size_t PAGE = 4096;
+constexpr int NO_ADVICE = -1;
 
 // ---- a word that is 0 in children ---------------------------------------------------------------------------
 
@@ -32,7 +33,8 @@ void mapSeededHere()
     void* page = mmap(nullptr, PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED)
         return;
-    if (madvise(page, PAGE, MADV_WIPEONFORK) == 0)
+    // An emulator that takes what is no advice takes all of it, and heeds none.
+    if (madvise(page, PAGE, NO_ADVICE) != 0 && madvise(page, PAGE, MADV_WIPEONFORK) == 0)
         seededHere = static_cast<uint32*>(page);
     else
         munmap(page, PAGE);

@@ -7,10 +7,11 @@
 //                              avail --> index of the first free slot; a free slot holds the next index, -1 ends
 //                          [1] entry = null: never needed
 //
-//           The first row with a free slot serves a request, and in it the slot freed last. Rows that are known to be
-//           full are not looked at.
-// Locks     semTabMutex guards the rows, the first of them that can serve, and the slots' avail. Nothing is requested inside it: a new block is
-//           allocated with it released. globalMutex is the critical section; it comes before every other lock.
+//           The first row with a free slot serves a request, and in it the slot freed last. Rows that are known
+//           to be full are not looked at.
+// Locks     semTabMutex guards the rows, the first of them that can serve, and the slots' avail. Nothing is
+//           requested inside it: a new block is allocated with it released. globalMutex is the critical section; it
+//           comes before every other lock.
 // Unlocked  the module's state, the rows' end of life, a mutex's count and id, an event's flag. A thread finds
 //           its own id in a mutex only if it put it there while holding it; every other thread falls through to
 //           the lock.
@@ -82,6 +83,10 @@ pthread_mutex_t globalMutex = PTHREAD_MUTEX_INITIALIZER;
 int32 uxthreads_eko_inited_get__race_condition_ok()
 {
     return readUnlocked(eko_inited);
+}
+void eko_count_inc__race_condition_ok(EKO_MUTEX_ENTRY& m)
+{
+    writeUnlocked(m.count, readUnlocked(m.count) + 1);
 }
 int32 eko_count_dec__race_condition_ok(EKO_MUTEX_ENTRY& m)
 {
@@ -337,27 +342,28 @@ void eko_syncDelete(EKO_SEM sem)
 
 namespace {
 
-// The calling thread's pthread_self, kept here for want of a quicker call; 0 in a thread that never was an owner.
-__thread pthread_t self __attribute__((tls_model("initial-exec")));
+// What pthread_self answers, kept for want of a quicker call. It never changes in a thread, and is never 0.
+pthread_t callingThread()
+{
+    static __thread pthread_t self __attribute__((tls_model("initial-exec")));
+    if (self == 0)
+        self = pthread_self();
+    return self;
+}
 
-// Whether the calling thread is in already; then it is so once more. An id of 0 is nobody's.
+// Whether the calling thread is in already; then it is so once more.
 bool enteredAgain(EKO_MUTEX_ENTRY& m)
 {
-    const int32 count = eko_count_get__race_condition_ok(m);
-    if (count == 0)
+    if (eko_count_get__race_condition_ok(m) == 0 ||
+        !pthread_equal(eko_id_get__race_condition_ok(m), callingThread()))
         return false;
-    const pthread_t id = eko_id_get__race_condition_ok(m);
-    if (id == 0 || !pthread_equal(id, self))
-        return false;
-    eko_count_set__race_condition_ok(m, count + 1);
+    eko_count_inc__race_condition_ok(m);
     return true;
 }
 
 void becomeOwner(EKO_MUTEX_ENTRY& m)
 {
-    if (self == 0)
-        self = pthread_self();
-    eko_id_set__race_condition_ok(m, self);
+    eko_id_set__race_condition_ok(m, callingThread());
     eko_count_set__race_condition_ok(m, 1);
 }
 
