@@ -124,6 +124,15 @@ TEST(SyncMisuse, sync_exit_does_not_check_the_caller)
             inThreads(1, [mutex](uint32) { eko_syncExitExcl(mutex); }); // another's
             eko_syncExitExcl(mutex);                                    // nobody's
         }
+        pthread_t ended = 0; // inside; who has its identifier then is taken for it
+        inThreads(1, [mutex, &ended](uint32) {
+            ended = pthread_self();
+            eko_syncEnterExcl(mutex);
+        });
+        inThreads(1, [mutex, ended](uint32) {
+            if (ended == pthread_self())
+                eko_syncEnterExcl(mutex);
+        });
         _Exit(HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(useAndMisuse(), testing::ExitedWithCode(0), "^(Mutex left by a thread that does not hold it\n)*$");

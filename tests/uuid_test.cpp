@@ -107,6 +107,7 @@ TEST_F(EkoTest, uuid_without_memory_or_library)
     EXPECT_EQ(exhaust(EKO_THREAD_TAG, [&] { return uuid_fromString("0-0-0-0-0-0-0", &uuid); }), "1003 1012 ");
     eko_term();
     EXPECT_EQ(uuid_fromString(text, &uuid), 1003);
+    EXPECT_EQ(uuid_fromString(std::string(text + 1, 36).c_str(), &uuid), 1003);
     EXPECT_EQ(newText(), "00000000-0000-0000-0000-000000000000"); // left alone
     ASSERT_EQ(eko_init(), 0);
 }
@@ -123,6 +124,8 @@ TEST_F(EkoTest, uuid_text_fits_or_is_cut)
     EXPECT_EQ(found, std::string(text, 37));
     EXPECT_EQ(uuid_toString(&uuid, found, 37, 0), 0);
     EXPECT_EQ(uuid_toString(&uuid, found, 36, 0), 1014);
+    EXPECT_EQ(uuid_toString(&uuid, found, 0, 0), 1014);
+    EXPECT_EQ(found, std::string(text + 1, 35));
     EXPECT_EQ(uuid_fromString(nullptr, &uuid), 1013);
     acceptUsage();
 }

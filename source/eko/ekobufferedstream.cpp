@@ -183,15 +183,15 @@ template <class T> [[gnu::noinline]] int32 gatherValue(INPUTBUFFEREDSTREAM& s, T
     return status;
 }
 
-// A value that lies in the buffer is taken from there, unless the last get failed half-way and could be gone on
-// with.
+// A value that lies in the buffer is taken from there. No get can then be gone on with: one that fails half-way has
+// emptied the buffer, and what fills it again goes on with that get or ends it.
 template <class T> int32 getValue(EKO_INPUTBUFF inBuff, T* value)
 {
     INPUTBUFFEREDSTREAM* s = inputOf(inBuff);
     if (!s || !value)
         return EKO_BAD_ARGUMENT;
     const uint32 pos = s->pos; // read once: for all that the compiler knows, the value is stored over it
-    if (s->had != 0 || s->len - pos < sizeof(T))
+    if (s->len - pos < sizeof(T))
         return gatherValue(*s, value);
     s->pos = pos + static_cast<uint32>(sizeof(T));
     decode(*s, s->buf + pos, value);

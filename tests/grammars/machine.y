@@ -27,7 +27,7 @@ item: expr ';'
     | '[' expr ']' ';' | '[' error closing ';' { $$ = NOTE(20, 2); }
     | 'y' choice 'z' { $$ = NOTE(8, $2); };
 choice: %empty { $$ = NOTE(9, 5); } | 'c' | 'c' 'c' { $$ = NOTE(10, $1 - $2); };
-expr: 'n' | '(' expr ')' { $$ = NOTE(11, $2); } | '(' error ')' { $$ = NOTE(12, 3); }
+expr: 'n' | '(' expr ')' { $$ = NOTE(11, $2); if ($$ % 8 == 3) YYERROR; } | '(' error ')' { $$ = NOTE(12, 3); }
     | expr '=' expr { $$ = NOTE(13, $1 ^ $3); } | expr '+' expr { $$ = NOTE(14, $1 + $3); if ($$ % 4 == 0) YYERROR; }
     | expr '*' expr { $$ = NOTE(15, $1 * $3); } | expr '<' expr { $$ = NOTE(16, $1 < $3); }
     | 'f' '(' arguments ')' { $$ = NOTE(17, $3); };
