@@ -85,30 +85,36 @@ bool splitInStyle(Directive& ctx, FltFormat& field, const long double& value)
         return splitValue(ctx, field, value, 1.0L);
 
     const bool general = ctx.flags & F_GSTYLE;
-    if (general)
+    if (general) {
         --ctx.precision; // counted digits before and behind the point; one is before it in exponent style
+        field.omitzeros = ctx.flags & F_ALT ? 0 : 1;
+    }
     long double power;
-    field.estyle = true;
+    field.estyle = 1;
     field.exponent = get_exponent(value, &power);
+#if EKO_CHECKED
+    EKO_ASSERT(power == power_of_10(field.exponent));
+#endif
     if (!splitValue(ctx, field, value, power))
         return false;
     // Only now is the exponent final: rounding may have raised it.
     if (!general || ctx.precision + 1 <= field.exponent || field.exponent < -4)
         return true;
     ctx.precision -= field.exponent;
-    field.estyle = false;
+    field.estyle = 0;
     return splitValue(ctx, field, value, 1.0L);
 }
 
-// In general style the fraction ends with its last digit that is not 0.
+// The fraction then ends with its last digit that is not 0.
 void omitZeros(Directive& ctx, FltFormat& field)
 {
     if (field.fracpart == 0) {
-        ctx.precision = 0;
-        return;
+        field.omitcount = ctx.precision;
+    } else {
+        for (; field.fracpart % 10 == 0; field.fracpart /= 10)
+            ++field.omitcount;
     }
-    for (; field.fracpart % 10 == 0; field.fracpart /= 10)
-        --ctx.precision;
+    ctx.precision -= field.omitcount;
 }
 
 void layOutDigits(Directive& ctx, FltFormat& field)
@@ -116,7 +122,7 @@ void layOutDigits(Directive& ctx, FltFormat& field)
     if (field.estyle)
         field.elen = field.exponent > -100 && field.exponent < 100 ? MAX_EXPONENT_TEXT - 1 : MAX_EXPONENT_TEXT;
     field.ilen = countDecimals(field.intpart);
-    if ((ctx.flags & F_GSTYLE) && !(ctx.flags & F_ALT))
+    if (field.omitzeros)
         omitZeros(ctx, field);
 }
 

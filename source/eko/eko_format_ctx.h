@@ -38,7 +38,6 @@ constexpr uint16 F_ESTYLE = 0x200;   // %e
 constexpr uint16 F_POINTER = 0x400;  // prefix as for F_ALT
 
 constexpr int32 NO_PRECISION = -1;
-constexpr int32 MAX_DIGITS = 43; // written at once, with the zeros in front of them; 64 bits in octal have 22
 
 // A va_list as a parameter has it: where the type is an array, that is the address of the caller's, whose arguments
 // are thus used up without being copied first.
@@ -188,16 +187,11 @@ template <class C> inline void putCopies(StrCtx<C>& sink, C c, int32 n)
     countOut(sink, static_cast<size_t>(n));
 }
 
-// n characters, at most MAX, that write(to) writes: where they belong, or beside it when not all of them fit.
-template <size_t MAX, class C, class Write> inline void putWritten(StrCtx<C>& sink, size_t n, Write write)
+// n characters that are stored last one first; nothing when n is 0 or below.
+template <class C> inline void putReversed(StrCtx<C>& sink, const char* text, int32 n)
 {
-    C beside[MAX];
-    const bool fits = n <= roomIn(sink);
-    write(fits ? sink.str + sink.len : beside);
-    if (fits)
-        sink.len += n;
-    else
-        putText(sink, beside, n);
+    while (n > 0)
+        putChar(sink, C(text[--n]));
 }
 
 template <class C> inline void terminate(StrCtx<C>& sink)
@@ -272,18 +266,20 @@ inline int32 separatorsFor(int32 n, int32 separatorLen)
     return n == 0 ? 0 : ((n + 2) / 3 - 1) * separatorLen;
 }
 
-// The n digits of a number, and the separators, which take some characters.
-template <class C> void putGrouped(FormatCtx<C>& ctx, uint64 value, int32 n)
+// A number's digits, stored last one first, with separators when they take any characters.
+template <class C> void putGrouped(FormatCtx<C>& ctx, const char* digits, int32 n, int32 separators)
 {
-    char digits[MAX_DIGITS];
-    writeDigits(digits + n, value, n, ctx.base, ctx.flags & F_UPPER);
+    StrCtx<C>& sink = *ctx.sctx;
+    if (separators == 0) {
+        putReversed(sink, digits, n);
+        return;
+    }
     const C* const sep = thousandsSep(ctx);
     const size_t sepLen = lengthOf(sep);
-    for (int32 i = 0; i < n; ++i) {
-        putChar(*ctx.sctx, C(digits[i]));
-        const int32 left = n - 1 - i;
-        if (left > 0 && left % 3 == 0)
-            putText(*ctx.sctx, sep, sepLen);
+    for (int32 i = n; i-- > 0;) {
+        putChar(sink, C(digits[i]));
+        if (i > 0 && i % 3 == 0)
+            putText(sink, sep, sepLen);
     }
 }
 

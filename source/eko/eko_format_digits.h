@@ -7,6 +7,7 @@
 
 #include "ekoint.h"
 
+constexpr int32 MAX_DIGITS = 43;   // of one number; 64 bits in octal have 22
 constexpr int32 MAX_DECIMALS = 19; // a power of ten with so many zeros fits 64 bits
 
 inline constexpr uint64 POWERS_OF_10[MAX_DECIMALS + 1] = {
@@ -137,6 +138,21 @@ template <class C>
         writeHex(end, value, n, upper ? UPPER_HEX : LOWER_HEX);
     else
         writeHex(end, static_cast<uint32>(value), n, upper ? UPPER_HEX : LOWER_HEX);
+}
+
+// The n characters of a text, last one first.
+inline void storeReversed(char* to, const char* text, int32 n)
+{
+    while (n > 0)
+        *to++ = text[--n];
+}
+
+// n digits, at most MAX_DIGITS, stored last one first.
+inline void storeDigits(char* to, uint64 value, int32 n, uint32 base = 10, bool upper = false)
+{
+    char digits[MAX_DIGITS];
+    writeDigits(digits + n, value, n, base, upper);
+    storeReversed(to, digits, n);
 }
 
 #endif

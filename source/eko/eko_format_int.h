@@ -2,7 +2,8 @@
 //
 //      spaces | sign | prefix | zeros | digits with separators | spaces
 //
-// The layout is known in full before the first character is written.
+// The layout is known in full before the first character is written. So the digits are written where they belong; a
+// field that is cut by the buffer's end, or has separators, is put piece by piece and takes them from the record.
 #ifndef EKO_EKO_FORMAT_INT_H
 #define EKO_EKO_FORMAT_INT_H
 
@@ -16,6 +17,7 @@ struct IntFormat {
     int32 spadlen = 0;    // spaces: before the field when positive, after it when negative
     int32 zpadlen = 0;    // zeros between prefix and digits
     int32 separators = 0; // characters that all thousands separators take
+    char tmp[MAX_DIGITS]; // the digits, last one first; set by what puts them one by one
     uint64 uval = 0;      // the magnitude
 };
 
@@ -107,50 +109,31 @@ template <class C> inline void writeInteger(C* to, const Directive& ctx, const I
     writeDigits(to + places, field.uval, places, ctx.base, ctx.flags & F_UPPER);
 }
 
-template <class C> void putSeparated(FormatCtx<C>& ctx, const IntFormat& field)
+// The same, piece by piece.
+template <class C> [[gnu::noinline]] void putPieces(FormatCtx<C>& ctx, IntFormat& field)
 {
     StrCtx<C>& sink = *ctx.sctx;
     if (field.sign)
         putChar(sink, C(field.sign));
     putText(sink, field.prefix, static_cast<size_t>(field.prefixLen));
     putCopies(sink, C('0'), field.zpadlen);
-    putGrouped(ctx, field.uval, field.len);
+    storeDigits(field.tmp, field.uval, field.len, ctx.base, ctx.flags & F_UPPER);
+    putGrouped(ctx, field.tmp, field.len, field.separators);
 }
 
-template <class C> inline void putIntegerField(FormatCtx<C>& ctx, const IntFormat& field)
+template <class C> inline void putIntegerField(FormatCtx<C>& ctx, IntFormat& field)
 {
-    constexpr int32 MOST_BEFORE = 3; // sign and prefix
     StrCtx<C>& sink = *ctx.sctx;
-    const int32 before = (field.sign ? 1 : 0) + field.prefixLen;
     putCopies(sink, C(' '), field.spadlen);
-    if (field.separators > 0 || field.zpadlen > MAX_DIGITS - field.len) {
-        putSeparated(ctx, field);
+    const int32 places = field.zpadlen + field.len; // as the width or the precision has, or as the digits take
+    const size_t n = static_cast<size_t>((field.sign ? 1 : 0) + field.prefixLen) + static_cast<size_t>(places);
+    if (field.separators > 0 || n > roomIn(sink)) {
+        putPieces(ctx, field);
     } else {
-        const int32 places = field.zpadlen + field.len;
-        const int32 n = before + places;
-        putWritten<MOST_BEFORE + MAX_DIGITS>(sink, static_cast<size_t>(n),
-                                             [&](C* to) { writeInteger(to, ctx, field, places); });
+        writeInteger(sink.str + sink.len, ctx, field, places);
+        sink.len += n;
     }
     putCopies(sink, C(' '), -field.spadlen);
-}
-
-// No more than a sign and the digits, which is what most directives ask for.
-template <class C> inline void putBareInteger(const FormatCtx<C>& ctx, uint64 value)
-{
-    const bool negative = isNegative(ctx, value);
-    const uint64 magnitude = negative ? 0 - value : value;
-    const int32 places = countDigits(magnitude, ctx.base);
-    const int32 n = places + (negative ? 1 : 0);
-    putWritten<1 + MAX_DIGITS>(*ctx.sctx, static_cast<size_t>(n), [&](C* to) {
-        *to = '-'; // or the first digit over it
-        to += negative;
-        writeDigits(to + places, magnitude, places, ctx.base, ctx.flags & F_UPPER);
-    });
-}
-
-template <class C> inline bool isBare(const FormatCtx<C>& ctx)
-{
-    return (ctx.flags & ~(F_UNSIGNED | F_UPPER)) == 0 && ctx.width == 0 && ctx.precision == NO_PRECISION;
 }
 
 template <class C> [[gnu::noinline]] void putLaidOutInteger(FormatCtx<C>& ctx, uint64 value)
@@ -158,6 +141,29 @@ template <class C> [[gnu::noinline]] void putLaidOutInteger(FormatCtx<C>& ctx, u
     IntFormat field;
     layOutInteger(ctx, value, separatorLength(ctx), field);
     putIntegerField(ctx, field);
+}
+
+// No more than a sign and the digits, which is what most directives ask for: there is nothing to lay out.
+template <class C> inline void putBareInteger(FormatCtx<C>& ctx, uint64 value)
+{
+    StrCtx<C>& sink = *ctx.sctx;
+    const bool negative = isNegative(ctx, value);
+    const uint64 magnitude = negative ? 0 - value : value;
+    const int32 places = countDigits(magnitude, ctx.base);
+    const size_t n = static_cast<size_t>(places) + (negative ? 1 : 0);
+    if (n > roomIn(sink)) {
+        putLaidOutInteger(ctx, value);
+        return;
+    }
+    C* const to = sink.str + sink.len;
+    *to = '-'; // or the first digit over it
+    writeDigits(to + n, magnitude, places, ctx.base, ctx.flags & F_UPPER);
+    sink.len += n;
+}
+
+template <class C> inline bool isBare(const FormatCtx<C>& ctx)
+{
+    return (ctx.flags & ~(F_UNSIGNED | F_UPPER)) == 0 && ctx.width == 0 && ctx.precision == NO_PRECISION;
 }
 
 template <class C> inline void putInteger(FormatCtx<C>& ctx)

@@ -36,6 +36,13 @@ private:
     }
 };
 
+using STR_CTX = StrCtx<char>;
+using FORMAT_CTX = FormatCtx<char>;
+using INT_FORMAT = IntFormat;
+using FLT_FORMAT = FltFormat;
+
+static_assert(sizeof(INT_FORMAT::tmp) == 43 && sizeof(FLT_FORMAT::econvert) == 5);
+
 int eko_vsnprintf(char* str, size_t size, const char* fmt, va_list args)
 {
     return formatV(str, size, fmt, args);

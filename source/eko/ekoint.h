@@ -184,7 +184,7 @@ struct GlobalSlot {
 // The module's record, or null when it cannot be had.
 void* globalRecord(GlobalSlot& slot);
 
-// ---- formatter -------------------------------------------------------------------------------
+// ---- formatter (ekoint_float.h) ---------------------------------------------------------------------------
 
 // Length modifier of a directive; shared by the narrow and the wide engine.
 enum CONV {

@@ -15,8 +15,19 @@ constexpr long double ALL_ONES = 18446744073709551615.0L;
 constexpr uint64 TOP_BIT = 0x8000000000000000u;
 constexpr long double DOUBLE_IS_NEAR = 2251799813685248.0L; // 2^51: up to here a double is less than 1/2 away
 
-// The floor of the decimal logarithm of |value|, which must be finite; 0 for 0. `power` receives 10 to that power,
-// which is 0 where extended precision ends.
+// 10 to the power n; infinite or 0 where extended precision ends.
+inline long double power_of_10(int32 n)
+{
+    long double power = 1.0L;
+    for (; n > 0; --n)
+        power *= 10.0L;
+    for (; n < 0; ++n)
+        power /= 10.0L;
+    return power;
+}
+
+// The floor of the decimal logarithm of |value|, which must be finite; 0 for 0. `power` receives power_of_10 of it,
+// to which the steps lead: they are the same.
 inline int32 get_exponent(long double value, long double* power)
 {
     const long double a = __builtin_fabsl(value);
