@@ -4,8 +4,10 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "bench.h"
 
@@ -14,8 +16,9 @@ namespace {
 using namespace bench;
 
 constexpr size_t FILE_BYTES = 10 * 1000 * 1000;
-constexpr int LINES = 100000; // a tenth of a million, for an iteration not to take too long
-constexpr size_t LONGEST_LINE = 120;
+constexpr uint32_t LINES = 100000;   // a tenth of a million, for an iteration not to take too long
+constexpr size_t SHORTEST_LINE = 10; // its end included, as everywhere here
+constexpr size_t LONGEST_LINE = 70;
 
 // ---- the implementations --------------------------------------------------------------------------------
 
@@ -69,6 +72,46 @@ private:
     char buffer_[BUFFER + 1];
 };
 
+// ---- the lines ------------------------------------------------------------------------------------------
+
+size_t randomLength(std::mt19937& random)
+{
+    return SHORTEST_LINE + random() % (LONGEST_LINE - SHORTEST_LINE + 1);
+}
+
+std::string randomWord(std::mt19937& random, size_t letters)
+{
+    std::string word(letters, 'a');
+    for (char& letter : word)
+        letter = static_cast<char>('a' + random() % 26);
+    return word;
+}
+
+// What is written again and again: lines of all lengths, or words that make printed lines as long as those. No more
+// than stay in the nearest cache, where a program has the line that it has just made.
+constexpr size_t TEXTS = 256;
+constexpr size_t PRINTED_BESIDE = 17; // characters of a printed line that are not its word's
+
+std::vector<std::string> linesToPut()
+{
+    std::mt19937 random(2);
+    std::vector<std::string> lines;
+    while (lines.size() < TEXTS)
+        lines.push_back(randomWord(random, randomLength(random) - 1) + '\n');
+    return lines;
+}
+
+std::vector<std::string> wordsToPrint()
+{
+    std::mt19937 random(3);
+    std::vector<std::string> words;
+    while (words.size() < TEXTS) {
+        const size_t length = randomLength(random);
+        words.push_back(randomWord(random, length > PRINTED_BESIDE ? length - PRINTED_BESIDE : 1));
+    }
+    return words;
+}
+
 // ---- reading --------------------------------------------------------------------------------------------
 
 std::string scratch(const char* name)
@@ -76,7 +119,6 @@ std::string scratch(const char* name)
     return "/dev/shm/eko_bench." + std::to_string(getpid()) + "." + name;
 }
 
-// Lines of 20 to 99 letters.
 std::string textFile()
 {
     const std::string path = scratch("read");
@@ -84,11 +126,8 @@ std::string textFile()
     must(file != nullptr, "creating a text");
     std::mt19937 random(1);
     for (size_t done = 0; done < FILE_BYTES;) {
-        const size_t letters = std::min<size_t>(20 + random() % 80, FILE_BYTES - 1 - done);
-        std::string line(letters, 'a');
-        for (char& letter : line)
-            letter = static_cast<char>('a' + random() % 26);
-        line += '\n';
+        const size_t length = std::min(randomLength(random), FILE_BYTES - done);
+        const std::string line = randomWord(random, length - 1) + '\n';
         must(fputs(line.c_str(), file) >= 0, "writing a text");
         done += line.size();
     }
@@ -98,7 +137,7 @@ std::string textFile()
 
 constexpr auto readLines = []<class Stream>(State& state) {
     const std::string path = textFile();
-    char line[LONGEST_LINE];
+    char line[LONGEST_LINE + 1];
     for (auto _ : state) {
         Stream stream(path.c_str(), "r");
         size_t bytes = 0;
@@ -125,13 +164,12 @@ constexpr auto readChars = []<class Stream>(State& state) {
 
 constexpr auto putLines = []<class Stream>(State& state) {
     const std::string path = scratch("put");
-    const char* line = "accounts: 1024 rows kept\n";
-    benchmark::DoNotOptimize(line);
+    const std::vector<std::string> lines = linesToPut();
     for (auto _ : state) {
         Stream stream(path.c_str(), "w");
         bool done = true;
-        for (int i = 0; i < LINES; ++i)
-            done &= stream.put(line);
+        for (size_t i = 0; i < LINES; ++i)
+            done &= stream.put(lines[i % TEXTS].c_str());
         must(done, "writing lines");
     }
     remove(path.c_str());
@@ -139,11 +177,12 @@ constexpr auto putLines = []<class Stream>(State& state) {
 
 constexpr auto printLines = []<class Stream>(State& state) {
     const std::string path = scratch("print");
+    const std::vector<std::string> words = wordsToPrint();
     for (auto _ : state) {
         Stream stream(path.c_str(), "w");
         bool done = true;
-        for (int i = 0; i < LINES; ++i)
-            done &= stream.print("%s %d: %08x\n", "accounts", i, static_cast<unsigned>(i) * 2654435761U);
+        for (uint32_t i = 0; i < LINES; ++i)
+            done &= stream.print("%s %d: %08x\n", words[i % TEXTS].c_str(), static_cast<int>(i), i * 2654435761U);
         must(done, "printing lines");
     }
     remove(path.c_str());
