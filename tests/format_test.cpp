@@ -227,15 +227,16 @@ TEST(FormatLocale, groups_digits_and_counts_separators_against_the_precision)
 
 TEST(Format, cuts_at_every_size)
 {
-    const char* const fmt = "run%%%c%7d|%-7d|%07d|%8s|%#.4x|%'d|%08.3f|%-12.3e|%s.";
-    const std::string all = "run%c    -42|-42    |-000042|  string|0x00ff|1,234,567|-003.125|1.500e+03   |end.";
+    const char* const fmt = "run%%%c%7d|%-7d|%07d|%8s|%#.4x|%'d|%08.3f|%-12.3e|%d%s.";
+    const std::string all = "run%c    -42|-42    |-000042|  string|0x00ff|1,234,567|-003.063|1.500e+03   |-42end.";
     for (size_t size = 0; size <= all.size() + 2; ++size) {
         std::string buf(all.size() + 8, '\xEE'), expected = buf;
         if (size > 0)
             expected.replace(0, std::min(size, all.size() + 1), all.substr(0, size - 1) + '\0');
         for (char* const dest : {buf.data(), static_cast<char*>(nullptr)}) // none: whatever the size says
-            ASSERT_EQ(print(dest, size, fmt, 'c', -42, -42, -42, "string", 255, 1234567, -3.125, 1500.0, "end"),
-                      int(all.size()));
+            ASSERT_EQ(
+                print(dest, size, fmt, 'c', -42, -42, -42, "string", 255, 1234567, -3.0625, 1500.0, -42, "end"),
+                int(all.size()));
         ASSERT_EQ(buf, expected) << size;
     }
 }

@@ -103,7 +103,7 @@ template <class C> void putFractionPieces(FormatCtx<C>& ctx, FltFormat& field)
 template <class C> inline void putFraction(FormatCtx<C>& ctx, FltFormat& field)
 {
     StrCtx<C>& sink = *ctx.sctx;
-    const size_t n = static_cast<size_t>(ctx.precision + field.elen);
+    const size_t n = static_cast<size_t>(ctx.precision) + static_cast<size_t>(field.elen);
     if (n > roomIn(sink)) {
         putFractionPieces(ctx, field);
         return;
