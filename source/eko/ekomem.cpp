@@ -115,7 +115,7 @@ void* takeFrom(TAG_ENTRY* tag, size_t size)
     return block ? block : tag->t_fcns.alloc_fcn(size, tag->t_allocator);
 }
 
-void giveTo(TAG_ENTRY* tag, void* ptr)
+[[gnu::always_inline]] inline void giveTo(TAG_ENTRY* tag, void* ptr)
 {
     const bool usual = tag->t_fcns.free_fcn == block_allocator_free;
     if (!usual || !giveListed(tag->t_allocator, ptr))
