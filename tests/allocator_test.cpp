@@ -219,6 +219,7 @@ TEST_F(EkoTest, stack_cuts_one_block_behind_the_other)
     memset(tag.take(5000), 'a', 5000);
     EXPECT_EQ(tag.figures(), Figures(5000, chunks(0))); // exactly that much, so it is full at once
     char* first = tag.take(10);
+    EXPECT_EQ(tag.take(0), nullptr);
     EXPECT_EQ(tag.take(20), first + 16);
     tag.free(first);
     EXPECT_EQ(tag.take(4096 - 48), first + 40);

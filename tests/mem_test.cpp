@@ -133,6 +133,7 @@ TEST(MemStop, calls_back_before_freeing_in_order_of_creation_and_then_nothing_wo
     for (int i = 0; i < 2; ++i) {
         EKO_TAG_MEM_INFO info;
         EXPECT_EQ(EKO_ALLOC(8, EKO_GLOBAL_TAG), nullptr);
+        EXPECT_EQ(EKO_ALLOC(8, owners[0]), nullptr); // of the last start
         EXPECT_EQ(EKO_EXTEND(&info, 8, EKO_THREAD_TAG), nullptr);
         EXPECT_EQ(logged([] { EXPECT_EQ(EKO_TAG_CREATE(BLOCK_ALLOCATOR), EKO_TAG_INVALID); }), "");
         EXPECT_EQ(eko_getTagMemInfo(EKO_GLOBAL_TAG, &info), 1002);

@@ -80,23 +80,25 @@ void remove_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_CHUNK_HDR* chunk)
     eko_freeLargeBlock(chunk, &alctr->mem_info.capacity);
 }
 
-// The blocks of a chunk are used from its end backwards, so its last block goes on the list, which is empty, and under
-// it the one before, down to the first. Small blocks are all linked. Of larger ones only the last is listed, marked with
-// the number of those before it that are not linked yet: they follow one by one, so that memory is not touched before
-// it is used. Freed blocks go on top of the list either way, so the order in which blocks are handed out is the same.
+// The blocks of a chunk are used from its end backwards, so its last block goes on the list, which is empty, and
+// under it the one before, down to the first. Small blocks are all linked. Of larger ones only the last is listed,
+// marked with the number of those before it that are not linked yet: they follow one by one, so that memory is not
+// touched before it is used. Freed blocks go on top of the list either way, so the order in which blocks are handed
+// out is the same.
 
 uintptr_t uncutMark(size_t before)
 {
     return before * 2 + 1; // odd, as no address of a block is
 }
 
-void listChunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_TYPE type, BLOCK_HDR* first)
+void split_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_TYPE type, BLOCK_HDR* first)
 {
     const size_t step = classSize(type) + HDR;
     char* last = bytesOf(first) + (BLOCKS_PER_CHUNK - 1) * step;
-    alctr->free_lists[type] = reinterpret_cast<BLOCK_HDR*>(last);
+    BLOCK_HDR*& list = listOf(alctr, type);
+    list = reinterpret_cast<BLOCK_HDR*>(last);
     if (classSize(type) > LARGEST_CUT_AT_ONCE) {
-        alctr->free_lists[type]->hdr.uncut = uncutMark(BLOCKS_PER_CHUNK - 1);
+        list->hdr.uncut = uncutMark(BLOCKS_PER_CHUNK - 1);
         return;
     }
     first->hdr.next = nullptr;
@@ -118,12 +120,12 @@ BLOCK_HDR* under(BLOCK_HDR* block, BLOCK_TYPE type)
 
 BLOCK_HDR* allocate_block(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_TYPE type)
 {
-    BLOCK_HDR*& list = alctr->free_lists[type];
+    BLOCK_HDR*& list = listOf(alctr, type);
     if (!list) {
         BLOCK_HDR* first = add_chunk(alctr, BLOCKS_PER_CHUNK * (classSize(type) + HDR));
         if (!first)
             return nullptr;
-        listChunk(alctr, type, first);
+        split_chunk(alctr, type, first);
     }
     BLOCK_HDR* block = list;
     list = under(block, type);
@@ -222,8 +224,8 @@ void block_allocator_free_all(ALLOCATOR data)
         alctr->chunks = chunk->next;
         eko_freeLargeBlock(chunk, &alctr->mem_info.capacity);
     }
-    for (BLOCK_HDR*& list : alctr->free_lists)
-        list = nullptr;
+    for (uint32 type = BLOCK_16_BYTES; type < BLOCK_LARGE; ++type)
+        listOf(alctr, static_cast<BLOCK_TYPE>(type)) = nullptr;
     writeUnlocked(alctr->mem_info.bytes.in_use, size_t{0});
     writeUnlocked(alctr->mem_info.capacity.in_use, size_t{0});
 }

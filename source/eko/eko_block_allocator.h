@@ -1,7 +1,9 @@
-// eko_block_allocator.h - inside the memory modules: the way that most requests take through the block allocator, for
-// the tag layer to take without a call. What it leaves out is in the module.
+// eko_block_allocator.h - inside the memory modules: the way that most requests take through the block allocator,
+// for the tag layer to take without a call. What it leaves out is in the module.
 #ifndef EKO_EKO_BLOCK_ALLOCATOR_H
 #define EKO_EKO_BLOCK_ALLOCATOR_H
+
+#include <stddef.h>
 
 #include <bit>
 
@@ -35,10 +37,27 @@ struct BLOCK_CHUNK_HDR {
 };
 
 struct BLOCK_ALLOCATOR_ENTRY {
-    BLOCK_HDR* free_lists[BLOCK_LARGE]; // by BLOCK_TYPE
+    BLOCK_HDR* size16;
+    BLOCK_HDR* size32;
+    BLOCK_HDR* size64;
+    BLOCK_HDR* size128;
+    BLOCK_HDR* size256;
+    BLOCK_HDR* size512;
+    BLOCK_HDR* size1024;
+    BLOCK_HDR* size2048;
+    BLOCK_HDR* size4096;
+    BLOCK_HDR* size8192;
     BLOCK_CHUNK_HDR* chunks;
     EKO_TAG_MEM_INFO mem_info;
 };
+
+static_assert(offsetof(BLOCK_ALLOCATOR_ENTRY, size8192) == BLOCK_8192_BYTES * sizeof(BLOCK_HDR*));
+
+// The free list of a class. The lists stand at the beginning, in the order of their classes.
+inline BLOCK_HDR*& listOf(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_TYPE type)
+{
+    return reinterpret_cast<BLOCK_HDR**>(alctr)[type];
+}
 
 constexpr uint32 SMALLEST_CLASS_BITS = 4; // 16 bytes
 constexpr size_t LARGEST_CLASS = 8192;
@@ -81,10 +100,11 @@ inline void* takeListed(ALLOCATOR data, size_t size)
     if (size - 1 >= LARGEST_CUT_AT_ONCE) // 0, too
         return nullptr;
     const BLOCK_TYPE type = classForRequest(size);
-    BLOCK_HDR* block = alctr->free_lists[type];
+    BLOCK_HDR*& list = listOf(alctr, type);
+    BLOCK_HDR* block = list;
     if (!block)
         return nullptr;
-    alctr->free_lists[type] = block->hdr.next;
+    list = block->hdr.next;
     return handOut(alctr, block, classSize(type));
 }
 
@@ -96,7 +116,7 @@ inline bool giveListed(ALLOCATOR data, void* ptr)
     const size_t size = static_cast<size_t>(block->hdr.size);
     if (size > LARGEST_CLASS)
         return false;
-    BLOCK_HDR*& list = alctr->free_lists[classOfSize(size)];
+    BLOCK_HDR*& list = listOf(alctr, classOfSize(size));
     block->hdr.next = list;
     list = block;
     eko_dec_mem_info(&alctr->mem_info.bytes, size);

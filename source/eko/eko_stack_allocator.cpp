@@ -6,10 +6,11 @@
 //
 //         A request is served by the newest partial chunk that has room for it. Chunks with a few bytes left stay
 //         partial for ever, so these are not a list but a tree, in which that one is found without a look at the
-//         others: from the newest to the oldest in order, and in no place more room than in the one above it.
+//         others: from the newest to the oldest in order, and in no place more room than in the one above it. Only
+//         the newest, on top, can have less, until a request does not fit there.
 //
 //                    80             the newest with room for 24: from 80 on to the newer 32, whose newer 16 is
-//             newer /  | older      too small
+//              prev /  | next       too small
 //                 32   80
 //                / |    |
 //              16  24   8
@@ -33,15 +34,15 @@ STACK_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
 
 // ---- the tree of partial chunks ---------------------------------------------------------------------------
 
-// The link to the newest chunk with that much room, or null. While a newer one has room, it is that one or one still
-// newer: what else is below has less room or is older.
+// The link to the newest chunk with that much room, or null. While a newer one has room, it is that one or one
+// still newer: what else is below has less room or is older.
 STACK_CHUNK_HDR** newestWithRoom(STACK_CHUNK_HDR** root, size_t size)
 {
     STACK_CHUNK_HDR** at = root;
     if (!*at || (*at)->left < size)
         return nullptr;
-    while ((*at)->newer && (*at)->newer->left >= size)
-        at = &(*at)->newer;
+    while ((*at)->prev && (*at)->prev->left >= size)
+        at = &(*at)->prev;
     return at;
 }
 
@@ -54,21 +55,21 @@ uint32 roomOf(const STACK_CHUNK_HDR* chunk)
 STACK_CHUNK_HDR** raiseNewer(STACK_CHUNK_HDR** at)
 {
     STACK_CHUNK_HDR* chunk = *at;
-    STACK_CHUNK_HDR* raised = chunk->newer;
-    chunk->newer = raised->older;
-    raised->older = chunk;
+    STACK_CHUNK_HDR* raised = chunk->prev;
+    chunk->prev = raised->next;
+    raised->next = chunk;
     *at = raised;
-    return &raised->older;
+    return &raised->next;
 }
 
 STACK_CHUNK_HDR** raiseOlder(STACK_CHUNK_HDR** at)
 {
     STACK_CHUNK_HDR* chunk = *at;
-    STACK_CHUNK_HDR* raised = chunk->older;
-    chunk->older = raised->newer;
-    raised->newer = chunk;
+    STACK_CHUNK_HDR* raised = chunk->next;
+    chunk->next = raised->prev;
+    raised->prev = chunk;
     *at = raised;
-    return &raised->newer;
+    return &raised->prev;
 }
 
 // Moves a chunk that has less room than before down to where it belongs. A newer one with as much room stands above
@@ -77,9 +78,9 @@ STACK_CHUNK_HDR** sink(STACK_CHUNK_HDR** at)
 {
     for (;;) {
         const STACK_CHUNK_HDR* chunk = *at;
-        const uint32 newer = roomOf(chunk->newer);
-        const uint32 older = roomOf(chunk->older);
-        if (chunk->newer && newer >= chunk->left && newer >= older)
+        const uint32 newer = roomOf(chunk->prev);
+        const uint32 older = roomOf(chunk->next);
+        if (chunk->prev && newer >= chunk->left && newer >= older)
             at = raiseNewer(at);
         else if (older > chunk->left)
             at = raiseOlder(at);
@@ -91,10 +92,10 @@ STACK_CHUNK_HDR** sink(STACK_CHUNK_HDR** at)
 // Takes the newest chunk out.
 STACK_CHUNK_HDR* removeNewest(STACK_CHUNK_HDR** root)
 {
-    while ((*root)->newer)
+    while ((*root)->prev)
         raiseNewer(root);
     STACK_CHUNK_HDR* chunk = *root;
-    *root = chunk->older;
+    *root = chunk->next;
     return chunk;
 }
 
@@ -111,8 +112,8 @@ STACK_CHUNK_HDR* create_new_chunk(STACK_ALLOCATOR_ENTRY* alctr, size_t size)
         return nullptr;
     chunk->offset = 0;
     chunk->left = static_cast<uint32>(payload);
-    chunk->newer = nullptr;
-    chunk->older = alctr->partial_chunks;
+    chunk->prev = nullptr;
+    chunk->next = alctr->partial_chunks;
     alctr->partial_chunks = chunk; // it has at least as much room as any other
     return chunk;
 }
@@ -120,6 +121,8 @@ STACK_CHUNK_HDR* create_new_chunk(STACK_ALLOCATOR_ENTRY* alctr, size_t size)
 // The link to the chunk that serves a request; null when there is none.
 STACK_CHUNK_HDR** chunkWithRoom(STACK_ALLOCATOR_ENTRY* alctr, size_t size)
 {
+    if (alctr->partial_chunks)
+        sink(&alctr->partial_chunks); // after what takeFromTop took
     STACK_CHUNK_HDR** at = newestWithRoom(&alctr->partial_chunks, size);
     if (at)
         return at;
@@ -133,7 +136,7 @@ void* allocate_from_this_chunk(STACK_ALLOCATOR_ENTRY* alctr, STACK_CHUNK_HDR** a
     at = sink(at);
     if (chunk->left == 0) { // then nothing is below it
         *at = nullptr;
-        chunk->older = alctr->full_chunks;
+        chunk->next = alctr->full_chunks;
         alctr->full_chunks = chunk;
     }
     return block;
@@ -178,7 +181,7 @@ void stack_allocator_free_all(ALLOCATOR data)
         eko_freeLargeBlock(removeNewest(&alctr->partial_chunks), &alctr->mem_info.capacity);
     while (alctr->full_chunks) {
         STACK_CHUNK_HDR* chunk = alctr->full_chunks;
-        alctr->full_chunks = chunk->older;
+        alctr->full_chunks = chunk->next;
         eko_freeLargeBlock(chunk, &alctr->mem_info.capacity);
     }
 }
@@ -193,8 +196,8 @@ void stack_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
 #if EKO_CHECKED
 static bool holds(const STACK_CHUNK_HDR* chunk, const void* ptr)
 {
-    for (; chunk; chunk = chunk->older) {
-        if (within(ptr, chunk, CHUNK_HDR + chunk->offset) || (chunk->left && holds(chunk->newer, ptr)))
+    for (; chunk; chunk = chunk->next) {
+        if (within(ptr, chunk, CHUNK_HDR + chunk->offset) || (chunk->left && holds(chunk->prev, ptr)))
             return true;
     }
     return false;

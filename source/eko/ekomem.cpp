@@ -33,9 +33,10 @@ constexpr int16 SHARED = 1;
 constexpr int16 NOT_SHARED = 0;
 
 pthread_key_t tagTLSkey;
-TAG_ENTRY* tagGlobal; // null while memory is not started
-uint32 session;       // which start of memory this is; 0 while it is not started
-uint32 sessions;      // that there have been
+TAG_ENTRY* tagGlobal;              // null while memory is not started
+uint32 session;                    // which start of memory this is; 0 while it is not started
+uint32 sessions;                   // that there have been
+uintptr_t lastNoTag = UINTPTR_MAX; // as LAST_NO_TAG; while memory is not started, no value is a record
 TAG_ENTRY* taglisthead;
 TAG_ENTRY* taglisttail;
 EKO_SEM tagTabSem = EKO_SEM_INVALID;
@@ -53,10 +54,12 @@ bool terminatingNow()
     return readUnlocked(eko_terminating) != 0;
 }
 
-// The values that mean no record are neighbours: -1, 0, 1.
+// The values that mean no record are neighbours: -1, 0, 1. One more than each is this at most.
+constexpr uintptr_t LAST_NO_TAG = 2;
+
 bool isRealTag(EKO_MEMTAG tt)
 {
-    return reinterpret_cast<uintptr_t>(tt) + 1 > 2;
+    return reinterpret_cast<uintptr_t>(tt) + 1 > LAST_NO_TAG;
 }
 
 // ---- tags -------------------------------------------------------------------------------------------------
@@ -108,10 +111,19 @@ bool ownedBy(const TAG_ENTRY* tag, const void* ptr)
 
 // The allocator's own functions, entered without a call where that is the usual thing. The table decides: another
 // function there is another allocator.
+
+// A block from a list of the block allocator or from the top chunk of the stack allocator; null when it is not
+// there.
+[[gnu::always_inline]] inline void* takeUsual(TAG_ENTRY* tag, size_t size)
+{
+    if (tag->t_fcns.alloc_fcn == block_allocator_alloc)
+        return takeListed(tag->t_allocator, size);
+    return tag->t_fcns.alloc_fcn == stack_allocator_alloc ? takeFromTop(tag->t_allocator, size) : nullptr;
+}
+
 void* takeFrom(TAG_ENTRY* tag, size_t size)
 {
-    const bool usual = tag->t_fcns.alloc_fcn == block_allocator_alloc;
-    void* block = usual ? takeListed(tag->t_allocator, size) : nullptr;
+    void* block = takeUsual(tag, size);
     return block ? block : tag->t_fcns.alloc_fcn(size, tag->t_allocator);
 }
 
@@ -183,8 +195,8 @@ TAG_ENTRY* makeTag(jmp_buf* jb, int16 flags, EKO_ALLOCATOR_TYPE type, EKO_DESTRO
     return tag;
 }
 
-// The calling thread's tag as it was last found, so that most requests need no look at the thread's storage. It is that
-// of one start of memory: after the next one the thread has no tag, whatever is remembered here.
+// The calling thread's tag as it was last found, so that most requests need no look at the thread's storage. It is
+// that of one start of memory: after the next one the thread has no tag, whatever is remembered here.
 struct RememberedTag {
     TAG_ENTRY* tag;
     uint32 session;
@@ -217,17 +229,18 @@ TAG_ENTRY* getTLSTag(MemResult* result)
     TAG_ENTRY* tag = existingTLSTag();
     if (!tag && tagGlobal)
         tag = makeTLSTag(result);
-    rememberedTag = {tag, readUnlocked(session)};
+    const uint32 current = readUnlocked(session);
+    rememberedTag = {current ? tag : nullptr, current};
     return tag;
 }
 
 // The tag that a caller's value means, when it is known without a lock or a call; null leaves it to getCorrectTag.
 TAG_ENTRY* tagAtHand(EKO_MEMTAG tt)
 {
-    const uint32 current = readUnlocked(session);
-    if (tt == EKO_THREAD_TAG)
-        return rememberedTag.session == current ? rememberedTag.tag : nullptr;
-    return current && isRealTag(tt) ? tt : nullptr;
+    if (reinterpret_cast<uintptr_t>(tt) + 1 > readUnlocked(lastNoTag))
+        return tt;
+    const bool known = tt == EKO_THREAD_TAG && rememberedTag.session == readUnlocked(session);
+    return known ? rememberedTag.tag : nullptr;
 }
 
 // The tag that a caller's value means; null when there is none. While the library stops, null is nobody's tag.
@@ -437,6 +450,7 @@ void destroyGlobalTag()
     TAG_ENTRY* tag = tagGlobal;
     tagGlobal = nullptr;
     writeUnlocked(session, uint32{0});
+    writeUnlocked(lastNoTag, UINTPTR_MAX);
     EKO_TAG_DESTROY(tag);
 }
 
@@ -475,6 +489,7 @@ int32 eko_memInit()
     if (startTags()) {
         sessions += sessions == UINT32_MAX ? 2 : 1; // never 0
         writeUnlocked(session, sessions);
+        writeUnlocked(lastNoTag, LAST_NO_TAG);
         return EKO_OK;
     }
     eko_tlsDestroyKey(tagTLSkey);
@@ -584,9 +599,9 @@ void eko_releaseTLSTag(void)
 
 // ---- blocks -----------------------------------------------------------------------------------------------
 //
-// Most requests are plain ones on a tag without a mutex, met by a list of the block allocator or by the top chunk of the
-// stack allocator. They are tried first, and do there what the general way would do. Whatever is different about a
-// request, it goes the general way.
+// Most requests are plain ones on a tag without a mutex, met by a list of the block allocator or by the top chunk
+// of the stack allocator. They are tried first, and do there what the general way would do. Whatever is different
+// about a request, it goes the general way.
 
 namespace {
 
@@ -612,26 +627,26 @@ bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
     return usual && ptr && newsize && owns(tag, ptr) && blockHeaderOf(const_cast<void*>(ptr))->hdr.size >= newsize;
 }
 
-// Out of line, so that the usual way saves no registers for these.
+// A plain request of a size that is not refused, on a tag without a mutex.
+void* getPlainMem(size_t size, TAG_ENTRY* tag, EKO_MEMTAG tt, const char* file, uint32 line)
+{
+    void* block = tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+    if (!block)
+        memFail(MemResult::exhausted, tt, file, line);
+    return block;
+}
+
+// Out of line and with the arguments where they are, so that the usual way saves and moves no registers for it.
 [[gnu::noinline]] void* getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file,
                                uint32 line)
 {
+    TAG_ENTRY* tag = mode == EKO_MEM_PLAIN ? tagAtHand(tt) : nullptr;
+    if (isUnlocked(tag) && size - 1 < MAX_REQUEST) // not 0
+        return getPlainMem(size, tag, tt, file, line);
     MemResult result;
     void* block = tryGetMem(size, tt, mode, data, &result);
     if (!block)
         memFail(result, tt, file, line);
-    return block;
-}
-
-// A plain request of a size that is not refused, on a tag without a mutex.
-[[gnu::noinline]] void* getPlainMem(size_t size, TAG_ENTRY* tag, EKO_MEMTAG tt, const char* file, uint32 line)
-{
-    const bool onStack = tag->t_fcns.alloc_fcn == stack_allocator_alloc;
-    void* block = onStack ? takeFromTop(tag->t_allocator, size) : nullptr;
-    if (!block)
-        block = tag->t_fcns.alloc_fcn(size, tag->t_allocator);
-    if (!block)
-        memFail(MemResult::exhausted, tt, file, line);
     return block;
 }
 
@@ -652,13 +667,11 @@ bool holdsAtHand(const void* ptr, size_t newsize, EKO_MEMTAG tt)
 
 void* eko_getMem(size_t size, EKO_MEMTAG tt, int32 mode, const void* data, const char* file, uint32 line)
 {
-    TAG_ENTRY* tag = mode == EKO_MEM_PLAIN ? tagAtHand(tt) : nullptr;
-    if (isUnlocked(tag) && size - 1 < MAX_REQUEST) { // not 0
-        const bool usual = tag->t_fcns.alloc_fcn == block_allocator_alloc;
-        void* block = usual ? takeListed(tag->t_allocator, size) : nullptr;
-        return block ? block : getPlainMem(size, tag, tt, file, line);
-    }
-    return getMem(size, tt, mode, data, file, line);
+    if (mode != EKO_MEM_PLAIN)
+        return getMem(size, tt, mode, data, file, line);
+    TAG_ENTRY* tag = tagAtHand(tt);
+    void* block = isUnlocked(tag) ? takeUsual(tag, size) : nullptr;
+    return block ? block : getMem(size, tt, EKO_MEM_PLAIN, nullptr, file, line);
 }
 
 void* eko_extendMem(const void* ptr, size_t newsize, EKO_MEMTAG tt, int32 clear, size_t incsize, const char* file,
