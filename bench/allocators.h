@@ -1,5 +1,5 @@
-// The allocators that benches compare, ours and the peers, under one shape: an object that takes, grows and gives back
-// blocks, and an arena whose blocks all go with it.
+// The allocators that benches compare, ours and the peers, under one shape: an object that takes, grows and gives
+// back blocks, and an arena whose blocks all go with it.
 
 #ifndef EKO_BENCH_ALLOCATORS_H
 #define EKO_BENCH_ALLOCATORS_H
@@ -104,14 +104,16 @@ private:
 };
 
 #if BENCH_APR
-// A pool below one that lives as long as the program, which keeps the memory of those that have gone.
-class AprPool {
+// A pool below one that lives as long as the program. That keeps the memory of those that have gone for the next
+// one, as pools usually do, where a tag gives its chunks back. A pool with an allocator of its own would give back,
+// too; that is as legitimate, and not what is measured here.
+class AprArena {
 public:
     static constexpr const char* NAME = "apr";
-    AprPool() { must(apr_pool_create(&pool_, root()) == APR_SUCCESS, "apr_pool_create"); }
-    ~AprPool() { apr_pool_destroy(pool_); }
-    AprPool(const AprPool&) = delete;
-    AprPool& operator=(const AprPool&) = delete;
+    AprArena() { must(apr_pool_create(&pool_, root()) == APR_SUCCESS, "apr_pool_create"); }
+    ~AprArena() { apr_pool_destroy(pool_); }
+    AprArena(const AprArena&) = delete;
+    AprArena& operator=(const AprArena&) = delete;
 
     void* take(size_t size) { return apr_palloc(pool_, size); }
 
@@ -129,7 +131,7 @@ private:
     apr_pool_t* pool_ = nullptr;
 };
 #else
-using AprPool = Absent;
+using AprArena = Absent;
 #endif
 
 #if BENCH_TALLOC

@@ -9,8 +9,8 @@
 //   });
 //
 // registers alloc.mixed@eko and alloc.mixed@glibc. A peer whose library the build does not have is an alias of
-// bench::Absent and is left out; one that is looked for at run time says so in a static bool there(). What is asked of
-// an item stands in goals.tsv.
+// bench::Absent and is left out; one that is looked for at run time says so in a static bool there(). What is asked
+// of an item stands in goals.tsv.
 
 #ifndef EKO_BENCH_H
 #define EKO_BENCH_H
@@ -35,7 +35,6 @@ struct Absent {};
 struct Options {
     int threads = 1;                           // more than one: measured by the clock, in every thread
     bool wall = false;                         // measured by the clock: the work waits, or others do it
-    bool shared = false;                       // measured by the processor time of all threads
     std::initializer_list<int64_t> sizes = {}; // run once for each, as state.range(0); the name ends in "/size"
 };
 
@@ -54,8 +53,6 @@ void implementation(const std::string& item, const Options& options, Work work)
             run->Threads(options.threads);
         if (options.wall || options.threads > 1)
             run->UseRealTime();
-        if (options.shared)
-            run->MeasureProcessCPUTime();
         for (int64_t size : options.sizes)
             run->Arg(size);
     }
@@ -72,8 +69,8 @@ template <class... Implementations, class Work> bool item(const char* name, Work
     return item<Implementations...>(name, Options{}, work);
 }
 
-// The pointer, of which the compiler then knows nothing. (benchmark::DoNotOptimize would do, but in 32 bits gcc may lose
-// a variable that is read again behind it.)
+// The pointer, of which the compiler then knows nothing. (benchmark::DoNotOptimize would do, but in 32 bits gcc may
+// lose a variable that is read again behind it.)
 template <class T> T* opaque(T* pointer)
 {
     __asm__ volatile("" : "+r"(pointer) : : "memory");
