@@ -208,8 +208,9 @@ TEST_F(EkoTest, block_classes_are_powers_of_two_in_chunks_of_a_hundred)
     EXPECT_EQ(tag.figures(), Figures(want.first + 8224, want.second + 8224 + 8 + 4 * WORD));
     EKO_TAG_EMPTY(tag.tag);
     EXPECT_EQ(tag.figures(), Figures(0, 0));
-    memset(tag.take(64), 'x', 64); // nothing of the chunks that are gone is on the lists
-    EXPECT_EQ(tag.figures(), Figures(64, 7200 + 4 * WORD));
+    for (size_t size = 32; size <= 8192; size *= 2)
+        memset(tag.take(size), 'x', size); // nothing of the chunks that are gone is on the lists
+    EXPECT_EQ(tag.figures(), Figures(16352, 100 * 16352 + 9 * (800 + 4 * WORD)));
 }
 
 TEST_F(EkoTest, stack_cuts_one_block_behind_the_other)
