@@ -187,6 +187,12 @@ def eko_thread_tags():
     return tags
 
 
+def eko_waited_for(frame):
+    """The handle that a waiting call has got: its argument, or where that is optimised out the slot, which it names."""
+    sem = frame.read_var("sem")
+    return int(frame.read_var("slot") if sem.is_optimized_out else sem)
+
+
 def eko_waiting():
     """gdb's numbers of the waiting threads by the handle of what they wait for."""
     waiting = {}
@@ -201,7 +207,7 @@ def eko_waiting():
             while frame and depth < EKO_FRAMES and frame.name() not in ("eko_syncEnterExcl", "eko_syncWait"):
                 frame, depth = frame.older(), depth + 1
             if frame and depth < EKO_FRAMES:
-                waiting.setdefault(int(frame.read_var("sem")), []).append(str(thread.num))
+                waiting.setdefault(eko_waited_for(frame), []).append(str(thread.num))
         except gdb.error:
             pass  # it runs, its stack is damaged, or the handle is optimised out
     chosen.switch()
