@@ -1,5 +1,7 @@
 // The four allocators behind a tag, and the large blocks behind the allocators: layout, which block serves a request,
 // figures, and a long random life.
+#include <optional>
+
 #include "ekomem_int.h"
 #include "support/faults.h"
 #include "support/fixture.h"
@@ -66,78 +68,107 @@ TEST_F(EkoTest, list_takes_the_exact_block_then_the_smallest_then_the_first)
     EXPECT_EQ(tag.take(304 - HDR), blocks[3] + 400 - (304 - HDR)); // cut from the end
 }
 
-// A literal model of one chunk of 4096 bytes: its free blocks, the one that was freed last in front.
+// A literal model of chunks of 4096 bytes, the newest in front, each with its free blocks, the one that was freed last in
+// front.
 class ListModel {
 public:
-    explicit ListModel(char* start) : free_{{start, 4096 - HDR}} {}
-
     // Where a block of that size is to come from, null when from another chunk; its whole size.
     std::pair<char*, size_t> take(size_t size)
     {
-        auto best = free_.end();
-        for (auto at = free_.begin(); at != free_.end(); ++at) {
-            if (at->second >= size && (best == free_.end() || at->second < best->second))
-                best = at;
+        std::vector<Block>* from = nullptr;
+        size_t best = 0;
+        for (Chunk& chunk : chunks_) {
+            for (size_t i = 0; i < chunk.free.size(); ++i) {
+                const size_t has = chunk.free[i].second;
+                if (has >= size && (!from || has < (*from)[best].second)) {
+                    from = &chunk.free;
+                    best = i;
+                }
+            }
         }
-        if (best == free_.end())
+        if (!from)
             return {nullptr, 0};
-        const std::pair<char*, size_t> whole = *best;
+        const Block whole = (*from)[best];
         if (whole.second <= size + HDR) {
-            free_.erase(best);
+            from->erase(from->begin() + static_cast<ptrdiff_t>(best));
             return whole;
         }
-        best->second -= size + HDR;
-        return {whole.first + best->second + HDR, size};
+        (*from)[best].second -= size + HDR;
+        return {whole.first + whole.second - size, size};
+    }
+
+    // The chunk whose last block is this one.
+    void add(const char* block, size_t size)
+    {
+        char* start = const_cast<char*>(block) + size - WHOLE;
+        chunks_.insert(chunks_.begin(), {start, {{start, WHOLE}}});
     }
 
     void give(char* block, size_t size)
     {
-        const auto isAt = [](char* at) { return [=](const auto& each) { return each.first == at; }; };
-        const auto above = std::find_if(free_.begin(), free_.end(), isAt(block + size + HDR));
-        if (above != free_.end()) {
+        const auto holds = [=](const Chunk& each) { return block >= each.start && block <= each.start + WHOLE; };
+        const auto chunk = std::find_if(chunks_.begin(), chunks_.end(), holds);
+        const auto isAt = [](char* at) { return [=](const Block& each) { return each.first == at; }; };
+        const auto above = std::find_if(chunk->free.begin(), chunk->free.end(), isAt(block + size + HDR));
+        if (above != chunk->free.end()) {
             size += above->second + HDR;
-            free_.erase(above);
+            chunk->free.erase(above);
         }
-        const auto endsHere = [=](const auto& each) { return each.first + each.second + HDR == block; };
-        const auto below = std::find_if(free_.begin(), free_.end(), endsHere);
-        if (below != free_.end())
+        const auto endsHere = [=](const Block& each) { return each.first + each.second + HDR == block; };
+        const auto below = std::find_if(chunk->free.begin(), chunk->free.end(), endsHere);
+        if (below != chunk->free.end())
             below->second += size + HDR;
         else
-            free_.insert(free_.begin(), {block, size});
+            chunk->free.insert(chunk->free.begin(), {block, size});
+        if (chunk->free.size() == 1 && chunk->free.front().second == WHOLE)
+            chunks_.erase(chunk);
     }
 
+    size_t chunks() const { return chunks_.size(); }
+
 private:
-    std::vector<std::pair<char*, size_t>> free_;
+    static constexpr size_t WHOLE = 4096 - HDR;
+    using Block = std::pair<char*, size_t>;
+    struct Chunk {
+        char* start;
+        std::vector<Block> free;
+    };
+
+    std::vector<Chunk> chunks_;
 };
 
 TEST_F(EkoTest, list_takes_and_joins_as_a_walk_through_its_free_blocks_would)
 {
-    const OwnTag tag(LIST_ALLOCATOR);
-    char* const first = tag.take(8); // at the chunk's end, and never freed
-    ListModel model(first + 8 - (4096 - HDR));
-    EXPECT_EQ(model.take(8).first, first);
-    std::vector<std::pair<char*, size_t>> alive;
-    std::mt19937 random(20240229);
-    for (uint32 i = 0; i < 20000; ++i) {
-        if (random() % 2 && !alive.empty()) {
-            std::swap(alive[random() % alive.size()], alive.back());
-            tag.free(alive.back().first);
-            model.give(alive.back().first, alive.back().second);
-            alive.pop_back();
-            continue;
+    for (const size_t largest : {2u, 20u, 160u}) { // in units of 8 bytes
+        const OwnTag tag(LIST_ALLOCATOR);
+        ListModel model;
+        std::vector<std::pair<char*, size_t>> alive;
+        std::mt19937 random(20240229);
+        std::optional<FailNthAlloc> noIndex(std::in_place, 1, FailNthAlloc::ALL_FROM_THERE);
+        for (uint32 i = 0; i < 20000; ++i) {
+            if (i == 6000)
+                noIndex.reset();
+            const uint32 target = i / 4000 % 2 ? 50 : 1000;
+            if (random() % 64 < (alive.size() > target ? 40 : 24) && !alive.empty()) {
+                std::swap(alive[random() % alive.size()], alive.back());
+                tag.free(alive.back().first);
+                model.give(alive.back().first, alive.back().second);
+                alive.pop_back();
+                continue;
+            }
+            const size_t size = random() % (largest + 1) * 8; // of none, too
+            auto want = model.take(size);
+            char* block = static_cast<char*>(eko_getMem(size, tag.tag, 9, nullptr, "", 0));
+            if (!want.first) {
+                model.add(block, size);
+                want = model.take(size);
+            }
+            ASSERT_EQ(block, want.first) << i;
+            memset(block, 0xFF, want.second);
+            alive.push_back(want);
         }
-        const size_t size = random() % 20 * 8; // of none, too
-        const auto want = model.take(size);
-        char* block = static_cast<char*>(eko_getMem(size, tag.tag, 9, nullptr, "", 0));
-        if (!want.first) {
-            tag.free(block); // and with it the second chunk
-            continue;
-        }
-        ASSERT_EQ(block, want.first) << i;
-        memset(block, 0xFF, want.second);
-        alive.push_back(want);
+        EXPECT_EQ(tag.figures().second, model.chunks() * (4096 + HDR * 2 + HDR)); // with their headers
     }
-    EXPECT_EQ(tag.figures().second, 4096 + HDR * 2 + HDR); // one chunk, with its headers
 }
 
 TEST_F(EkoTest, large_block_realloc_reverses_the_figures)

@@ -231,7 +231,7 @@ BEST_FIT list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     auto* chunk = static_cast<LIST_CHUNK_HDR*>(alctr->source->alloc_fcn(&bytes, &alctr->mem_info.capacity));
     if (!chunk)
         return {nullptr, nullptr};
-    if (!alctr->index)
+    if (!alctr->index && !readUnlocked(eko_membuffer)) // a caller's buffer is all the memory there is
         alctr->index = makeIndex(alctr->chunks);
     chunk->size = bytes - CHUNK_HDR;
     chunk->order = nextNumber(alctr);
@@ -245,12 +245,23 @@ BEST_FIT list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     return {chunk, block};
 }
 
+// A tag's index goes with its last chunk.
+void dropIndex(LIST_ALLOCATOR_ENTRY* alctr)
+{
+    if (alctr == &LargeBlock)
+        return;
+    free(alctr->index);
+    alctr->index = nullptr;
+}
+
 void release_chunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk)
 {
     removeFromIndex(alctr->index, chunk, firstBlock(chunk));
     (chunk->prev ? chunk->prev->next : alctr->chunks) = chunk->next;
     if (chunk->next)
         chunk->next->prev = chunk->prev;
+    if (!alctr->chunks)
+        dropIndex(alctr);
     alctr->source->free_fcn(chunk, &alctr->mem_info.capacity);
 }
 
@@ -378,8 +389,7 @@ void list_allocator_free_all(ALLOCATOR alctr)
         state->chunks = chunk->next;
         eko_freeLargeBlock(chunk, &state->mem_info.capacity);
     }
-    free(state->index);
-    state->index = nullptr;
+    dropIndex(state);
 }
 
 void list_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
