@@ -140,7 +140,7 @@ size_t treeOf(size_t size)
     constexpr auto FIRST = static_cast<unsigned>(std::bit_width(LIST_EXACT));
     const auto width = static_cast<unsigned>(std::bit_width(size));
     const size_t half = size >> (width - 2) & 1;
-    const size_t tree = LIST_EXACT_TREES + 2 * (width - FIRST) + half;
+    const size_t tree = LIST_EXACT_TREES + size_t{2} * (width - FIRST) + half;
     return tree < LIST_TREES ? tree : LIST_TREES - 1;
 }
 
