@@ -3,7 +3,7 @@
 
 memory.py EKO_BENCH DOCUMENT
 
-Every figure comes from a process of its own: what a million live blocks add to its resident memory, and what starting
+Every figure comes from a process of its own: what live blocks add to its resident memory, and what starting
 and stopping the library costs (the medians of 21 processes).
 """
 
@@ -27,7 +27,7 @@ def resident(program):
         "|---|" + "--:|" * len(SIZES),
     ]
     for allocator in output(program, "resident").split():
-        cells = [int(output(program, "resident", allocator, str(size))) / 1e6 for size in SIZES]
+        cells = [float(output(program, "resident", allocator, str(size))) for size in SIZES]
         lines.append(f"| {allocator} | " + " | ".join(f"{cell:.1f}" for cell in cells) + " |")
     return lines
 

@@ -5,12 +5,15 @@
 //                 system heap or from the one buffer that the caller set; the limit and figures of the process are
 //                 kept here
 //
-// Data    chunks, blocks, free blocks and which of them serves a request: see eko_list_index.h
-//         large block:  | LARGE_BLOCK_HDR | payload | inside a block of LargeBlock
+// Data    chunk:        | LIST_CHUNK_HDR | block | block | ... |
+//         block:        | LIST_HDR | payload |
+//         free block:   | LIST_HDR | before ... size |     in the chunk's free list, unordered
 //
-//         No two free blocks lie side by side. So that a block finds the free ones beside it at once, the block above
-//         a free one, which is in use, has a flag, and a free block keeps its size at its end, or in that flag if
-//         there is no room. Neither says anything that a walk through the free blocks would not.
+//         No two free blocks lie side by side. So that a block finds the free ones beside it at once, a free block
+//         writes into its payload the one before it in the list and, at the end, its size, as far as there is room,
+//         and the block above it, which is in use, has a flag. Neither says anything that a walk through the list
+//         would not.
+//         large block:  | LARGE_BLOCK_HDR | payload | inside a block of LargeBlock
 // Locks   A tag's allocator relies on the tag's mutex. largeBlockSem guards LargeBlock, eko_mem_stats and the
 //         caller's buffer; it is taken inside a tag's mutex, never around one, and is none before start and after
 //         stop.
@@ -18,7 +21,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "eko_list_index.h"
+#include "ekomem_int.h"
 
 // Exported, with largeBlockSem for the tag layer that creates it.
 size_t eko_memlimit;
@@ -28,18 +31,37 @@ EKO_SEM largeBlockSem = EKO_SEM_INVALID;
 
 namespace {
 
-struct LIST_SOURCE {
-    uint32 blocksize;                                         // least chunk payload to ask for
-    void* (*alloc_fcn)(size_t* size, EKO_MEM_INFO* mem_info); // may give more, and then says so in *size
-    void (*free_fcn)(void* ptr, EKO_MEM_INFO* mem_info);
+struct LIST_CHUNK_HDR;
+
+struct LIST_HDR {
+    size_t size; // bytes behind this header, a multiple of 8; in use: and what is below
+    union {
+        LIST_HDR* next;        // free: the next free block of the chunk
+        LIST_CHUNK_HDR* chunk; // in use: the chunk that holds it
+    } ptr;
 };
+
+struct LIST_CHUNK_HDR {
+    size_t size; // bytes behind this header
+    LIST_CHUNK_HDR* next;
+    LIST_CHUNK_HDR* prev;
+    LIST_HDR* free_hdrs;
+};
+
+using ChunkAlloc = void* (*)(size_t* size, EKO_MEM_INFO* mem_info); // may give more, and then says so in *size
+using ChunkFree = void (*)(void* ptr, EKO_MEM_INFO* mem_info);
 
 struct LIST_ALLOCATOR_ENTRY {
     LIST_CHUNK_HDR* chunks;
-    const LIST_SOURCE* source; // of the chunks
-    LIST_INDEX* index;         // of the free blocks; null when empty or without memory for it
-    size_t newest;             // the number given last to a chunk or as a stamp
+    uint32 blocksize; // least chunk payload to ask for
+    ChunkAlloc alloc_fcn;
+    ChunkFree free_fcn;
     EKO_TAG_MEM_INFO mem_info;
+};
+
+struct BEST_FIT {
+    LIST_CHUNK_HDR* chunk;
+    LIST_HDR* p; // the best free block so far
 };
 
 struct LARGE_BLOCK_HDR {
@@ -47,17 +69,17 @@ struct LARGE_BLOCK_HDR {
     uint32 dummy; // keeps the payload aligned
 };
 
+constexpr size_t HDR = sizeof(LIST_HDR);
+constexpr size_t CHUNK_HDR = sizeof(LIST_CHUNK_HDR);
 constexpr size_t LARGE_HDR = sizeof(LARGE_BLOCK_HDR);
 constexpr size_t BELOW_FREE = 1;  // flag: the block below is free, and its size stands at its end
-constexpr size_t BELOW_CODED = 2; // flag: the block below is free and of no bytes; one more for each 8 that it has
-constexpr size_t LARGEST_CODED = 24;
+constexpr size_t BELOW_EMPTY = 2; // flag: the block below is free and has no payload
+constexpr size_t FLAGS = BLOCK_ALIGNMENT - 1;
 constexpr uint32 TAG_BLOCKSIZE = 4096;
 constexpr uint32 SYSTEM_BLOCKSIZE = 4194304;
 
-static_assert(LARGE_HDR % BLOCK_ALIGNMENT == 0 && (sizeof(void*) != 4 || LARGE_HDR == 8));
-static_assert(BELOW_CODED + LARGEST_CODED / BLOCK_ALIGNMENT <= FLAGS);
-// What is larger has its links and its stamp before its size.
-static_assert(LARGEST_CODED + BLOCK_ALIGNMENT >= 4 * sizeof(void*));
+static_assert(HDR % BLOCK_ALIGNMENT == 0 && CHUNK_HDR % BLOCK_ALIGNMENT == 0 && LARGE_HDR % BLOCK_ALIGNMENT == 0);
+static_assert(sizeof(void*) != 4 || (HDR == 8 && CHUNK_HDR == 16 && LARGE_HDR == 8));
 // The static list allocator's state must fit its 64 bytes of static storage; on 64-bit builds it fills them.
 static_assert(sizeof(LIST_ALLOCATOR_ENTRY) == (sizeof(void*) == 4 ? 32 : 64));
 
@@ -98,14 +120,14 @@ void eko_free(void* ptr, EKO_MEM_INFO*)
     }
 }
 
-constexpr LIST_SOURCE TAG_SOURCE = {TAG_BLOCKSIZE, eko_allocLargeBlock, eko_freeLargeBlock};
-constexpr LIST_SOURCE SYSTEM_SOURCE = {SYSTEM_BLOCKSIZE, eko_malloc, eko_free};
-
-LIST_INDEX largeBlockIndex;
-LIST_ALLOCATOR_ENTRY LargeBlock = {nullptr, &SYSTEM_SOURCE, &largeBlockIndex, 0, {}};
+LIST_ALLOCATOR_ENTRY LargeBlock = {nullptr, SYSTEM_BLOCKSIZE, eko_malloc, eko_free, {}};
 
 // ---- addresses --------------------------------------------------------------------------------------------
 
+char* bytesOf(void* p)
+{
+    return static_cast<char*>(p);
+}
 LIST_HDR* headerOf(void* payload)
 {
     return reinterpret_cast<LIST_HDR*>(bytesOf(payload) - HDR);
@@ -114,13 +136,21 @@ void* payloadOf(LIST_HDR* block)
 {
     return bytesOf(block) + HDR;
 }
-size_t sizeOf(const LIST_HDR* block) // in use
+size_t sizeOf(const LIST_HDR* block)
 {
     return block->size & ~FLAGS;
 }
-LIST_HDR* behind(LIST_HDR* block) // in use
+LIST_HDR* behind(LIST_HDR* block)
 {
-    return behind(block, sizeOf(block));
+    return reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + sizeOf(block));
+}
+LIST_HDR* firstBlock(LIST_CHUNK_HDR* chunk)
+{
+    return reinterpret_cast<LIST_HDR*>(bytesOf(chunk) + CHUNK_HDR);
+}
+LIST_HDR* endOf(LIST_CHUNK_HDR* chunk)
+{
+    return reinterpret_cast<LIST_HDR*>(bytesOf(chunk) + CHUNK_HDR + chunk->size);
 }
 LARGE_BLOCK_HDR* largeHeaderOf(void* ptr)
 {
@@ -131,46 +161,70 @@ LIST_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
     return static_cast<LIST_ALLOCATOR_ENTRY*>(alctr);
 }
 
-// ---- free blocks ------------------------------------------------------------------------------------------
+// ---- free lists -------------------------------------------------------------------------------------------
 
-// When the numbers end all are given anew; chunks and blocks must be in order. A checked build does so often.
-#if EKO_CHECKED
-constexpr size_t NUMBERS = 1024;
-#else
-constexpr size_t NUMBERS = LIST_STAMPS;
-#endif
-
-size_t nextNumber(LIST_ALLOCATOR_ENTRY* alctr)
+// Where a free block keeps the one before it in its list, if it has room for that beside its size.
+bool knowsBefore(const LIST_HDR* p)
 {
-    if ((alctr->newest + 1) % NUMBERS == 0)
-        alctr->newest = renumber(alctr->chunks);
-    return ++alctr->newest;
+    return p->size >= 2 * sizeof(void*);
+}
+LIST_HDR*& beforeOf(LIST_HDR* p)
+{
+    return *static_cast<LIST_HDR**>(payloadOf(p));
 }
 
-// Makes a free block of what lies there and tells the block above, whose flags are none or say that it was free.
-void placeFree(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size, size_t stamp)
+// The block before a free one in the list, or null.
+LIST_HDR* findBefore(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 {
-    writeFree(chunk, p, size, stamp);
-    addToIndex(alctr->index, chunk, p);
-    LIST_HDR* above = behind(p, size);
-    const bool coded = size <= LARGEST_CODED;
-    if (!coded)
-        reinterpret_cast<size_t*>(above)[-1] = size;
+    if (knowsBefore(p))
+        return beforeOf(p);
+    LIST_HDR* q = nullptr;
+    for (LIST_HDR* at = chunk->free_hdrs; at != p; at = at->ptr.next)
+        q = at;
+    return q;
+}
+
+void setBefore(LIST_HDR* p, LIST_HDR* q)
+{
+    if (p && knowsBefore(p))
+        beforeOf(p) = q;
+}
+
+void push_on_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+{
+    p->ptr.next = chunk->free_hdrs;
+    setBefore(p->ptr.next, p);
+    setBefore(p, nullptr);
+    chunk->free_hdrs = p;
+}
+
+void remove_from_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+{
+    LIST_HDR* q = findBefore(chunk, p);
+    EKO_ASSERT(!q || q->ptr.next == p);
+    EKO_ASSERT(q || chunk->free_hdrs == p);
+    (q ? q->ptr.next : chunk->free_hdrs) = p->ptr.next;
+    setBefore(p->ptr.next, q);
+}
+
+// Enlarges a free block, which keeps its place.
+void growFree(LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
+{
+    LIST_HDR* q = findBefore(chunk, p);
+    p->size = size;
+    setBefore(p, q);
+}
+
+// ---- neighbours -------------------------------------------------------------------------------------------
+
+// Tells the block above that this one is free, or of its new size.
+void markFree(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+{
+    LIST_HDR* above = behind(p);
+    if (p->size > 0)
+        reinterpret_cast<size_t*>(above)[-1] = p->size;
     if (above != endOf(chunk))
-        above->size = sizeOf(above) | (coded ? BELOW_CODED + size / BLOCK_ALIGNMENT : BELOW_FREE);
-}
-
-void pushFree(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
-{
-    placeFree(alctr, chunk, p, size, nextNumber(alctr));
-}
-
-// Gives a free block another size. It keeps its place.
-void resizeFree(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
-{
-    const size_t stamp = stampOf(p);
-    removeFromIndex(alctr->index, chunk, p);
-    placeFree(alctr, chunk, p, size, stamp);
+        above->size = sizeOf(above) | (p->size > 0 ? BELOW_FREE : BELOW_EMPTY);
 }
 
 void markUsed(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
@@ -180,131 +234,140 @@ void markUsed(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
         above->size = sizeOf(above);
 }
 
-// A block in use points to its chunk, a free one does not.
+// A block in use points to its chunk, a free one at most to another block.
 LIST_HDR* freeAbove(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
     LIST_HDR* above = behind(block);
-    return above != endOf(chunk) && above->chunk != chunk ? above : nullptr;
+    return above != endOf(chunk) && above->ptr.chunk != chunk ? above : nullptr;
 }
 
 LIST_HDR* freeBelow(LIST_HDR* block)
 {
-    const size_t flags = block->size & FLAGS;
-    if (flags == 0)
+    if ((block->size & FLAGS) == 0)
         return nullptr;
-    const size_t size =
-        flags == BELOW_FREE ? reinterpret_cast<size_t*>(block)[-1] : (flags - BELOW_CODED) * BLOCK_ALIGNMENT;
+    const size_t size = block->size & BELOW_FREE ? reinterpret_cast<size_t*>(block)[-1] : 0;
     return reinterpret_cast<LIST_HDR*>(bytesOf(block) - size - HDR);
 }
 
+// ---- which block serves a request -------------------------------------------------------------------------
+
 // Hands a free block out, whole when what would be left over could not be a block.
-LIST_HDR* use_entry(LIST_ALLOCATOR_ENTRY* alctr, const BEST_FIT& fit, size_t size)
+LIST_HDR* use_entry(LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
 {
-    const size_t has = freeSize(fit.p);
-    const size_t stamp = stampOf(fit.p);
-    removeFromIndex(alctr->index, fit.chunk, fit.p); // before a header is written over what it knows
-    LIST_HDR* block = fit.p;
-    if (has <= size + HDR) {
-        block->size = has;
+    LIST_HDR* block = p;
+    if (p->size <= size + HDR) {
+        remove_from_free_list(chunk, p);
     } else {
-        block = reinterpret_cast<LIST_HDR*>(bytesOf(fit.p) + has - size); // from the end: p stays where it is
+        block = reinterpret_cast<LIST_HDR*>(bytesOf(p) + p->size - size); // from the end: p stays where it is
         block->size = size;
-        placeFree(alctr, fit.chunk, fit.p, has - size - HDR, stamp);
+        p->size -= size + HDR;
+        markFree(chunk, p);
     }
-    block->chunk = fit.chunk;
-    markUsed(fit.chunk, block);
+    block->ptr.chunk = chunk;
+    markUsed(chunk, block);
     return block;
+}
+
+// The first block of exactly that size, else the smallest larger one, of equals the first met. What a block is too large
+// by is compared as an unsigned number, in which one that is too small is too large by more than all that are not.
+BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size)
+{
+    BEST_FIT best = {nullptr, nullptr};
+    size_t least = SIZE_MAX - size;
+    for (LIST_CHUNK_HDR* chunk = alctr->chunks; chunk; chunk = chunk->next) {
+        for (LIST_HDR* p = chunk->free_hdrs; p; p = p->ptr.next) {
+            const size_t excess = p->size - size;
+            if (excess < least) {
+                least = excess;
+                best = {chunk, p};
+                if (excess == 0)
+                    return best;
+            }
+        }
+    }
+    return best;
 }
 
 // ---- chunks -----------------------------------------------------------------------------------------------
 
 // A chunk whose payload is one free block that holds `size` bytes.
-BEST_FIT list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
+LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
 {
     size_t bytes;
     if (!addSize(size, HDR, &bytes))
-        return {nullptr, nullptr};
-    if (bytes < alctr->source->blocksize)
-        bytes = alctr->source->blocksize;
+        return nullptr;
+    if (bytes < alctr->blocksize)
+        bytes = alctr->blocksize;
     if (!addSize(bytes, CHUNK_HDR, &bytes))
-        return {nullptr, nullptr};
-    auto* chunk = static_cast<LIST_CHUNK_HDR*>(alctr->source->alloc_fcn(&bytes, &alctr->mem_info.capacity));
+        return nullptr;
+    auto* chunk = static_cast<LIST_CHUNK_HDR*>(alctr->alloc_fcn(&bytes, &alctr->mem_info.capacity));
     if (!chunk)
-        return {nullptr, nullptr};
-    if (!alctr->index && !readUnlocked(eko_membuffer)) // a caller's buffer is all the memory there is
-        alctr->index = makeIndex(alctr->chunks);
+        return nullptr;
     chunk->size = bytes - CHUNK_HDR;
-    chunk->order = nextNumber(alctr);
     chunk->prev = nullptr;
     chunk->next = alctr->chunks;
     if (chunk->next)
         chunk->next->prev = chunk;
     alctr->chunks = chunk;
+    chunk->free_hdrs = nullptr;
     LIST_HDR* block = firstBlock(chunk);
-    placeFree(alctr, chunk, block, chunk->size - HDR, chunk->order);
-    return {chunk, block};
-}
-
-// A tag's index goes with its last chunk.
-void dropIndex(LIST_ALLOCATOR_ENTRY* alctr)
-{
-    if (alctr == &LargeBlock)
-        return;
-    free(alctr->index);
-    alctr->index = nullptr;
+    block->size = chunk->size - HDR;
+    push_on_free_list(chunk, block);
+    return chunk;
 }
 
 void release_chunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk)
 {
-    removeFromIndex(alctr->index, chunk, firstBlock(chunk));
     (chunk->prev ? chunk->prev->next : alctr->chunks) = chunk->next;
     if (chunk->next)
         chunk->next->prev = chunk->prev;
-    if (!alctr->chunks)
-        dropIndex(alctr);
-    alctr->source->free_fcn(chunk, &alctr->mem_info.capacity);
+    alctr->free_fcn(chunk, &alctr->mem_info.capacity);
 }
 
 // ---- joining ----------------------------------------------------------------------------------------------
 
-// Takes the free block right behind a block in use away, if there is one; answers the bytes that come with it.
-size_t takeAbove(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+// Enlarges a block in use by the free block right behind it, if there is one.
+void absorbAbove(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
     LIST_HDR* above = freeAbove(chunk, block);
     if (!above)
-        return 0;
-    removeFromIndex(alctr->index, chunk, above);
-    return HDR + freeSize(above);
+        return;
+    remove_from_free_list(chunk, above);
+    block->size += above->size + HDR;
 }
 
-// Makes a block free, as one with the free blocks beside it. Whether that fills the chunk.
-bool join_to_neighbors(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+// Puts a block on its chunk's free list, as one with the free blocks beside it; answers that one.
+LIST_HDR* join_to_neighbors(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    size_t size = sizeOf(block) + takeAbove(alctr, chunk, block);
-    LIST_HDR* below = freeBelow(block);
-    if (below) {
-        size += freeSize(below) + HDR;
-        resizeFree(alctr, chunk, below, size);
+    absorbAbove(chunk, block);
+    LIST_HDR* joined = freeBelow(block);
+    if (joined) {
+        growFree(chunk, joined, joined->size + HDR + sizeOf(block));
     } else {
-        pushFree(alctr, chunk, block, size);
+        joined = block; // without flags
+        push_on_free_list(chunk, joined);
     }
-    return chunk->size == size + HDR; // and so it is the first
+    markFree(chunk, joined);
+    return joined;
 }
 
-void combine_with_next(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+void combine_with_next(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    block->size += takeAbove(alctr, chunk, block);
+    absorbAbove(chunk, block);
     markUsed(chunk, block);
 }
 
 // Cuts the surplus off a block in use, as a free block. What is above it is in use.
-void release_extra(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
+void release_extra(LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
 {
     const size_t surplus = sizeOf(block) - size;
     if (surplus <= HDR)
         return;
-    pushFree(alctr, chunk, behind(block, size), surplus - HDR);
+    LIST_HDR* rest = reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + size);
+    rest->size = surplus - HDR;
     block->size -= surplus;
+    push_on_free_list(chunk, rest);
+    markFree(chunk, rest);
 }
 
 // ---- the three operations ---------------------------------------------------------------------------------
@@ -313,12 +376,14 @@ void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
 {
     if (!roundUp(size, BLOCK_ALIGNMENT, &size))
         return nullptr;
-    BEST_FIT fit = bestFit(alctr->index, alctr->chunks, size);
-    if (!fit.p)
-        fit = list_add_chunk(alctr, size);
-    if (!fit.p)
-        return nullptr;
-    LIST_HDR* block = use_entry(alctr, fit, size);
+    BEST_FIT fit = best_fit(alctr, size);
+    if (!fit.p) {
+        fit.chunk = list_add_chunk(alctr, size);
+        if (!fit.chunk)
+            return nullptr;
+        fit.p = fit.chunk->free_hdrs;
+    }
+    LIST_HDR* block = use_entry(fit.chunk, fit.p, size);
     eko_inc_mem_info(&alctr->mem_info.bytes, size);
     return payloadOf(block);
 }
@@ -326,12 +391,13 @@ void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
 void internal_free(void* ptr, LIST_ALLOCATOR_ENTRY* alctr)
 {
     LIST_HDR* block = headerOf(ptr);
-    LIST_CHUNK_HDR* chunk = block->chunk;
+    LIST_CHUNK_HDR* chunk = block->ptr.chunk;
     // DELIBERATE: the block's own size, which can exceed the rounded size that was counted when it was handed out
     // whole. The figure drifts downwards; the engine's reports are calibrated on it. Pinned by
     // list_free_subtracts_the_blocks_own_size.
     eko_dec_mem_info(&alctr->mem_info.bytes, sizeOf(block));
-    if (join_to_neighbors(alctr, chunk, block))
+    const LIST_HDR* joined = join_to_neighbors(chunk, block);
+    if (joined == firstBlock(chunk) && chunk->size == joined->size + HDR)
         release_chunk(alctr, chunk);
 }
 
@@ -352,12 +418,12 @@ void* internal_realloc(void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
     if (!roundUp(newsize, BLOCK_ALIGNMENT, &newsize))
         return nullptr;
     LIST_HDR* block = headerOf(ptr);
-    LIST_CHUNK_HDR* chunk = block->chunk;
-    combine_with_next(alctr, chunk, block);
+    LIST_CHUNK_HDR* chunk = block->ptr.chunk;
+    combine_with_next(chunk, block);
     if (sizeOf(block) < newsize)
         return moveBlock(block, newsize, alctr);
     eko_inc_mem_info(&alctr->mem_info.bytes, newsize - sizeOf(block)); // wraps, and so lowers, when it shrinks
-    release_extra(alctr, chunk, block, newsize);
+    release_extra(chunk, block, newsize);
     return ptr;
 }
 
@@ -389,7 +455,6 @@ void list_allocator_free_all(ALLOCATOR alctr)
         state->chunks = chunk->next;
         eko_freeLargeBlock(chunk, &state->mem_info.capacity);
     }
-    dropIndex(state);
 }
 
 void list_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
@@ -399,7 +464,9 @@ void list_allocator_mem_info(ALLOCATOR alctr, EKO_TAG_MEM_INFO* info)
 
 void fillSlots(LIST_ALLOCATOR_ENTRY* state, ALLOCATOR_FCNS* fcns)
 {
-    state->source = &TAG_SOURCE;
+    state->blocksize = TAG_BLOCKSIZE;
+    state->alloc_fcn = eko_allocLargeBlock;
+    state->free_fcn = eko_freeLargeBlock;
     *fcns = {list_allocator_destroy, list_allocator_alloc,    list_allocator_realloc,
              list_allocator_free,    list_allocator_free_all, list_allocator_mem_info};
 }
