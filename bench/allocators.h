@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The allocators that benches compare, ours and the peers, under one shape: an object that takes, grows and gives
 // back blocks, and an arena whose blocks all go with it.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A pool of the peer APR, which most of its calls want.
 
 #ifndef EKO_BENCH_APR_POOL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bench's frame: an item of work, written once, run by every implementation that is there.
 //
 //   struct Eko    { static constexpr const char* NAME = "eko";   static void* take(size_t size); ... };

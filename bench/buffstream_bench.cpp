@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Buffered streams of typed values, in network order: put and got one by one. The transport takes everything, or
 // delivers the same bytes again and again.
 

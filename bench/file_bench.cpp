@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files on disk: pages read and written by offset, pages of mapped files, copies.
 
 #include <sys/mman.h>

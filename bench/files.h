@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files as benches compare them: ours and the operating system's, on disk and in memory, under one shape.
 
 #ifndef EKO_BENCH_FILES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Formatting: single directives, lines and paths, into a buffer and into new strings.
 
 #include <stdarg.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Configuration files: parsed, asked, changed.
 
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a user would pick who wants random numbers in several threads.
 
 #ifndef EKO_BENCH_LOCKED_TWISTER_H

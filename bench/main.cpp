@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bench: runs the registered items, the library started, and a second thread parked, so that the C library takes
 // the paths that a server's threads see, with locks that lock.
 

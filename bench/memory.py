@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """What the allocators and the library keep: tables between the two marks of a document.
 
 memory.py EKO_BENCH DOCUMENT

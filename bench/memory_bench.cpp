@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Memory: taking, growing and giving back blocks; arenas that go with all their blocks.
 
 #include <vector>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "memory_figures.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Figures that take a fresh process each: what live blocks keep resident, what starting and stopping costs.
 
 #ifndef EKO_BENCH_MEMORY_FIGURES_H

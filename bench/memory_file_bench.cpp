@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files in memory, beside files of a tmpfs, which are in memory too, but behind system calls.
 
 #include "files.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A text of one megabyte through one grammar, run by our driver and by the parser that bison writes. Both call the same
 // scanner.
 

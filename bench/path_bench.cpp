@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Names: against patterns, and those of a directory.
 
 #include <dirent.h>

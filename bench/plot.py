@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Plots as SVG, readable on light and on dark pages."""
 
 import html
@@ -37,6 +38,7 @@ def replace_between_marks(path, mark, text):
 class Drawing:
     def __init__(self, width, height, title):
         self.parts = [
+            "<!-- SPDX-License-Identifier: MIT -->",
             f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" width="{width}" '
             f'height="{height}" role="img">',
             f"<title>{html.escape(title)}</title>",

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Object pools: an item taken and given back.
 
 #include "allocators.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Message queues: in one thread, between threads, and with many messages in them.
 
 #if BENCH_APRUTIL

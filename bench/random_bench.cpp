@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Random numbers: single draws from a generator that threads share, and seeding it again.
 
 #if BENCH_GLIB

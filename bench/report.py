@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """The bench's table: every goal of goals.tsv beside what was measured.
 
 report.py RESULTS [--only REGEX] [--json FILE] [--markdown FILE] [--plot FILE] [--check]

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What Google Benchmark wrote: the median time of every item and implementation, and the machine."""
 
 import json

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Plots how the costs grow: every item scale.WHAT.AXIS of the bench becomes DIRECTORY/WHAT-AXIS.svg.
 
 scaling.py RESULTS DIRECTORY DOCUMENT

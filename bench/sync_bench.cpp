@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Mutexes and events, and how they hold out when there are many of them or several threads.
 
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Text files, read and written by lines and characters: on tmpfs, where the file system has the least part in it.
 
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The thread pool: tiny jobs, and nothing but their way through the pool.
 
 #if BENCH_APRUTIL

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A line traced into memory, beside the same text printed to nowhere.
 
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // UUIDs: making random ones, writing and reading their text.
 
 #include <string.h>

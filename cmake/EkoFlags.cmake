@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # How eko is compiled: the language, the flags of all its code, the flags of the library itself, the warnings.
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES AND PROJECT_IS_TOP_LEVEL)

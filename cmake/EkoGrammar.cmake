@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # eko_add_grammar(TARGET FILE.y)  turns a grammar into a parser that runs on eko_yyparse, and adds it to the target:
 # FILE.tab.c is compiled with it, as C, and its sources can include "FILE.tab.h". Needs bison 3.8; its warnings are
 # errors. For this project and those that have it by add_subdirectory. How to write grammars: tools/bison/eko.m4.

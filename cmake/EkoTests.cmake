@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The test framework, and eko_add_test, which makes one test program of one file.
 
 include(GoogleTest)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* base.h - the engine's integer names.
  *
  * One name per width, used throughout the library's interface. They are plain aliases of the types of

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* dbtype.h - types of the database engine that its platform library shares. */
 #ifndef EKO_DBTYPE_H
 #define EKO_DBTYPE_H

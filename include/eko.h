@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* eko.h - the whole interface of eko, the platform library of a database engine.
  *
  * Statuses are int32: 0 is success. The others have no names here, only numbers:

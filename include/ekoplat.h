@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* ekoplat.h - what differs between platforms: export marks, handles of the operating system, wide types.
  *
  * The platform is Linux with POSIX threads, on 32-bit and 64-bit x86. */

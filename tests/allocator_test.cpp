@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The four allocators behind a tag, and the large blocks behind the allocators: layout, which block serves a request,
 // figures, and a long random life.
 #include <optional>

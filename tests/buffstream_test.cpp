@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Buffered binary streams: values in both byte orders, against a file made in Python, over bad callbacks.
 // LINK: --wrap=strlen
 #include <bit>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Descriptors, mappings and file handles: results, faults of every system call, modes, large files, locks.
 #include "ekofile_int.h"
 #include "support/faults.h"

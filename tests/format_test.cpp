@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatter: its departures from C by literals, everything else against the C library. No locale needs to be
 // installed: the tests choose its conventions.
 // LINK: --wrap=nl_langinfo

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Named globals: one record a name, made on first use, deleted in descending order of names.
 #include <map>
 

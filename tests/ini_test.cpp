@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // INI files: the rules of reading and setting, exact buffers in both forms, faults, kills, limits, threads.
 #include <sys/resource.h>
 

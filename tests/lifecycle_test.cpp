@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Start and stop: what is stopped and undone when, who counts, what a failed start leaves behind.
 //
 // Every stop call of a module is written to a trace.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reports, the stacks that redirect them, chunks, and reports when memory, a file or a mutex is what is broken.
 #include <set>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Wildcards, directories as they are listed, files read and written through mapped views.
 // LINK: --wrap=readdir64
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tags, the calls that allocate on them, the limit, and what happens when memory runs out.
 #include "ekomem_int.h"
 #include "support/faults.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files in memory: names and bytes against models, removal under others' hands, memory running out, threads.
 // LINK: --wrap=eko_syncCreate_check
 #include <filesystem>

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # Runs minidb, whose path is the first argument, as a user would: good files, bad files, crashes, damage.
 # shellcheck disable=SC2317 # functions that are called in place of minidb
 set -u

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # What the program of one word size has written that of the other reads, and adds to. Skipped when the other one is
 # not there: `./dev test` builds it first.
 #   minidb_widths.sh MINIDB OTHER_MINIDB

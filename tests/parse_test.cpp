@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The parser driver: results, reports, recovery, and bison's own parser as the measure of each step.
 // GRAMMAR: grammars/arith.y
 // GRAMMAR: grammars/json.y

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Paths, directories, and what is done to files by name: on disk and in memory, narrow and wide, and with faults.
 #include <sys/time.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Object pools: what is kept and used again, running out of memory, a memory checker, four threads.
 #include "support/faults.h"
 #include "support/fixture.h"

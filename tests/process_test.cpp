@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Process services: temporary directory, commands, interrupts, environment, daemons in real processes.
 // LINK: --wrap=open64 --wrap=fork
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Message queues: order, waiting, closing, what stays locked, and many threads at once.
 #include <deque>
 

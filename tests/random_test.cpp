@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Random numbers against the C++ library's own; rounding and alignment.
 #include <cmath>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Text streams: marks, characters both ways, the cache at its borders and against a model, lines, faults.
 #include "ekotext_int.h"
 #include "support/fixture.h"

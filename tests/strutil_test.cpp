@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers for strings.
 // LINK: --wrap=strerror_r
 #include "support/faults.h"

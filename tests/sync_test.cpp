@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The semaphore table: slots, mutexes, events. The system's clock and timed wait are replaced.
 // LINK: --wrap=gettimeofday --wrap=pthread_cond_timedwait
 #include <sys/time.h>

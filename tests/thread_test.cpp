@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Threads, thread-local storage, atomics, clocks. The creation of a thread is watched, its scheduling is replaced.
 // LINK: --wrap=pthread_getschedparam --wrap=pthread_setschedparam --wrap=sched_get_priority_min
 // LINK: --wrap=sched_get_priority_max --wrap=pthread_create

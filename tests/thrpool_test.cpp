@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Thread pool: the life of jobs, draining, what happens when something cannot be had, and many jobs.
 // LINK: --wrap=pthread_create --wrap=sysconf
 #include <new>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Trace: the ring against a model of its lines, the file, faults, many threads, start and stop.
 // LINK: --wrap=open64 --wrap=eko_freeMem
 #include "support/faults.h"

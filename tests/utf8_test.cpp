@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Wide strings and UTF-8, against iconv, at the ends of pages, and in buffers of every size.
 #include <iconv.h>
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // UUIDs: each another one, also in a child; their text, against libuuid.
 // LINK: --wrap=eko_seed --defsym=__wrap_eko_seed=eko_get_pid --wrap=madvise
 //

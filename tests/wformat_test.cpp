@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The wide formatter: held against the narrow one, and what only it has.
 // LINK: --wrap=nl_langinfo
 #include "support/faults.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Sums of products, each ended by ';'. Bison makes two parsers of it, with eko's skeleton and with its own, which has
  * YYBISON. */
 %define api.prefix {arithmetic_}

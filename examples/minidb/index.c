@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* index.c - a hash table with open addressing, at most three quarters full, that doubles.
  *
  * The table and the bytes have a tag each, because they live differently: tables are replaced by larger ones,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* load.c - the lines of a text go into a data file.
  *
  *      main thread   reads lines into a batch ........ appends the records of a batch that came back

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* main.c - the command line of minidb, and the commands that only read. */
 #include <fcntl.h>
 #include <string.h>

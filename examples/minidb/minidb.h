@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* minidb.h - a small record store on eko: text in, records in a data file, records out.
  *
  * main.c      the command line; get and check

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* progress.c - how far a load has come, on standard error.
  *
  * At first nothing is shown, so what is quick stays quiet. Then a terminal has a bar, drawn anew in its place up to

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* query.c - the query command: finds the words of the text, and the records that it asks for. */
 #include <stdlib.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* query.y - the language of queries, such as
  *
  *      category = "Sm" and not (name like "*ARROW*" or key < "2100") order by name desc limit 10

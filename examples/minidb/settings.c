@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* settings.c - what the user set, in an INI file or by options.
  *
  * The section is [minidb]. An entry that is missing has its default; one that makes no sense is a fault, as it

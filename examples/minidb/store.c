@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* store.c - the data file.
  *
  *      header   "minidb\r\n" | version | UUID | check

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* text.c - "key;value" lines, read through a text stream.
  *
  * The buffer has a fixed size, the longest line's: a file that is no text is refused after its first MiB, and not

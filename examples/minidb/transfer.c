@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* transfer.c - data files as a whole: export, import, copy.
  *
  * What is made is made under a temporary name first, and takes its place when it is complete: who looks meanwhile,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* align.h - rounding a number, aligning an offset in a record. The calls keep no state: they may come from any
  * thread, a signal handler included, and need no eko_init. */
 #ifndef EKO_ALIGN_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* buffstream.h - typed values over any transport, and the byte order of values.
  *
  * An input stream pulls bytes from a callback in blocks and hands values out of them; an output stream gathers

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* core.h - start and stop of the library, its process-wide modes, and the registry of named globals.
  *
  * The library is started by eko_init and stopped by eko_term, which count: only the first start and the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* file.h - files: the operating system's descriptors, and the library's own handles over them.
  *
  * Handles (EKO_FH) are what callers should use: they follow the read-only and diskless modes and can be backed

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* format.h - the library's own printf, over bytes and over wide characters.
  *
  * C99's snprintf with departures that callers rely on:

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* ini.h - configuration files made of sections and "name=value" lines.
  *
  * Gets are served from a cache: a file is read and parsed when it is first asked for, and again only by

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* log.h - the library's one reporting channel.
  *
  * A message goes to the console, unless eko_background is set, and, when a log file is open, to the log as

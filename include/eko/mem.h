@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* mem.h - memory owned by tags.
  *
  * Every block belongs to a tag. A tag has its own allocator, can be emptied or destroyed in one call, can

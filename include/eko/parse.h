@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* parse.h - a driver for LALR(1) parsers.
  *
  * A grammar is written for GNU Bison, and turned into constant tables and a reduce function by the skeleton

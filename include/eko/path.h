@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* path.h - names: paths, directories, and what is done to files by name.
  *
  * Names are UTF-8 and go to the system as they stand; "/" separates. Calls ending in W take wide strings instead

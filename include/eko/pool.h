@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* pool.h - pools of memory items that are used again and again.
  *
  * A pool sits on a memory tag. An item that is given back waits in it for the next request, the last one given back

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* process.h - services of the process: temporary directory, commands, start as a daemon, interrupts, environment,
  * locale, errors.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* queue.h - message queues between the threads of a process.
  *
  * A message is a pointer with a length and an identifier. The queue hands all three on as they are and never looks

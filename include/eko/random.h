@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* random.h - random numbers: the Mersenne Twister MT19937.
  *
  * A generator gives the sequence of 32-bit outputs that every MT19937 gives for its seed. They are evenly spread

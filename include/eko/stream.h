@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* stream.h - text streams, and the console.
  *
  * A stream reads or writes a text file through a cache of 1024 bytes. The caller sees UTF-8 bytes; the file can

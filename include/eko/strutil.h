@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* strutil.h - small helpers for strings. Calls that keep no state may come from any thread; those that look at
  * letter case read the locale: nobody may call setlocale meanwhile. */
 #ifndef EKO_STRUTIL_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* sync.h - mutexes, events, the critical section.
  *
  * An EKO_SEM names a mutex or an event in one process-wide table of 131,072 slots. Handles are addresses of

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* thread.h - threads, thread-local storage, atomics, clocks. All calls may come from any thread. */
 #ifndef EKO_THREAD_H
 #define EKO_THREAD_H

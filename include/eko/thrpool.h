@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* thrpool.h - a fixed number of worker threads that run the jobs given to them.
  *
  * Jobs are taken in the order in which they were added and run by whichever worker is free; with several workers

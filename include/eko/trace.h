@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* trace.h - diagnostic traces: lines stamped with their thread, kept in memory for a debugger or written to a file.
  *
  * A line is the calling thread's identifier (eko_threadId) as "%p" of format.h prints it, a colon, a blank, and the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* utf8.h - conversion between wide strings and UTF-8.
  *
  * A wide character is a wchar_t of 4 bytes holding one code point. UTF-8 is as in RFC 3629: overlong forms,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* uuid.h - UUIDs: making random ones (version 4), and their text.
  *
  * All calls may come from any thread, but not from a signal handler. None leaves by longjmp. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lifecycle: start and stop of the library, its process-wide modes; assertions.
 //
 // Start and stop are serialised by the critical section. Everybody else reads the variables below without a lock.

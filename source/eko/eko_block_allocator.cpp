@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Block allocator: fixed size classes, a hundred blocks at a time; anything above 8192 bytes gets a large block of
 // its own. The default of the library.
 //

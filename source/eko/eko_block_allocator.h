@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_block_allocator.h - inside the memory modules: the way that most requests take through the block allocator,
 // for the tag layer to take without a call. What it leaves out is in the module.
 #ifndef EKO_EKO_BLOCK_ALLOCATOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The part of the formatter that does not depend on the character type and is not in every directive's way:
 // arguments taken, floats taken apart. Here once for the narrow and the wide engine.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_format.h - the formatter: printf for one character type, with the departures that eko/format.h lists.
 //
 // A call walks its format. Runs of ordinary characters go to the sink as they are; a '%' makes a fresh directive

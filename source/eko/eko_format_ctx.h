@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_format_ctx.h - what one formatting call works on: the sink, the directive, and how text gets into the sink.
 //
 // What depends on the character type C, char or wchar_t, is a template over it; lengths are in characters. Signs,

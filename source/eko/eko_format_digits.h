@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_format_digits.h - the digits of an unsigned number, written where they belong: how many there are is known
 // before the first is written.
 #ifndef EKO_EKO_FORMAT_DIGITS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_format_float.h - floating-point fields.
 //
 // A value is split into two integers, its integer part and its fraction times 10 ^ precision; from there on it is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_format_int.h - integer fields: fetching the argument, laying the field out, writing it.
 //
 //      spaces | sign | prefix | zeros | digits with separators | spaces

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Legacy allocator: each block straight from the system heap, so that a memory checker sees it, on a list, so that
 // the tag can still be emptied. No figures, no limit.
 //

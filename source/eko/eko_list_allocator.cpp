@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // List allocator: blocks of any size in chunks, best fit, empty chunks given back. It serves at two levels.
 //
 //   per tag       chunks of at least 4096 bytes, which are large blocks

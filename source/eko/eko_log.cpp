@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Log: the library's one reporting channel, to the console and to a log file with a time stamp.
 //
 // Everything else reports through here, the semaphore table and the memory module included, at moments when a mutex

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Random numbers, by the Mersenne Twister MT19937, and rounding.
 //
 // Data   A generator's MT is a block of 624 words, given out one by one from `curr` on; at the end the next block

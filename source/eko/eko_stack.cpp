@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Redirection stacks: where standard output, standard error and the log go, and the console calls that write there.
 //
 // Data    A stack's entries share an EKO_FILE_INFO when they have the same name, whatever its case, so that a file

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Stack allocator: blocks cut one behind the other from chunks, for owners that free everything at once. A single
 // free does nothing, extending is not supported.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_stack_allocator.h - inside the memory modules: the way that most requests take through the stack allocator,
 // for the tag layer to take without a call. What it leaves out is in the module.
 #ifndef EKO_EKO_STACK_ALLOCATOR_H

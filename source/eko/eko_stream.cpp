@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Text streams: opening, byte-order marks, reading and writing characters, over the cache of eko_streamcache.cpp.
 //
 // Data    An EKO_FILE_CTX and its cache, both on the global tag, since a stream is opened on any thread.

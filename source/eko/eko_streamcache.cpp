@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The cache of a text stream.
 //
 // Data    | buff_off ... off ... |   the buffer spans up to 1024 bytes of the file from buff_off; `bytes` of them

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // eko_streamcache.h - the 1024 bytes between a text stream and its file handle.
 #ifndef EKO_EKO_STREAMCACHE_H
 #define EKO_EKO_STREAMCACHE_H

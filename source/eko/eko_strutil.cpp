@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers for strings. No state.
 
 #include <ctype.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The temporary directory, and commands given to the shell.
 //
 // Data      eko_tmp, the name of the system's temporary directory once it was found, on the global tag until the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatter over bytes: what the engine needs to know about char, and the exported calls.
 
 #include <langinfo.h>

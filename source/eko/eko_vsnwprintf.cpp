@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatter over wide characters: what the engine needs to know about wchar_t, and the exported calls.
 
 #include <langinfo.h>

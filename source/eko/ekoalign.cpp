@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Alignment of the fields of stored records.
 
 #include "ekoint.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Buffered binary streams: typed values over the caller's read and write callbacks.
 //
 // Data      A stream is a record and a buffer, on the global tag.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // File handles: each binds a name to one backing, and applies the library's read-only and diskless modes.
 //
 // Data      A handle is one EKOFTAB; there is no table of handles and no limit. All of them, and their copies of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Directories: making a whole path of them, moving one, walking one, and names for temporary files.
 //
 // Data   An iteration is a DIR_ENTRY on the global tag over the iteration of its backing. Other memory is on the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekofile_int.h - inside the file modules: descriptors, mappings of the operating system, and the handle record.
 #ifndef EKO_EKOFILE_INT_H
 #define EKO_EKOFILE_INT_H

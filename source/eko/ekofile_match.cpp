@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Names against patterns with wildcards: "?" is any one character, "*" any run of them. Letter case does not count.
 //
 // The pattern is walked once, and only its last "*" is ever taken up again. What stands between two stars has a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Paths as text: the current and the full path, splitting and testing. "/" separates; there are no drives. Nothing
 // here looks at what a path names, and no "." or ".." step is resolved.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is done to files by name: copy, compare, move, remove, rename, validate, each on disk, in memory, and from
 // one to the other. The private calls are quiet; the exported ones report, once, after all is closed and freed.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The calls on names, for wide strings: each name is converted to UTF-8 on the global tag, the narrow call made,
 // and the copies freed, with errno as the narrow call left it. No state, no locks.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Named globals: modules that keep process-wide state reach it through here, and so need no place in the order of
 // the library's start. A record is created, zero-filled, when its module is first used, and deleted at stop.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // INI files: the module's record, the cache of parsed files, and getting from it.
 //
 // Data      Files, their sections, their entries: three levels of arrays (ekoini_int.h), all on the global tag.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // INI files: finding a name among many.
 //
 // A table of places with open addressing: a power of two of slots, at least two for each element, and a name is in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekoini_int.h - inside the INI module: the cache of parsed files, and what reading, rewriting and the wide
 // forms share.
 #ifndef EKO_EKOINI_INT_H

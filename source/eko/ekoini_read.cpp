@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // INI files: reading one into the cache.
 
 #include <ctype.h>

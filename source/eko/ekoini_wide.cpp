@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // INI files: the calls that take wide strings. Arguments are converted on the thread's tag. A list is converted
 // item by item straight from the cache, so that its inner terminators stay.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // INI files: rewriting one, line by line, through a temporary file beside it.
 
 #include <ctype.h>

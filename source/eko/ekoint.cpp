@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What several modules share: text compared without regard to case.
 
 #include "ekoint.h"

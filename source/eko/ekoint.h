@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekoint.h - what every module of the library shares: status names, assertions, atomic access to plain
 // variables, guards, and the numeric helpers of the formatter.
 #ifndef EKO_EKOINT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekoint_float.h - the formatter's arithmetic in extended precision.
 //
 // Everything is long double by name: the results are the same on both word sizes, whatever unit the compiler uses

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekolog_int.h - what other modules need of the report path.
 #ifndef EKO_EKOLOG_INT_H
 #define EKO_EKOLOG_INT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tagged memory: tags, the calls that allocate on them, the limit of the process.
 //
 // Data      A TAG_ENTRY holds the tag's allocator and the table of its operations; the four allocators are modules

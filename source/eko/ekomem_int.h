@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekomem_int.h - inside the memory modules: tags, the table of an allocator's operations, large blocks, and the
 // allocation calls for the library's own use.
 #ifndef EKO_EKOMEM_INT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files read and written through mapped views: for each open one a cache of at most ten views.
 //
 // Data      A file is cut into granules of 1 MiB; a view maps one of them, or the rest of the file where that is

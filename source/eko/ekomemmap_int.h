@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekomemmap_int.h - files read and written through mapped views.
 #ifndef EKO_EKOMEMMAP_INT_H
 #define EKO_EKOMEMMAP_INT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files in memory: a tree of directories in the process, apart from the disk, gone when the library stops.
 //
 // Data      EKO_MF_GLOBALS -> root    MF_SUBDIR_ENTRY, with its entries sorted by name

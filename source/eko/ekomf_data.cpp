@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bytes of a file in memory: segments that grow with the offset and never move.
 //
 //     index    0    1    2    3 |   4    5    6 |   7  ...  9 | ... 12 | ... 15 | 16 ...

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekomf_int.h - files and directories kept in memory.
 #ifndef EKO_EKOMF_INT_H
 #define EKO_EKOMF_INT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Iterations over a directory in memory, in the order of its names. Between two calls an iteration holds no mutex,
 // only a reference and the name that it gave last, so entries may come and go, and the directory itself may.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Paths of files in memory: normalised, then cut into components.
 //
 // A name is split before anything else, and only the directory in front of its last "/" is made absolute and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tree of files in memory: entries in their directories, the walk to a name, what is made and what is dropped.
 //
 // Making and dropping are done apart from the tree. What is missing of a path is built beforehand, as a branch of

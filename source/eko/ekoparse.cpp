@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The LALR(1) driver: walks a grammar's tables, finds errors before it acts on them, and recovers as yacc does.
 
 #include <string.h>

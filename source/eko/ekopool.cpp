@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Object pools: items that were given back, handed out again.
 //
 // Data      A pool is one record on its tag. An item has a header, which links it while it waits.

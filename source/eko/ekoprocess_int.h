@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekoprocess_int.h - what other modules need of the process services.
 #ifndef EKO_EKOPROCESS_INT_H
 #define EKO_EKOPROCESS_INT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Message queues between threads.
 //
 // Data      A queue is one tag: its record, its name, its node in the module's list and the records of its messages

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekoqueue_int.h - the records of message queues, and what the thread pool needs of them.
 #ifndef EKO_EKOQUEUE_INT_H
 #define EKO_EKOQUEUE_INT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Byte order: the bytes of one value, reversed.
 
 #include <string.h>

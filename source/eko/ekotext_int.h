@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ekotext_int.h - inside the text modules: the stream record, and the stacks that redirect the console and the log.
 #ifndef EKO_EKOTEXT_INT_H
 #define EKO_EKOTEXT_INT_H

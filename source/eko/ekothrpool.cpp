@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Thread pool: workers that take jobs from one message queue.
 //
 // Data      A pool is one stack tag, with a mutex since jobs are added from any thread: the pool's record, its

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Trace: lines stamped with their thread, kept in a ring in memory or written to a file.
 //
 // Data      The module's record holds the ring and the stream of the trace file. The ring's 1000 slots are stored

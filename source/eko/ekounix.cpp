@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Operating-system layer: its start, clocks, atomics, thread-local storage, the processor count.
 
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Start as a daemon: the caller goes on in a child, while the process that was launched waits for its report and
 // shows by message and exit status what became of the start.
 //

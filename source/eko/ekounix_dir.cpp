@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Directories of the operating system, listed name by name. Memory is on the global tag; no locks: an iteration
 // belongs to one thread at a time.
 //

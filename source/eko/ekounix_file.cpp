@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Operating-system files: the only place that talks to descriptors and names on disk. No state, no locks; a call is
 // made once, as asked: nothing is retried when a signal interrupts it, and a short count is handed on.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Operating-system mappings: views of a file in memory. A map is only a note of the descriptor and the protection;
 // views map the file directly, so there is nothing to resize or flush at the level of the map.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Operating-system calls for paths and directories, made once, as asked. No state, no locks.
 
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Services of the process by the operating system: interrupts, environment, locale, errors; services as such, which
 // this platform does not have.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Conversion between wide strings and UTF-8.
 //
 // Idea    One loop, convert(), serves both directions, all calls, and both measuring and writing: it decodes a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // UUIDs: random ones, and their text.
 //
 // Data      The one generator, in the module's record. A child of fork has a copy of it, and would make the same

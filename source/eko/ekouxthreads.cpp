@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Semaphore table: every mutex and every event of the process, and the library's critical section.
 //
 // Data      128 rows of 1024 slots. A row's block of slots is allocated when the row is first needed, in one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Threads: starting them with the library's signal mask, priorities, ending and joining.
 
 #include <sched.h>

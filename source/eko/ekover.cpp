@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Version of the library.
 
 #include "ekoint.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Fails unless the public headers and the shared library say the same:
 #   - what the library exports is declared in a public header;
 #   - what a public header declares with EKO_API is exported;

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Has gdb show the state that gdb_program.c makes, in the process and in a core file, with either form of the library,
 # and what a load of minidb traced. Without examples MINIDB is "none".
 #   gdb.sh MINIDB CC SOURCE_DIR LIB_DIR [FLAG...]

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* gdb_program.c - makes tags, mutexes, events, queues, a global and traces, then aborts for gdb.sh to look at them. It
  * prints the lines that gdb is to show, in the order of gdb.sh's commands; "?" stands for what is not known here. */
 #include <eko.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Fails when a public header does not compile alone, and twice in a row, as C11 and as C++11, 17 and 20, with the
 # strictest standard modes and warnings as errors.
 #   headers.sh CC CXX INCLUDE_DIR [FLAG...]

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Fails when a form of the library needs a symbol that only the C++ run-time has: C programs link it with
 # nothing but the C library. Fails also when objects are constructed before main, or on first use: calls must work
 # at any time, and from any thread.

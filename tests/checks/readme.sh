@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the README's C program as the README says, as far as the paths go, against the shared and against the static
 # library, with the C compiler alone. Runs both, and compares what they print with what the README says.
 # Configures the README's project, and makes the parser of the grammar in the head of eko.m4.

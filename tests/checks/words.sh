@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Fails when a tracked file speaks of papers that a reader of this tree does not have. The tree explains itself.
 set -euo pipefail
 cd "$(dirname "$0")/../.."

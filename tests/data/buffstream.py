@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Makes buffstream.inc, the bytes that tests/buffstream_test.cpp must write and be able to read:
         python3 buffstream.py > buffstream.inc
 It writes 1024 bytes to a line, to keep their number small: the file is for the compiler, not for readers.
@@ -25,6 +26,7 @@ def encode(kind, bits, order):
     return struct.pack(order + "Q", 0x7FF100000000F07F if nan else bits)  # float64
 
 
+print("// SPDX-License-Identifier: MIT")
 for seed, order in (0, "<"), (1, ">"):
     data = b"".join(encode(kind, bits, order) for kind, bits in values(seed))
     for at in range(0, len(data), BYTES_PER_LINE):

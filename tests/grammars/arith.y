@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Sums and products, one to a line's end ';'. */
 %define api.prefix {arith_} %define api.token.prefix {ARITH_}
 %code requires { struct arith; }

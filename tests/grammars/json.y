@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* JSON. The value of a value is the number of values in it, itself included, in a size that fits nowhere. */
 %define api.prefix {json_} %define api.token.prefix {JSON_} %define api.token.raw
 %code requires {

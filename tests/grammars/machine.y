@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A language without a meaning that has all that a driver must get right: lists, empty rules, actions inside rules,
  * precedence, operators that do not associate, `error` at two levels, errors that actions raise. Bison makes two
  * parsers of it, with eko's skeleton and with its own, which has YYBISON. Both note each action and each error. The

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Ways to get nowhere: recovery that raises the error again or says that all is well, with no token consumed; a list
  * that begins with nothing, any number of times, which only the precedences of what follows can stop. */
 %define api.prefix {stubborn_}

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Reads texts, one a line, and writes for each "+" and the 16 bytes that libuuid reads in it, or "-" and 16 "~". */
 #include <stdio.h>
 #include <string.h>

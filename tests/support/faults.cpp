@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/faults.h"
 
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // faults.h - makes memory run out.
 // LINK: --wrap=malloc --wrap=calloc --wrap=realloc
 #ifndef EKO_TESTS_FAULTS_H

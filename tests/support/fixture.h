@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // fixture.h - what the tests share: a started library that must end as it began, captured console output, faults.
 #ifndef EKO_TESTS_FIXTURE_H
 #define EKO_TESTS_FIXTURE_H

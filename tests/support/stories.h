@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // stories.h - what is done to files by name, told as text, in every form that the calls have. For tests that
 // include syscalls.h too.
 #ifndef EKO_TESTS_STORIES_H

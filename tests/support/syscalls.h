@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // syscalls.h - makes system calls fail, and the creation of a mutex or event.
 // LINK: --wrap=open64 --wrap=read --wrap=write --wrap=pread64 --wrap=pwrite64 --wrap=lseek64 --wrap=fsync
 // LINK: --wrap=ftruncate64 --wrap=fstat64 --wrap=stat64 --wrap=flock --wrap=mmap64

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # eko.m4 - makes GNU Bison write parsers that run on eko_yyparse. CMake's eko_add_grammar(target file.y) uses it:
 #
 #   bison --skeleton=.../tools/bison/eko.m4 --header --output=query.tab.c query.y

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # eko.py - what gdb shows of the eko library inside a program, in a live process or in a core file.
 #
 #   (gdb) source tools/gdb/eko.py
