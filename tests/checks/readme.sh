@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Builds the README's C program as the README says, as far as the paths go, against the shared and against the static
-# library, with the C compiler alone. Runs both, and compares what they print with what the README says.
+# library, with the C compiler alone. Runs both, and compares what they print with what the README says. The program is
+# that of examples/hello.
 # Configures the README's project, and makes the parser of the grammar in the head of eko.m4.
 #   readme.sh CC SOURCE_DIR LIB_DIR [FLAG...]
 set -euo pipefail
@@ -13,6 +14,7 @@ trap 'rm -rf "$work"' EXIT
 # The first block fenced as the language $1.
 block() { awk -v open="\`\`\`$1" '$0 == open { inside = 1; next } inside && /^```$/ { exit } inside' "$source/README.md"; }
 block c > "$work/hello.c" # without one there is no program to link
+sed -n '/^#include/,$p' "$source/examples/hello/hello.c" | diff "$work/hello.c" -
 block text > "$work/expected"
 mkdir "$work/static"
 cp "$libs/libeko.a" "$work/static" # alone in its directory, so that -leko finds this form
