@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/* buffstream.c - sends changes of records from one end of a wire to the other, in network order. The wire is a piece
- * of memory here; with a socket only the two callbacks differ. */
+/* buffstream.c - sends changes of records from one end of a wire to the other, in network order. The wire is a
+ * piece of memory here; with a socket only the two callbacks differ. */
 #include <eko.h>
 #include <string.h>
 

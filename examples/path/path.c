@@ -5,8 +5,8 @@
 #include <string.h>
 
 /* [replace] */
-/* The new content goes to a file beside, which then takes the old one's name: whoever opens that sees all of the old
- * or all of the new. eko_fileMove would remove the old one first. */
+/* The new content goes to a file beside, which then takes the old one's name: whoever opens that sees all of the
+ * old or all of the new. eko_fileMove would remove the old one first. */
 static int32 replace(const char* name, const char* content, EKO_MEMTAG tag)
 {
     const char* beside = EKO_MAKESTR(tag, "%s.new", name);

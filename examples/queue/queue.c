@@ -42,9 +42,10 @@ static int32 writeChanges(EKO_QUEUE_HANDLE changes)
 {
     int32 status = 0;
     for (uint32 i = 1; status == 0 && i <= CHANGES; ++i) {
-        void* change = EKO_ZALLOC(10 * i, EKO_GLOBAL_TAG);
+        const uint32 length = 10 * i;
+        void* change = EKO_ZALLOC(length, EKO_GLOBAL_TAG);
         if (change)
-            mustWrite(changes, change, 10 * i, CHANGE);
+            mustWrite(changes, change, length, CHANGE);
         else
             status = 1003;
     }

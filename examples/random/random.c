@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/* random.c - a load for measurements: accounts in random order, some of them used much more often. The seed is given,
- * so that the same load can be had again; one from the clock is eko_seed(). */
+/* random.c - a load for measurements: accounts in random order, some of them used much more often. The seed is
+ * given, so that the same load can be had again; one from the clock is eko_seed(). */
 #include <eko.h>
 
 #define ACCOUNTS 8

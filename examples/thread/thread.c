@@ -7,9 +7,9 @@
 #define ROWS 1000 /* of each thread */
 
 typedef struct PART {
-    uint32 first;
     uint64 sum; /* this and the status are read once the thread has been joined */
     int32 status;
+    uint32 first; /* row */
 } PART;
 
 static volatile uint32 rowsSeen;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* uuid.c - gives a database an identifier, stores it as text and reads that back; and refuses a text that is none. */
+/* uuid.c - gives a database an identifier, stores it as text and reads that back, and refuses one that is none. */
 #include <eko.h>
 #include <string.h>
 
