@@ -2,10 +2,11 @@
 # SPDX-License-Identifier: MIT
 """The bench's table: every goal of goals.tsv beside what was measured.
 
-report.py RESULTS [--only REGEX] [--json FILE] [--markdown FILE] [--plot FILE] [--check]
+report.py RESULTS [--only REGEX] [--json FILE] [--markdown FILE] [--readme FILE] [--plot FILE] [--check]
 
 RESULTS is what eko_bench wrote with --benchmark_out. --markdown puts the table between the two marks of a document,
---plot draws the ratios, --check fails when a goal is missed or was not measured.
+--readme a short one between those of another, --plot draws the ratios, --check fails when a goal is missed or was not
+measured.
 """
 
 import argparse
@@ -111,12 +112,37 @@ def markdown(rows):
     return "\n".join(lines)
 
 
+def middle(rows):
+    """The row whose ratio has as many above it as below, or one more below. None where nothing was measured."""
+    ranked = sorted((row for row in rows if row.measured), key=lambda row: row.ratio)
+    return ranked[len(ranked) // 2] if ranked else None
+
+
+def summary(rows):
+    held = sum(row.holds for row in rows)
+    lines = [
+        f"Measured on {results.machine()}. A ratio below 1 means that eko is faster. Each row is the one of its section "
+        f"whose ratio is in the middle; {held} of {len(rows)} goals hold. [All rows](docs/performance.md), with the goals "
+        "and how it was measured.",
+        "",
+        "| Section | Work | eko | Instead | Ratio |",
+        "|---|---|--:|--:|--:|",
+    ]
+    for section, its_rows in sections(rows).items():
+        row = middle(its_rows)
+        if row:
+            _, work, ours, theirs, ratio, _, _ = (cell.replace("|", "\\|") for cell in row.cells())
+            lines.append(f"| {section} | {work} | {ours} | {theirs} | {ratio} |")
+    return "\n".join(lines + [""])
+
+
 def main():
     arguments = argparse.ArgumentParser()
     arguments.add_argument("results")
     arguments.add_argument("--only", default="")
     arguments.add_argument("--json")
     arguments.add_argument("--markdown")
+    arguments.add_argument("--readme")
     arguments.add_argument("--plot")
     arguments.add_argument("--check", action="store_true")
     options = arguments.parse_args()
@@ -129,6 +155,8 @@ def main():
         write_json(options.json, rows)
     if options.markdown:
         plot.replace_between_marks(options.markdown, "table", markdown(rows))
+    if options.readme:
+        plot.replace_between_marks(options.readme, "bench", summary(rows))
     if options.plot:
         pathlib.Path(options.plot).write_text(plot.ratios(sections(rows)), encoding="utf-8")
     if options.check and not all(row.holds for row in rows):
