@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: MIT
 # eko_add_grammar(TARGET FILE.y)  turns a grammar into a parser that runs on eko_yyparse, and adds it to the target:
 # FILE.tab.c is compiled with it, as C, and its sources can include "FILE.tab.h". Needs bison 3.8; its warnings are
-# errors. For this project and those that have it by add_subdirectory. How to write grammars: tools/bison/eko.m4.
+# errors. For this project, and those that have it by add_subdirectory or find_package. How to write grammars: eko.m4.
 
 find_package(BISON 3.8 QUIET)
-set(EKO_BISON_SKELETON ${CMAKE_CURRENT_LIST_DIR}/../tools/bison/eko.m4 CACHE FILEPATH "What makes bison write eko's tables")
+set(EKO_BISON_SKELETON ${CMAKE_CURRENT_LIST_DIR}/../tools/bison/eko.m4
+    CACHE INTERNAL "What makes bison write eko's tables")
 
 # eko_run_bison(TARGET FILE STEM OPTION...)  has bison make STEM.c and STEM.h for the target.
 function(eko_run_bison target file stem)
