@@ -48,7 +48,7 @@ static int32 tryBacking(const char* backing, uint16 xflags)
 {
     uint32 counter = 0;
     const char* name = eko_fileCreateTmpName(&counter, "pages", "db", xflags, EKO_THREAD_TAG);
-    EKO_FH fh = eko_fileOpen(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, xflags);
+    EKO_FH fh = eko_fileOpen(name, O_RDWR | O_CREAT | O_EXCL, xflags);
     int32 status = 1002;
     eko_printf("%-7s ", backing);
     if (fh) {

@@ -10,7 +10,7 @@
 static int32 replace(const char* name, const char* content, EKO_MEMTAG tag)
 {
     const char* beside = EKO_MAKESTR(tag, "%s.new", name);
-    EKO_FH fh = eko_fileOpen(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0);
+    EKO_FH fh = eko_fileOpen(beside, O_WRONLY | O_CREAT | O_TRUNC, 0);
     if (!fh)
         return 1002;
     const uint32 size = (uint32)strlen(content);
