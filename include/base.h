@@ -9,10 +9,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/** An integer of so many bits, signed. */
 typedef int8_t int8;
 typedef int16_t int16;
 typedef int32_t int32;
 typedef int64_t int64;
+
+/** An integer of so many bits, unsigned. */
 typedef uint8_t uint8;
 typedef uint16_t uint16;
 typedef uint32_t uint32;

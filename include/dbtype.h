@@ -14,8 +14,8 @@ typedef struct DB_ADDR {
     uint32 slot;  /**< the record's slot in it */
 } DB_ADDR;
 
-/* The two addresses that name no record. NULL_DBA is "not set"; NONE_DBA is "there is none", e.g. the end
- * of a chain. Each translation unit has its own copy, so that they are plain constants in C and in C++. */
+/** The two addresses that name no record. NULL_DBA is "not set"; NONE_DBA is "there is none", e.g. the end
+ *  of a chain. Each translation unit has its own copy, so that they are plain constants in C and in C++. */
 static const DB_ADDR NULL_DBA = {0, 0};
 static const DB_ADDR NONE_DBA = {0xFFFF, 0xFFFFFFFFu};
 

@@ -15,6 +15,7 @@
 
 #include "base.h"
 
+/** Around declarations that C and C++ share. */
 #ifdef __cplusplus
 #define EKO_EXTERN_C_BEGIN extern "C" {
 #define EKO_EXTERN_C_END }

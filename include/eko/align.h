@@ -20,10 +20,10 @@ typedef enum ALIGN_TYPE {
     ALN_CHAR = 0,  /**< to 1 byte */
     ALN_INT16 = 1, /**< to 2 */
     ALN_WCHAR = 2, /**< to 4, as all that follow: on every platform, for records are stored */
-    ALN_INT32 = 3,
-    ALN_FLOAT = 4,
-    ALN_INT64 = 5,
-    ALN_DOUBLE = 6
+    ALN_INT32 = 3, /**< to 4 */
+    ALN_FLOAT = 4, /**< to 4 */
+    ALN_INT64 = 5, /**< to 4 */
+    ALN_DOUBLE = 6 /**< to 4 */
 } ALIGN_TYPE;
 
 /** The first offset from `offset` on, in bytes, at which a field of that type may lie. Surprise: types of 8 bytes

@@ -118,7 +118,7 @@ EKO_API uint32 eko_fileSeekRead(EKO_FH fh, EKO_FILE_OFFSET off, void* buf, uint3
 EKO_API EKO_FILE_OFFSET eko_fileLength(EKO_FH fh);
 
 /** The size of the file of that name; EKO_FILE_NO_OFFSET when there is none on disk, 0 when none in memory.
- *  In a 32-bit build a disk file of 2 GiB or more counts as absent. */
+ *  In a 32-bit build a disk file of 2 GiB or more counts as absent. Surprise: diskless mode is not asked. */
 EKO_API EKO_FILE_OFFSET eko_fileLengthStat(const char* name, uint16 xflags);
 
 /** Cuts or extends a file. Returns 0, or not 0 on failure: -1 in read-only mode, 1003 when a file in memory cannot

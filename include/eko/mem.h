@@ -41,8 +41,10 @@ EKO_EXTERN_C_BEGIN
 /** A memory tag. */
 typedef struct TAG_ENTRY* EKO_MEMTAG;
 
+/** The two tags that are always there, once the library is started: see "Which tag" above. */
 #define EKO_GLOBAL_TAG ((EKO_MEMTAG)0)
 #define EKO_THREAD_TAG ((EKO_MEMTAG)(intptr_t)1)
+
 /** No tag: the result of a failed creation. Compare with this, never with null. */
 #define EKO_TAG_INVALID ((EKO_MEMTAG)(intptr_t)-1)
 
@@ -63,8 +65,8 @@ typedef void (*EKO_DESTROY_FCN)(void* ctx);
 
 /** Bytes now, and the highest that number has been. */
 typedef struct EKO_MEM_INFO {
-    size_t in_use;
-    size_t max_in_use;
+    size_t in_use;     /**< now */
+    size_t max_in_use; /**< at most, so far */
 } EKO_MEM_INFO;
 
 /** Figures of a tag. They are the allocator's own bookkeeping, not a balance: those of a stack tag only grow,
@@ -84,11 +86,13 @@ typedef struct EKO_TAG_MEM_INFO {
 
 /* ---- the usual calls, with the caller's position ------------------------------------------------------- */
 
+/** eko_getMem in its modes: a new block, one set to zero, a copy of bytes, of a string, of a wide string. */
 #define EKO_ALLOC(size, tag) eko_getMem((size), (tag), EKO_MEM_PLAIN, NULL, __FILE__, __LINE__)
 #define EKO_ZALLOC(size, tag) eko_getMem((size), (tag), EKO_MEM_ZERO, NULL, __FILE__, __LINE__)
 #define EKO_DUP(data, size, tag) eko_getMem((size), (tag), EKO_MEM_COPY, (data), __FILE__, __LINE__)
 #define EKO_STRDUP(str, tag) ((char*)eko_getMem(0, (tag), EKO_MEM_STRING, (str), __FILE__, __LINE__))
 #define EKO_WCSDUP(str, tag) ((wchar_t*)eko_getMem(0, (tag), EKO_MEM_WSTRING, (str), __FILE__, __LINE__))
+/** eko_extendMem and eko_freeMem. What EKO_EXTEND adds is undefined. */
 #define EKO_EXTEND(ptr, newsize, tag) eko_extendMem((ptr), (newsize), (tag), 0, 0, __FILE__, __LINE__)
 /** As EKO_EXTEND, with the `added` bytes at the end of the new block set to zero. */
 #define EKO_ZEXTEND(ptr, newsize, tag, added) eko_extendMem((ptr), (newsize), (tag), 1, (added), __FILE__, __LINE__)
@@ -97,6 +101,7 @@ typedef struct EKO_TAG_MEM_INFO {
 /** A tag for one thread at a time, and one that threads may share. EKO_TAG_INVALID on failure. */
 #define EKO_TAG_CREATE(type) eko_createTagEx(NULL, 0, (type), NULL, NULL, __FILE__, __LINE__)
 #define EKO_TAG_CREATE_SHARED(type) eko_createTagEx(NULL, 1, (type), NULL, NULL, __FILE__, __LINE__)
+/** Free all memory of a tag at once; the second destroys the tag too. See eko_freeTagMem. */
 #define EKO_TAG_EMPTY(tag) eko_freeTagMem((tag), 0, __FILE__, __LINE__)
 #define EKO_TAG_DESTROY(tag) eko_freeTagMem((tag), 1, __FILE__, __LINE__)
 

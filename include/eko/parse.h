@@ -62,11 +62,11 @@ typedef struct EKO_YYTABLES {
 
 /** A syntax error. Symbols are indexes of tables->names. */
 typedef struct EKO_YYERROR {
-    const EKO_YYTABLES* tables;
-    const int16* expected; /**< the tokens that could have come, in rising order */
-    uint32 expected_count;
-    int32 found;       /**< the token that came */
-    const void* value; /**< its value, as the token callback stored it */
+    const EKO_YYTABLES* tables; /**< the grammar's */
+    const int16* expected;      /**< the tokens that could have come, in rising order */
+    uint32 expected_count;      /**< how many these are */
+    int32 found;                /**< the token that came */
+    const void* value;          /**< its value, as the token callback stored it */
 } EKO_YYERROR;
 
 /** The next token.

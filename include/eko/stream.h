@@ -31,9 +31,9 @@ EKO_EXTERN_C_BEGIN
 
 /** Encoding of a text file. */
 typedef enum EKO_FILE_MODE {
-    EKO_FILE_MODE_UNKNOWN = 0,
-    EKO_FILE_MODE_UTF8 = 1,
-    EKO_FILE_MODE_UTF16 = 2
+    EKO_FILE_MODE_UNKNOWN = 0, /**< as the file's mark says */
+    EKO_FILE_MODE_UTF8 = 1,    /**< UTF-8 */
+    EKO_FILE_MODE_UTF16 = 2    /**< UTF-16 in the machine's byte order */
 } EKO_FILE_MODE;
 
 /** An open text stream; null is none. */

@@ -36,6 +36,7 @@ typedef int32 (*EKO_THRPOOL_FCN)(void* data);
 /** Called after a job, on the worker that ran it, when the job already counts as finished. */
 typedef void (*EKO_THRPOOL_CALLBACK_FCN)(EKO_THRPOOL_JOB* job, void* cbdata, int32 rc);
 
+/** How far a job is. */
 typedef enum EKO_THRPOOL_JOB_STATUS {
     JOB_WAITING = 0, /**< in the queue */
     JOB_STARTED = 1, /**< a worker runs it */

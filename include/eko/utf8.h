@@ -16,13 +16,14 @@
 
 EKO_EXTERN_C_BEGIN
 
+/** What happens to invalid input: see above. */
 #define EKO_UTF8_FAIL 0
 #define EKO_UTF8_REPLACE 1
 #define EKO_UTF8_DROP 2
 
-/** Result codes of the conversion. */
+/** Result codes of eko_utf8_codes. */
 typedef enum EKO_UTF8_RESULT {
-    UTF8_OKAY = 0,
+    UTF8_OKAY = 0,          /**< converted */
     UTF8_OUTOFSPACE = 1,    /**< the result does not fit; the calls below say so by EKO_UTF8_FAILED */
     UTF8_INVALID = 2,       /**< not a code point, or not UTF-8 */
     UTF8_NEED_SURROGATE = 3 /**< half of a surrogate pair, which alone is no character */

@@ -12,13 +12,14 @@ EKO_EXTERN_C_BEGIN
 /** A UUID in its standard binary form: these 16 bytes, in this order and without gaps, are what RFC 4122
  *  describes, on every platform. Compare, hash and store them as bytes. */
 typedef struct UUID_VAL {
-    uint32 time_low;              /**< big-endian, as the next two: swap it to get the number */
-    uint16 time_mid;              /**< big-endian */
-    uint16 time_high_and_version; /**< big-endian; the version in its top 4 bits */
-    uint8 clock_seq_high_and_reserved;
-    uint8 clock_seq_low;
-    uint8 node[6];
+    uint32 time_low;                   /**< big-endian, as the next two: swap it to get the number */
+    uint16 time_mid;                   /**< big-endian */
+    uint16 time_high_and_version;      /**< big-endian; the version in its top 4 bits */
+    uint8 clock_seq_high_and_reserved; /**< the variant in its top bits */
+    uint8 clock_seq_low;               /**< random, as the rest */
+    uint8 node[6];                     /**< random in what uuid_create makes */
 } UUID_VAL;
+/** Another name of it. */
 typedef UUID_VAL eko_uuid_t;
 
 /** Bytes for a text with its terminator, without and with braces. */
