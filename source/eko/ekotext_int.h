@@ -16,9 +16,9 @@ struct EKO_FILE_CACHE_CTX {
     EKO_FILE_OFFSET size;     // length of the file at open, 0 for standard streams; raised by writes past it
     EKO_FH fh;
     uint32 bytes;    // valid bytes in buff when reading
-    uint16 modified; // buff holds bytes not yet written: those from buff_off to off
-    uint16 plain;    // so many bytes at the start of buff are known not to be 0xFF
+    uint32 modified; // buff holds bytes not yet written: those from buff_off to off
     uint8 buff[CACHE_BYTES];
+    uint32 plain; // so many bytes at the start of buff are known not to be 0xFF
 };
 
 // The bytes of a character from a UTF-16 file that are still to be read, last one first.
