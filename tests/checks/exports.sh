@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Fails unless the public headers and the shared library say the same:
-#   - what the library exports is declared in a public header;
-#   - what a public header declares with EKO_API is exported;
-#   - each such declaration has a contract: the run of declarations it stands in opens with a /** comment.
-#   exports.sh NM LIBEKO_SO INCLUDE_DIR
+# Fails unless the public headers, the linker's map and the shared library say the same:
+#   - a public header declares with EKO_API what the library exports, and nothing else;
+#   - the map has these names, each once and none by a pattern, and the library exports them in the map's version;
+#   - each declaration has a contract: the run of declarations it stands in opens with a /** comment.
+#   exports.sh NM LIBEKO_SO INCLUDE_DIR MAP
 set -euo pipefail
 export LC_ALL=C
-nm=$1 library=$2 include=$3
+nm=$1 library=$2 include=$3 map=$4
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -33,9 +33,16 @@ find "$include" -name '*.h' -exec awk '
         }
     }
 ' {} + | sort > "$work/declared"
-"$nm" -D --defined-only --extern-only "$library" |
-    awk '$(NF - 1) != "A" { sub(/@.*/, "", $NF); print $NF }' | sort -u > "$work/exported"
 cut -d' ' -f1 "$work/declared" | sort -u > "$work/names"
+"$nm" -D --defined-only --extern-only "$library" | awk '$(NF - 1) != "A" { print $NF }' | sort > "$work/versioned"
+sed 's/@.*//' "$work/versioned" | sort -u > "$work/exported"
+# NAME@@VERSION for each name of the map, as the library should have it.
+sed 's|/\*.*\*/||' "$map" | awk '
+    /{/ { version = $1 }
+    /local:/ { global = 0 }
+    global && sub(/;/, "") { print $1 "@@" version }
+    /global:/ { global = 1 }
+' | sort > "$work/mapped"
 
 status=0
 complain() { # TITLE, lines from standard input
@@ -43,9 +50,12 @@ complain() { # TITLE, lines from standard input
 }
 complain "Exported, but not declared in a public header:" < <(comm -13 "$work/names" "$work/exported")
 complain "Declared with EKO_API, but not exported:" < <(comm -23 "$work/names" "$work/exported")
+complain "Exported, but not in the map:" < <(comm -13 "$work/mapped" "$work/versioned")
+complain "In the map, but not exported in its version:" < <(comm -23 "$work/mapped" "$work/versioned")
 complain "Declared without a /** comment:" < <(awk '$2 == "bare" { print $1, $3 }' "$work/declared")
 complain "Declared twice:" < <(cut -d' ' -f1 "$work/declared" | uniq -d)
+complain "Twice in the map:" < <(uniq -d "$work/mapped")
 
 [ -s "$work/names" ] && [ -s "$work/exported" ] || status=1 # a scan that finds nothing must not pass
-echo "$(wc -l < "$work/names") declared, $(wc -l < "$work/exported") exported"
+echo "$(wc -l < "$work/names") declared, $(wc -l < "$work/mapped") in the map, $(wc -l < "$work/exported") exported"
 exit $status
