@@ -59,4 +59,5 @@ target_compile_options(eko_library_code INTERFACE
     -fvisibility=hidden
     -fasynchronous-unwind-tables
     -fno-semantic-interposition
+    $<$<CXX_COMPILER_ID:GNU>:-fno-ipa-icf> # functions that come out alike keep their debug information, for abi/
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
