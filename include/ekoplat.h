@@ -27,14 +27,20 @@
 #if defined(__GNUC__)
 /** Marks what the library exports; everything else is hidden. */
 #define EKO_API __attribute__((visibility("default")))
-/** Lets the compiler check a printf-style call: `fmt` is the position of the format, `args` of the first
- *  argument after it (0 for a va_list). */
-#define EKO_PRINTF_CHECK(fmt, args) __attribute__((format(printf, fmt, args)))
 /** Marks what does not return. */
 #define EKO_NORETURN __attribute__((noreturn))
 #else
 #define EKO_API
 #define EKO_NORETURN
+#endif
+
+/** Lets the compiler check a printf-style call over chars: `fmt` is the position of the format, `args` of the first
+ *  argument after it (0 for a va_list). The checks are those of the C library's printf; where format.h departs from
+ *  that, as with %ls and %Ld, they refuse what is right or let pass what is not. A program that uses such directives
+ *  defines EKO_NO_FORMAT_CHECKS before it includes this. */
+#if defined(__GNUC__) && !defined(EKO_NO_FORMAT_CHECKS)
+#define EKO_PRINTF_CHECK(fmt, args) __attribute__((format(printf, fmt, args)))
+#else
 #define EKO_PRINTF_CHECK(fmt, args)
 #endif
 
