@@ -2,7 +2,6 @@
 /* mem.c - gives each query a tag: what the query allocated goes in one call, whether it ended well or ran out of
  * memory in the middle. */
 #include <eko.h>
-#include <stdbool.h>
 
 typedef struct ROW {
     struct ROW* next;
@@ -30,14 +29,15 @@ static int32 query(uint32 count)
     EKO_MEMTAG tag = eko_createTagEx(&outOfMemory, 0, STACK_ALLOCATOR, NULL, NULL, __FILE__, __LINE__);
     if (tag == EKO_TAG_INVALID)
         return 1003;
-    const bool ranOut = setjmp(outOfMemory) != 0;
-    if (!ranOut) {
+    volatile int32 status = 1003; /* volatile: it keeps what it is set to behind setjmp */
+    if (setjmp(outOfMemory) == 0) {
         const ROW* last = collect(count, tag);
         eko_printf("%u rows, the last is \"%s\"\n", count, last->text);
         eko_flush(); /* in front of what the library may report, which is not held back */
+        status = 0;
     }
     EKO_TAG_DESTROY(tag); /* the rows, their texts, and with the tag its jump buffer */
-    return ranOut ? 1003 : 0;
+    return status;
 }
 /* [tag] */
 
