@@ -202,6 +202,32 @@ class Names:
             del self.header_of[guard]
 
 
+# ---- examples -------------------------------------------------------------------------------------------------------
+#
+# A program of examples/ is quoted without its licence and its marks. Parts lie between two comments [mark].
+
+
+def quoted_program(path, mark=None):
+    """A program, or a part of it, as lines."""
+    text = (ROOT / "examples" / path).read_text(encoding="utf-8")
+    if mark:
+        text = text.split(f"/* [{mark}] */")[1] # an error when there is none
+    lines = [line for line in text.strip("\n").split("\n") if "SPDX-" not in line]
+    return [line for line in lines if not re.fullmatch(r" */\* \[\w+\] \*/", line)]
+
+
+class Example:
+    """The program of examples/ that shows a header, and what it prints."""
+
+    def __init__(self, header):
+        self.path = f"{header.name}/{header.name}.c"
+        self.exists = (ROOT / "examples" / self.path).exists()
+        if self.exists:
+            readme = (ROOT / "examples" / header.name / "README.md").read_text(encoding="utf-8")
+            self.output = re.search(r"```text\n(.*?)\n```", readme, flags=re.S)[1].split("\n")
+            self.program = quoted_program(self.path)
+
+
 # ---- Doxygen --------------------------------------------------------------------------------------------------------
 
 
@@ -240,7 +266,7 @@ class Doxygen:
             return f"<p>{self.inline(content)}</p>"
         if kind == "code":
             lines = "\n".join(content)
-            return f"\n@code{{.c}}\n{lines}\n@endcode\n"
+            return f"\n@code{{.c}}\n{lines}\n@endcode\n\n"
         if kind == "list":
             return "<ul>" + "".join(f"<li>{self.tight(item)}</li>" for item in content) + "</ul>"
         if kind == "terms":
@@ -318,7 +344,7 @@ class Doxygen:
             for path in ORDER:
                 other = Header(INCLUDE / path)
                 out.append(f"/** @defgroup {other.name}_h {other.name}.h: {other.title} */\n")
-        out.append(f"/** @addtogroup {group}\n@{{\n{self.html(header.text)} */\n")
+        out.append(f"/** @addtogroup {group}\n@{{\n{self.html(header.text)}{self.example(header)} */\n")
         open_section = False
         pieces = header.pieces
         skip = False
@@ -342,13 +368,21 @@ class Doxygen:
             out.append("/** @} */\n")
         return "".join(out) + "/** @} */\n"
 
+    def example(self, header):
+        example = Example(header)
+        if not example.exists:
+            return ""
+        output = "\n".join(example.output)
+        return f"\n\n@par Example\n@include {example.path}\nIt prints\n@verbatim\n{output}\n@endverbatim\n"
+
     def page(self, path):
         """A page: its own label, references instead of names and links, programs of examples/ quoted."""
         text = path.read_text(encoding="utf-8")
         text = re.sub(r"<!--.*?-->\n?", "", text, flags=re.S)
         text = re.sub(r"\A\s*# (.*)$", rf"# \1 {{#page_{path.stem}}}", text, count=1, flags=re.M)
-        text = re.sub(r"^\[`?[^\]]*\]\(\.\./examples/([^)#]+)\)$", r"@include \1", text, flags=re.M)
-        text = re.sub(r"^\[`?[^\]]*\]\(\.\./examples/([^)#]+)#(\w+)\)$", r"@snippet \1 \2", text, flags=re.M)
+        def quote(match):
+            return "\n".join(["```c"] + quoted_program(match[1], match[2]) + ["```"])
+        text = re.sub(r"^\[[^\]]*\]\(\.\./examples/([^)#]+)(?:#(\w+))?\)$", quote, text, flags=re.M)
         anchors = []
         def heading(match):
             anchor = base = f"{path.stem}_{self.slug(match[1])}"
@@ -371,6 +405,7 @@ class Doxygen:
         return re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
 
     def linked(self, text):
+        text = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", text, flags=re.S) # around references Markdown does not see them
         def code(match):
             if match[1] in self.names.header_of:
                 return f"<code>{self.reference(match[1])}</code>"
@@ -390,6 +425,7 @@ class Man:
     def escape(text):
         text = text.replace("\\", "\\e").replace("-", "\\-")
         text = re.sub(r"`([^`]+)`", r"\1", text)
+        text = re.sub(r"[^\x00-\x7f]", lambda match: f"\\[u{ord(match[0]):04X}]", text)
         return re.sub(r"^([.'])", r"\\&\1", text)
 
     def text(self, text):
@@ -441,7 +477,7 @@ class Man:
         if not found and not family.strip():
             return self.text(blocks(entry_text(comment)))
         out = [".PP", ".nf"]
-        if found:
+        if found and "{" not in family.strip().split("\n")[0]:
             for _, start, end in found:
                 rest = family[start:end]
                 if rest.startswith("#define"):
@@ -469,6 +505,10 @@ class Man:
                     out.append(".SH INTERFACE")
                     plain = False
                 out += self.entry(piece, self.whole(pieces, number + 1))
+        example = Example(header)
+        if example.exists:
+            out += [".SH EXAMPLE"] + self.text([("code", example.program)])
+            out += [".PP", "It prints"] + self.text([("code", example.output)])
         out += [".SH SEE ALSO"] + self.see_also(header)
         return self.clean(out)
 
@@ -516,6 +556,8 @@ def write_man(version, target):
 
 
 def check(tags, target):
+    for path in [INCLUDE / path for path in ORDER] + list((ROOT / "docs").glob("*.md")):
+        filtered(path) # Doxygen takes a filter that fails for an empty file
     documented = set(re.findall(r"<name>(\w+)</name>", tags.read_text(encoding="utf-8")))
     missing = []
     for name in Names().exported:
@@ -532,11 +574,14 @@ def check(tags, target):
         sys.exit("\n".join(missing))
 
 
+def filtered(path):
+    doxygen = Doxygen(Names())
+    return doxygen.header(Header(path)) if path.suffix == ".h" else doxygen.page(path)
+
+
 def main(command, *arguments):
     if command == "filter":
-        path = pathlib.Path(arguments[0]).resolve()
-        doxygen = Doxygen(Names())
-        print(doxygen.header(Header(path)) if path.suffix == ".h" else doxygen.page(path), end="")
+        print(filtered(pathlib.Path(arguments[0]).resolve()), end="")
     elif command == "man":
         write_man(arguments[0], pathlib.Path(arguments[1]))
     elif command == "check":

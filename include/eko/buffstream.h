@@ -126,14 +126,17 @@ EKO_API int32 eko_outputBuffPutInt64(EKO_OUTPUTBUFF outBuff, int64 value);
 EKO_API int32 eko_outputBuffPutFloat32(EKO_OUTPUTBUFF outBuff, float value);
 EKO_API int32 eko_outputBuffPutFloat64(EKO_OUTPUTBUFF outBuff, double value);
 
-/** Adds `size` bytes. Statuses and surprise as above; `data` may be null when `size` is 0. */
+/** Adds `size` bytes; `data` may be null when `size` is 0. Returns 0; the write callback's error, with the surprise
+ *  of eko_outputBuffPutChar; 1013. */
 EKO_API int32 eko_outputBuffPutBytes(EKO_OUTPUTBUFF outBuff, const void* data, size_t size);
 
-/** Adds the characters of a string, not framed. Statuses and surprise as above; 1013 for a null string too. */
+/** Adds the characters of a string, not framed. Returns 0; the write callback's error, with the surprise of
+ *  eko_outputBuffPutChar; 1013, for a null string too. */
 EKO_API int32 eko_outputBuffPutString(EKO_OUTPUTBUFF outBuff, const char* str);
 
-/** Adds a framed string, which may be null. Statuses and surprise as above; and 1002, with nothing added, for one
- *  of 4 GiB - 1 or more, whose length has no room in the frame. */
+/** Adds a framed string, which may be null. Returns 0; the write callback's error, with the surprise of
+ *  eko_outputBuffPutChar; 1013; 1002, with nothing added, for one of 4 GiB - 1 or more, whose length has no room in
+ *  the frame. */
 EKO_API int32 eko_outputBuffPutStringWithLength(EKO_OUTPUTBUFF outBuff, const char* str);
 
 /** Flushes, then writes `data` from where it is, without a copy: one call of the callback, or as many as it takes

@@ -121,8 +121,8 @@ EKO_API EKO_FILE_OFFSET eko_fileLength(EKO_FH fh);
  *  In a 32-bit build a disk file of 2 GiB or more counts as absent. Surprise: diskless mode is not asked. */
 EKO_API EKO_FILE_OFFSET eko_fileLengthStat(const char* name, uint16 xflags);
 
-/** Cuts or extends a file. Returns 0, or not 0 on failure: -1 in read-only mode, 1003 when a file in memory cannot
- *  be given that size. */
+/** Cuts or extends a file. Returns 0; -1 in read-only mode and where the system refuses; 1003 when a file in memory
+ *  cannot be given that size; 1002 for a null handle, and in memory once the library has stopped. */
 EKO_API int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size);
 
 /** Locks a file against other processes and against other threads of this one that lock through the same
@@ -131,7 +131,7 @@ EKO_API int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size);
  *  children that inherit the handle have it too.
  *  Returns 0, or 1002 when refused. A thread may lock again what it has locked; but the lock against other
  *  processes does not count, it ends with the first unlock. eko_fileUnlock by a thread that holds no lock
- *  frees another's. */
+ *  frees another's. Where the table of mutexes is full, which is logged, threads are not kept apart. */
 EKO_API int32 eko_fileLock(EKO_FH fh);
 EKO_API void eko_fileUnlock(EKO_FH fh);
 

@@ -112,7 +112,7 @@ EKO_API int32 eko_iniGetStr(const char* iniName, const char* section, const char
 /** Gets a value as a number: leading white space, a sign and decimal digits; what follows is ignored, and text that
  *  is no number is 0. A number that does not fit becomes the nearest that does.
  *  num  receives it on 0 only.
- *  Returns as eko_iniGet: -924 for a null iniName or num; -932 for a value of more than 17 bytes. */
+ *  Returns 0; 2, -904, -905; -924 for a null iniName or num; -932 for a value of more than 17 bytes. */
 EKO_API int32 eko_iniInt32(const char* iniName, const char* section, const char* tag, int32* num);
 EKO_API int32 eko_iniInt32Ex(const char* iniName, const char* section, const char* tag, int32* num, uint16 xflags);
 EKO_API int32 eko_iniInt32W(const wchar_t* iniName, const wchar_t* section, const wchar_t* tag, int32* num);

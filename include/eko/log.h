@@ -41,8 +41,9 @@ EKO_API int32 eko_log_create(const char* docroot, const char* name);
 /** Flushes the console, unless eko_background is set, and the log. */
 EKO_API void eko_log_flush(void);
 
-/** Let a file stand in for standard output, or standard error; null or "" silences it. Emptying
- *  and results as eko_log_open. "stdout" and "stderr" bring back a console that was popped. */
+/** Let a file stand in for standard output, or standard error; null or "" silences it. "stdout" and "stderr" bring
+ *  back a console that was popped. A file is emptied as by eko_log_open.
+ *  Returns 0; 1002 when the library is not started or the file cannot be opened; 1003 without memory. */
 EKO_API int32 eko_stdout_open(const char* stdout_name);
 EKO_API void eko_stdout_close(void);
 EKO_API int32 eko_stderr_open(const char* stderr_name);

@@ -16,8 +16,8 @@
  *               Unlike some, it always comes to an end, whatever actions do: a token that recovery came to is
  *               dropped when the error at it would be recovered from at the same place again; when an action raises
  *               an error again, with no token shifted in between, it is recovered from farther down the stack.
- *   Conflicts   may let the empty beginnings of a list be reduced without end, for tokens that cannot begin it. Such
- *               tokens are errors.
+ *   Conflicts   may let the empty beginnings of a list be reduced without end, for tokens that cannot begin it.
+ *               Such tokens are errors.
  *   Values      are copied as bytes, when the stack grows too, and nothing is called for those that are dropped:
  *               keep what they point to on a tag, and free the tag.
  *   Stacks      are one block on the caller's tag, which doubles when it is full. The depth is limited by memory
@@ -37,8 +37,8 @@ EKO_EXTERN_C_BEGIN
 /** The layout of EKO_YYTABLES that this header describes. */
 #define EKO_YYVERSION 1
 
-/** A grammar's tables, as Bison makes them. Symbols are numbered: tokens first, of which 0 is the end of the text, 1
- *  `error` and 2 the token that the grammar does not know; then the symbols that rules make. */
+/** A grammar's tables, as Bison makes them. Symbols are numbered: tokens first, of which 0 is the end of the text,
+ *  1 `error` and 2 the token that the grammar does not know; then the symbols that rules make. */
 typedef struct EKO_YYTABLES {
     uint32 version;           /**< EKO_YYVERSION */
     uint32 value_size;        /**< bytes of a semantic value, not 0; they need no alignment above 8 */

@@ -77,7 +77,7 @@ EKO_API int32 eko_thrpoolJobStatus(const EKO_THRPOOL_JOB* job, EKO_THRPOOL_JOB_S
  *  Returns 0; 1013 for null; 1015 while it still waits. */
 EKO_API int32 eko_thrpoolJobWaitTime(const EKO_THRPOOL_JOB* job, uint64* pnsecs);
 
-/** Surprise: the same figure as eko_thrpoolJobWaitTime, not the time that the job ran. Returns 0; 1013 for null;
+/** The same figure as eko_thrpoolJobWaitTime. Surprise: not the time that the job ran. Returns 0; 1013 for null;
  *  1015 until it has finished. */
 EKO_API int32 eko_thrpoolJobExecTime(const EKO_THRPOOL_JOB* job, uint64* pnsecs);
 
