@@ -14,6 +14,11 @@
 //         writes into its payload the one before it in the list and, at the end, its size, as far as there is room,
 //         and the block above it, which is in use, has a flag. Neither says anything that a walk through the list
 //         would not.
+//
+//         When walks through the free lists become long, the allocator gets an index beside them, which finds the
+//         block that the walk would: see eko_list_index.h. A free block then ends with a pointer to its node there,
+//         which knows the rest; one without a payload has no node. The first chunk holds the index in place of
+//         the chunk before it, of which there is none. Without memory for the index all is as it was before it.
 //         large block:  | LARGE_BLOCK_HDR | payload | inside a block of LargeBlock
 // Locks   A tag's allocator relies on the tag's mutex. largeBlockSem guards LargeBlock, eko_mem_stats and the
 //         caller's buffer; it is taken inside a tag's mutex, never around one, and is none before start and after
@@ -22,7 +27,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "ekomem_int.h"
+#include "eko_list_index.h"
 
 // Exported, with largeBlockSem for the tag layer that creates it.
 size_t eko_memlimit;
@@ -31,23 +36,6 @@ EKO_MEM_INFO eko_mem_stats;
 EKO_SEM largeBlockSem = EKO_SEM_INVALID;
 
 namespace {
-
-struct LIST_CHUNK_HDR;
-
-struct LIST_HDR {
-    size_t size; // bytes behind this header, a multiple of 8; in use: and what is below
-    union {
-        LIST_HDR* next;        // free: the next free block of the chunk
-        LIST_CHUNK_HDR* chunk; // in use: the chunk that holds it
-    } ptr;
-};
-
-struct LIST_CHUNK_HDR {
-    size_t size; // bytes behind this header
-    LIST_CHUNK_HDR* next;
-    LIST_CHUNK_HDR* prev;
-    LIST_HDR* free_hdrs;
-};
 
 using ChunkAlloc = void* (*)(size_t* size, EKO_MEM_INFO* mem_info); // may give more, and then says so in *size
 using ChunkFree = void (*)(void* ptr, EKO_MEM_INFO* mem_info);
@@ -63,6 +51,13 @@ struct LIST_ALLOCATOR_ENTRY {
 struct BEST_FIT {
     LIST_CHUNK_HDR* chunk;
     LIST_HDR* p; // the best free block so far
+    LIST_HDR* q; // the block before it in the free list, or null
+};
+
+struct NEIGHBORS {
+    LIST_HDR* above; // free blocks, or null
+    LIST_HDR* q;     // the block before the one above in the free list, or null
+    LIST_HDR* below;
 };
 
 struct LARGE_BLOCK_HDR {
@@ -76,6 +71,7 @@ constexpr size_t LARGE_HDR = sizeof(LARGE_BLOCK_HDR);
 constexpr size_t BELOW_FREE = 1;  // flag: the block below is free, and its size stands at its end
 constexpr size_t BELOW_EMPTY = 2; // flag: the block below is free and has no payload
 constexpr size_t FLAGS = BLOCK_ALIGNMENT - 1;
+constexpr size_t LONG_WALK = 8; // past so many free blocks: what an index costs
 constexpr uint32 TAG_BLOCKSIZE = 4096;
 constexpr uint32 SYSTEM_BLOCKSIZE = 4194304;
 
@@ -141,9 +137,13 @@ size_t sizeOf(const LIST_HDR* block)
 {
     return block->size & ~FLAGS;
 }
+LIST_HDR* behind(LIST_HDR* block, size_t size)
+{
+    return reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + size);
+}
 LIST_HDR* behind(LIST_HDR* block)
 {
-    return reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + sizeOf(block));
+    return behind(block, sizeOf(block));
 }
 LIST_HDR* firstBlock(LIST_CHUNK_HDR* chunk)
 {
@@ -162,9 +162,9 @@ LIST_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
     return static_cast<LIST_ALLOCATOR_ENTRY*>(alctr);
 }
 
-// ---- free lists -------------------------------------------------------------------------------------------
+// ---- what a free block knows ------------------------------------------------------------------------------
 
-// Where a free block keeps the one before it in its list, if it has room for that beside its size.
+// Without an index, the one before it in its list, if it has room for that beside its size.
 bool knowsBefore(const LIST_HDR* p)
 {
     return p->size >= 2 * sizeof(void*);
@@ -173,57 +173,222 @@ LIST_HDR*& beforeOf(LIST_HDR* p)
 {
     return *static_cast<LIST_HDR**>(payloadOf(p));
 }
+size_t& sizeAtEnd(LIST_HDR* above)
+{
+    return reinterpret_cast<size_t*>(above)[-1];
+}
+
+using NODE __attribute__((may_alias)) = LIST_NODE*; // stands where other data stood
+
+// With an index, its node.
+bool hasNode(const LIST_HDR* p)
+{
+    return p->size > 0;
+}
+NODE& nodeAtEnd(LIST_HDR* above)
+{
+    return reinterpret_cast<NODE*>(above)[-1];
+}
+NODE& nodeOf(LIST_HDR* p)
+{
+    return nodeAtEnd(behind(p, p->size));
+}
 
 // The block before a free one in the list, or null.
-LIST_HDR* findBefore(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+LIST_HDR* findBefore(const LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 {
-    if (knowsBefore(p))
-        return beforeOf(p);
+    if (index ? hasNode(p) : knowsBefore(p))
+        return index ? nodeOf(p)->before : beforeOf(p);
     LIST_HDR* q = nullptr;
     for (LIST_HDR* at = chunk->free_hdrs; at != p; at = at->ptr.next)
         q = at;
     return q;
 }
 
-void setBefore(LIST_HDR* p, LIST_HDR* q)
+void setBefore(const LIST_INDEX* index, LIST_HDR* p, LIST_HDR* q)
 {
-    if (p && knowsBefore(p))
-        beforeOf(p) = q;
+    if (index ? hasNode(p) : knowsBefore(p))
+        (index ? nodeOf(p)->before : beforeOf(p)) = q;
 }
 
-void push_on_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+// ---- nodes of the index -----------------------------------------------------------------------------------
+
+LIST_INDEX* indexOf(const LIST_ALLOCATOR_ENTRY* alctr)
 {
-    p->ptr.next = chunk->free_hdrs;
-    setBefore(p->ptr.next, p);
-    setBefore(p, nullptr);
+    return alctr->chunks ? alctr->chunks->index : nullptr;
+}
+
+LIST_NODE* nodeOfChunk(const LIST_INDEX* index, const LIST_CHUNK_HDR* chunk)
+{
+    return treapLowerBound(index->chunks, reinterpret_cast<uintptr_t>(chunk));
+}
+
+void addChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, uint64 order)
+{
+    LIST_NODE* node = takeNode(index);
+    node->order = order;
+    treapInsert(&index->chunks, node, reinterpret_cast<uintptr_t>(chunk));
+}
+
+void removeChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk)
+{
+    LIST_NODE* node = nodeOfChunk(index, chunk);
+    treapErase(&index->chunks, node);
+    giveNode(index, node);
+}
+
+// Of the block at the head of a list, or null.
+LIST_NODE* nodeOfHead(const LIST_CHUNK_HDR* chunk)
+{
+    LIST_HDR* head = chunk->free_hdrs;
+    return head && hasNode(head) ? nodeOf(head) : nullptr;
+}
+
+LIST_NODE* makeNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, uint64 order, uint64 stamp)
+{
+    LIST_NODE* node = takeNode(index);
+    node->block = p;
+    node->chunk = chunk;
+    node->before = nullptr;
+    node->order = order;
+    node->stamp = stamp;
+    return node;
+}
+
+// Of a block that is to be at the head of its list, whose node there is given.
+LIST_NODE* makeHeadNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, const LIST_NODE* head)
+{
+    return makeNode(index, chunk, p, (head ? head : nodeOfChunk(index, chunk))->order, ++index->latest);
+}
+
+// Stamps for all blocks of a list; the head gets the one that is answered, each other one less than the one before.
+uint64 takeStamps(LIST_INDEX* index, const LIST_CHUNK_HDR* chunk)
+{
+    for (const LIST_HDR* p = chunk->free_hdrs; p; p = p->ptr.next)
+        ++index->latest;
+    return index->latest;
+}
+
+// Gives a free block that size, and its node the place for it.
+void addNode(LIST_INDEX* index, LIST_NODE* node, LIST_HDR* p, size_t size)
+{
+    binInsert(index, node, size);
+    p->size = size;
+    nodeOf(p) = node;
+}
+
+void removeNode(LIST_INDEX* index, LIST_NODE* node, size_t size)
+{
+    binErase(index, node, size);
+    giveNode(index, node);
+}
+
+// The node of a block that had no payload, and so no stamp: all blocks of the list get new ones, in the same order.
+[[gnu::noinline]] LIST_NODE* makeNodeInPlace(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q)
+{
+    LIST_NODE* node = makeNode(index, chunk, p, nodeOfChunk(index, chunk)->order, 0);
+    node->before = q;
+    uint64 stamp = takeStamps(index, chunk);
+    for (LIST_HDR* at = chunk->free_hdrs; at; at = at->ptr.next) {
+        if (at == p)
+            node->stamp = stamp;
+        else if (hasNode(at))
+            nodeOf(at)->stamp = stamp;
+        --stamp;
+    }
+    return node;
+}
+
+// ---- free lists -------------------------------------------------------------------------------------------
+
+// The chunk's pointer to its first free block, as if it were a free block's pointer to the next.
+LIST_HDR* startOfList(LIST_CHUNK_HDR* chunk)
+{
+    return reinterpret_cast<LIST_HDR*>(bytesOf(&chunk->free_hdrs) - offsetof(LIST_HDR, ptr));
+}
+
+// Either, without a branch: whether a block is the first or the last of its list cannot be foreseen.
+LIST_HDR* orElse(LIST_HDR* p, LIST_HDR* other)
+{
+    const uintptr_t instead = reinterpret_cast<uintptr_t>(other) & allBitsIf(p == nullptr);
+    return reinterpret_cast<LIST_HDR*>(reinterpret_cast<uintptr_t>(p) | instead);
+}
+
+void pushNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+{
+    LIST_NODE* head = nodeOfHead(chunk);
+    if (hasNode(p))
+        addNode(index, makeHeadNode(index, chunk, p, head), p, p->size);
+    if (head)
+        head->before = p;
+}
+
+void push_on_free_list(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+{
+    LIST_HDR* next = chunk->free_hdrs;
+    if (index) {
+        pushNode(index, chunk, p);
+    } else {
+        if (next)
+            setBefore(nullptr, next, p);
+        setBefore(nullptr, p, nullptr);
+    }
+    p->ptr.next = next;
     chunk->free_hdrs = p;
 }
 
-void remove_from_free_list(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+void remove_from_free_list(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q)
 {
-    LIST_HDR* q = findBefore(chunk, p);
-    EKO_ASSERT(!q || q->ptr.next == p);
-    EKO_ASSERT(q || chunk->free_hdrs == p);
-    (q ? q->ptr.next : chunk->free_hdrs) = p->ptr.next;
-    setBefore(p->ptr.next, q);
+    LIST_HDR* holder = orElse(q, startOfList(chunk));
+    if (holder->ptr.next != p) {
+        EKO_ASSERT(!q || q->ptr.next == p);
+        EKO_ASSERT(q || chunk->free_hdrs == p);
+    }
+    if (index && hasNode(p))
+        removeNode(index, nodeOf(p), p->size);
+    LIST_HDR* next = p->ptr.next;
+    holder->ptr.next = next;
+    if (index)
+        setBefore(index, orElse(next, &index->none), q);
+    else if (next)
+        setBefore(nullptr, next, q);
 }
 
-// Enlarges a free block, which keeps its place.
-void growFree(LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
+// A free block that gets another size keeps its place in the list. Here it has a payload before and after.
+void resizeFree(LIST_INDEX* index, LIST_HDR* p, size_t size)
 {
-    LIST_HDR* q = findBefore(chunk, p);
+    LIST_NODE* node = nodeOf(p);
+    binErase(index, node, p->size);
+    addNode(index, node, p, size);
+}
+
+void shrinkFree(LIST_INDEX* index, LIST_HDR* p, size_t size)
+{
+    if (index)
+        return resizeFree(index, p, size);
     p->size = size;
-    setBefore(p, q);
+    sizeAtEnd(behind(p)) = size;
+}
+
+void growFree(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
+{
+    if (index && hasNode(p))
+        return resizeFree(index, p, size);
+    LIST_HDR* q = findBefore(index, chunk, p);
+    if (index)
+        return addNode(index, makeNodeInPlace(index, chunk, p, q), p, size);
+    p->size = size;
+    setBefore(nullptr, p, q);
 }
 
 // ---- neighbours -------------------------------------------------------------------------------------------
 
 // Tells the block above that this one is free, or of its new size.
-void markFree(LIST_CHUNK_HDR* chunk, LIST_HDR* p)
+void markFree(const LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 {
     LIST_HDR* above = behind(p);
-    if (p->size > 0)
-        reinterpret_cast<size_t*>(above)[-1] = p->size;
+    if (!index && p->size > 0)
+        sizeAtEnd(above) = p->size;
     if (above != endOf(chunk))
         above->size = sizeOf(above) | (p->size > 0 ? BELOW_FREE : BELOW_EMPTY);
 }
@@ -242,51 +407,156 @@ LIST_HDR* freeAbove(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
     return above != endOf(chunk) && above->ptr.chunk != chunk ? above : nullptr;
 }
 
-LIST_HDR* freeBelow(LIST_HDR* block)
+LIST_HDR* freeBelow(const LIST_INDEX* index, LIST_HDR* block)
 {
     if ((block->size & FLAGS) == 0)
         return nullptr;
-    const size_t size = block->size & BELOW_FREE ? reinterpret_cast<size_t*>(block)[-1] : 0;
+    if ((block->size & BELOW_FREE) && index)
+        return nodeAtEnd(block)->block;
+    const size_t size = block->size & BELOW_FREE ? sizeAtEnd(block) : 0;
     return reinterpret_cast<LIST_HDR*>(bytesOf(block) - size - HDR);
+}
+
+// The free blocks that lie right beside one.
+NEIGHBORS find_next_neighbor(const LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+{
+    LIST_HDR* above = freeAbove(chunk, block);
+    return {above, above ? findBefore(index, chunk, above) : nullptr, freeBelow(index, block)};
 }
 
 // ---- which block serves a request -------------------------------------------------------------------------
 
 // Hands a free block out, whole when what would be left over could not be a block.
-LIST_HDR* use_entry(LIST_CHUNK_HDR* chunk, LIST_HDR* p, size_t size)
+LIST_HDR* use_entry(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q, size_t size)
 {
     LIST_HDR* block = p;
     if (p->size <= size + HDR) {
-        remove_from_free_list(chunk, p);
+        remove_from_free_list(index, chunk, p, q);
     } else {
-        block = reinterpret_cast<LIST_HDR*>(bytesOf(p) + p->size - size); // from the end: p stays where it is
-        block->size = size;
-        p->size -= size + HDR;
-        markFree(chunk, p);
+        shrinkFree(index, p, p->size - size - HDR);
+        block = behind(p); // from the end: p stays where it is
+        block->size = size | BELOW_FREE;
     }
     block->ptr.chunk = chunk;
     markUsed(chunk, block);
     return block;
 }
 
-// The first block of exactly that size, else the smallest larger one, of equals the first met. What a block is too large
-// by is compared as an unsigned number, in which one that is too small is too large by more than all that are not.
-BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size)
+// The first block of exactly that size, else the smallest larger one, of equals the first met. What a block is too
+// large by is compared as an unsigned number, in which one that is too small is too large by more than all that are
+// not. Counts the blocks that it met.
+BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size, size_t* met)
 {
-    BEST_FIT best = {nullptr, nullptr};
+    BEST_FIT best = {nullptr, nullptr, nullptr};
     size_t least = SIZE_MAX - size;
+    size_t count = 0;
     for (LIST_CHUNK_HDR* chunk = alctr->chunks; chunk; chunk = chunk->next) {
-        for (LIST_HDR* p = chunk->free_hdrs; p; p = p->ptr.next) {
+        LIST_HDR* q = nullptr;
+        for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
+            ++count;
             const size_t excess = p->size - size;
             if (excess < least) {
                 least = excess;
-                best = {chunk, p};
+                best = {chunk, p, q};
                 if (excess == 0)
-                    return best;
+                    goto found;
             }
         }
     }
+found:
+    *met = count;
     return best;
+}
+
+// The same, without a walk. For blocks without a payload it is no help.
+BEST_FIT best_indexed(const LIST_INDEX* index, size_t size)
+{
+    const LIST_NODE* node = binFind(index, size);
+    if (!node)
+        return {nullptr, nullptr, nullptr};
+    return {node->chunk, node->block, node->before};
+}
+
+// ---- with and without an index ----------------------------------------------------------------------------
+
+bool readyNodes(LIST_INDEX* index)
+{
+    return hasSpareNodes(index) || addSpareNodes(index);
+}
+
+// Writes into the free blocks what they know without an index.
+[[gnu::noinline]] void writeFreeBlocks(LIST_CHUNK_HDR* chunks)
+{
+    for (LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next) {
+        LIST_HDR* q = nullptr;
+        for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
+            setBefore(nullptr, p, q);
+            if (p->size > 0)
+                sizeAtEnd(behind(p)) = p->size;
+        }
+    }
+}
+
+[[gnu::noinline]] void dropIndex(LIST_CHUNK_HDR* chunks, LIST_INDEX* index)
+{
+    writeFreeBlocks(chunks);
+    listIndexDestroy(index);
+    chunks->index = nullptr;
+}
+
+// With nodes for one operation. Without memory for them the index is given up.
+[[gnu::noinline]] LIST_INDEX* refillIndex(LIST_ALLOCATOR_ENTRY* alctr)
+{
+    LIST_INDEX* index = indexOf(alctr);
+    if (addSpareNodes(index))
+        return index;
+    dropIndex(alctr->chunks, index);
+    return nullptr;
+}
+
+inline LIST_INDEX* readyIndex(LIST_ALLOCATOR_ENTRY* alctr)
+{
+    LIST_INDEX* index = alctr->chunks->index;
+    return !index || hasSpareNodes(index) ? index : refillIndex(alctr);
+}
+
+// The nodes of a chunk and of its free blocks. False when there is no memory for all of them.
+bool addChunkNodes(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, uint64 order)
+{
+    if (!readyNodes(index))
+        return false;
+    addChunkNode(index, chunk, order);
+    uint64 stamp = takeStamps(index, chunk);
+    LIST_HDR* q = nullptr;
+    for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next, --stamp) {
+        if (!hasNode(p))
+            continue;
+        if (!readyNodes(index))
+            return false;
+        LIST_NODE* node = makeNode(index, chunk, p, order, stamp);
+        node->before = q;
+        addNode(index, node, p, p->size);
+    }
+    return true;
+}
+
+void makeIndex(LIST_CHUNK_HDR* chunks)
+{
+    if (readUnlocked(eko_membuffer)) // is all the memory there is
+        return;
+    LIST_INDEX* index = listIndexCreate();
+    if (!index)
+        return;
+    index->none.size = sizeof(index->payload);
+    nodeOf(&index->none) = &index->nodeOfNone;
+    chunks->index = index;
+    for (const LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next)
+        ++index->newest;
+    uint64 order = index->newest;
+    for (LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next) {
+        if (!addChunkNodes(index, chunk, order--))
+            return dropIndex(chunks, index);
+    }
 }
 
 // ---- chunks -----------------------------------------------------------------------------------------------
@@ -304,62 +574,79 @@ LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     auto* chunk = static_cast<LIST_CHUNK_HDR*>(alctr->alloc_fcn(&bytes, &alctr->mem_info.capacity));
     if (!chunk)
         return nullptr;
+    LIST_INDEX* index = alctr->chunks ? readyIndex(alctr) : nullptr;
     chunk->size = bytes - CHUNK_HDR;
-    chunk->prev = nullptr;
+    chunk->index = index;
     chunk->next = alctr->chunks;
     if (chunk->next)
         chunk->next->prev = chunk;
     alctr->chunks = chunk;
     chunk->free_hdrs = nullptr;
+    if (index)
+        addChunkNode(index, chunk, ++index->newest);
     LIST_HDR* block = firstBlock(chunk);
     block->size = chunk->size - HDR;
-    push_on_free_list(chunk, block);
+    push_on_free_list(index, chunk, block);
     return chunk;
+}
+
+// Takes an empty chunk out of the index, which goes with the last one.
+[[gnu::noinline]] void forgetChunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_INDEX* index, LIST_CHUNK_HDR* chunk)
+{
+    if (!alctr->chunks)
+        return listIndexDestroy(index);
+    alctr->chunks->index = index;
+    removeNode(index, nodeOf(chunk->free_hdrs), chunk->free_hdrs->size);
+    removeChunkNode(index, chunk);
 }
 
 void release_chunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk)
 {
-    (chunk->prev ? chunk->prev->next : alctr->chunks) = chunk->next;
+    LIST_INDEX* index = indexOf(alctr);
+    const bool first = alctr->chunks == chunk;
+    (first ? alctr->chunks : chunk->prev->next) = chunk->next;
     if (chunk->next)
-        chunk->next->prev = chunk->prev;
+        chunk->next->prev = first ? nullptr : chunk->prev;
+    if (index)
+        forgetChunk(alctr, index, chunk);
     alctr->free_fcn(chunk, &alctr->mem_info.capacity);
 }
 
 // ---- joining ----------------------------------------------------------------------------------------------
 
-// Enlarges a block in use by the free block right behind it, if there is one.
-void absorbAbove(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+// Enlarges a block in use by the free block right behind it.
+void absorbAbove(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block, const NEIGHBORS& near)
 {
-    LIST_HDR* above = freeAbove(chunk, block);
-    if (!above)
+    if (!near.above)
         return;
-    remove_from_free_list(chunk, above);
-    block->size += above->size + HDR;
+    remove_from_free_list(index, chunk, near.above, near.q);
+    block->size += near.above->size + HDR;
 }
 
 // Puts a block on its chunk's free list, as one with the free blocks beside it; answers that one.
-LIST_HDR* join_to_neighbors(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+LIST_HDR* join_to_neighbors(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    absorbAbove(chunk, block);
-    LIST_HDR* joined = freeBelow(block);
+    const NEIGHBORS near = find_next_neighbor(index, chunk, block);
+    absorbAbove(index, chunk, block, near);
+    LIST_HDR* joined = near.below;
     if (joined) {
-        growFree(chunk, joined, joined->size + HDR + sizeOf(block));
+        growFree(index, chunk, joined, joined->size + HDR + sizeOf(block));
     } else {
         joined = block; // without flags
-        push_on_free_list(chunk, joined);
+        push_on_free_list(index, chunk, joined);
     }
-    markFree(chunk, joined);
+    markFree(index, chunk, joined);
     return joined;
 }
 
-void combine_with_next(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+void combine_with_next(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    absorbAbove(chunk, block);
+    absorbAbove(index, chunk, block, find_next_neighbor(index, chunk, block));
     markUsed(chunk, block);
 }
 
 // Cuts the surplus off a block in use, as a free block. What is above it is in use.
-void release_extra(LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
+void release_extra(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
 {
     const size_t surplus = sizeOf(block) - size;
     if (surplus <= HDR)
@@ -367,26 +654,52 @@ void release_extra(LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
     LIST_HDR* rest = reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + size);
     rest->size = surplus - HDR;
     block->size -= surplus;
-    push_on_free_list(chunk, rest);
-    markFree(chunk, rest);
+    push_on_free_list(index, chunk, rest);
+    markFree(index, chunk, rest);
 }
 
 // ---- the three operations ---------------------------------------------------------------------------------
 
-void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
+void* takeBlock(LIST_ALLOCATOR_ENTRY* alctr, LIST_INDEX* index, const BEST_FIT& fit, size_t size)
+{
+    eko_inc_mem_info(&alctr->mem_info.bytes, size);
+    return payloadOf(use_entry(index, fit.chunk, fit.p, fit.q, size));
+}
+
+[[gnu::noinline]] void* takeFromNewChunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
+{
+    LIST_CHUNK_HDR* chunk = list_add_chunk(alctr, size);
+    return chunk ? takeBlock(alctr, indexOf(alctr), {chunk, chunk->free_hdrs, nullptr}, size) : nullptr;
+}
+
+// By a walk, which is a long one: the next will do without, if there can be an index.
+[[gnu::noinline]] void* takeAndIndex(LIST_ALLOCATOR_ENTRY* alctr, const BEST_FIT& fit, size_t size)
+{
+    if (!indexOf(alctr))
+        makeIndex(alctr->chunks);
+    return fit.p ? takeBlock(alctr, indexOf(alctr), fit, size) : takeFromNewChunk(alctr, size);
+}
+
+// What is done with an index and what without one are compiled by themselves, with all that they call.
+[[gnu::flatten]] void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
 {
     if (!roundUp(size, BLOCK_ALIGNMENT, &size))
         return nullptr;
-    BEST_FIT fit = best_fit(alctr, size);
-    if (!fit.p) {
-        fit.chunk = list_add_chunk(alctr, size);
-        if (!fit.chunk)
-            return nullptr;
-        fit.p = fit.chunk->free_hdrs;
+    LIST_INDEX* index = indexOf(alctr);
+    if (index && size > 0) {
+        const BEST_FIT fit = best_indexed(index, size);
+        return fit.p ? takeBlock(alctr, index, fit, size) : takeFromNewChunk(alctr, size);
     }
-    LIST_HDR* block = use_entry(fit.chunk, fit.p, size);
-    eko_inc_mem_info(&alctr->mem_info.bytes, size);
-    return payloadOf(block);
+    size_t met;
+    const BEST_FIT fit = best_fit(alctr, size, &met);
+    if (index || met > LONG_WALK)
+        return takeAndIndex(alctr, fit, size);
+    return fit.p ? takeBlock(alctr, nullptr, fit, size) : takeFromNewChunk(alctr, size);
+}
+
+[[gnu::flatten]] LIST_HDR* giveBlock(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+{
+    return index ? join_to_neighbors(index, chunk, block) : join_to_neighbors(nullptr, chunk, block);
 }
 
 void internal_free(void* ptr, LIST_ALLOCATOR_ENTRY* alctr)
@@ -397,7 +710,7 @@ void internal_free(void* ptr, LIST_ALLOCATOR_ENTRY* alctr)
     // whole. The figure drifts downwards; the engine's reports are calibrated on it. Pinned by
     // list_free_subtracts_the_blocks_own_size.
     eko_dec_mem_info(&alctr->mem_info.bytes, sizeOf(block));
-    const LIST_HDR* joined = join_to_neighbors(chunk, block);
+    const LIST_HDR* joined = giveBlock(readyIndex(alctr), chunk, block);
     if (joined == firstBlock(chunk) && chunk->size == joined->size + HDR)
         release_chunk(alctr, chunk);
 }
@@ -420,11 +733,12 @@ void* internal_realloc(void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
         return nullptr;
     LIST_HDR* block = headerOf(ptr);
     LIST_CHUNK_HDR* chunk = block->ptr.chunk;
-    combine_with_next(chunk, block);
+    LIST_INDEX* index = readyIndex(alctr);
+    combine_with_next(index, chunk, block);
     if (sizeOf(block) < newsize)
         return moveBlock(block, newsize, alctr);
     eko_inc_mem_info(&alctr->mem_info.bytes, newsize - sizeOf(block)); // wraps, and so lowers, when it shrinks
-    release_extra(chunk, block, newsize);
+    release_extra(index, chunk, block, newsize);
     return ptr;
 }
 
@@ -451,6 +765,8 @@ void list_allocator_free(void* ptr, ALLOCATOR alctr)
 void list_allocator_free_all(ALLOCATOR alctr)
 {
     LIST_ALLOCATOR_ENTRY* state = stateOf(alctr);
+    if (LIST_INDEX* index = indexOf(state))
+        listIndexDestroy(index);
     while (state->chunks) {
         LIST_CHUNK_HDR* chunk = state->chunks;
         state->chunks = chunk->next;
