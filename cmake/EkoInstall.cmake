@@ -38,18 +38,18 @@ install(FILES ${config}/ekoConfig.cmake ${config}/ekoConfigVersion.cmake ${CMAKE
 
 # ---- pkg-config ---------------------------------------------------------------------------------------------
 
-# Directories are told from where the file is, so that it may be moved with all the rest.
-set(root /nowhere/at/all)
-cmake_path(ABSOLUTE_PATH EKO_INSTALL_PCDIR BASE_DIRECTORY ${root} OUTPUT_VARIABLE from)
+# The prefix is told from where the file is, so that it may be moved with all the rest.
+set(pc_prefix ${CMAKE_INSTALL_PREFIX})
+if(NOT IS_ABSOLUTE "${EKO_INSTALL_PCDIR}")
+    cmake_path(ABSOLUTE_PATH EKO_INSTALL_PCDIR BASE_DIRECTORY /prefix OUTPUT_VARIABLE from)
+    set(pc_root /prefix)
+    cmake_path(RELATIVE_PATH pc_root BASE_DIRECTORY ${from})
+    set(pc_prefix "\${pcfiledir}/${pc_root}")
+endif()
 foreach(name IN ITEMS LIBDIR INCLUDEDIR)
-    cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_${name} BASE_DIRECTORY ${root} NORMALIZE OUTPUT_VARIABLE pc_${name})
-    cmake_path(IS_PREFIX root ${pc_${name}} below)
-    if(below)
-        cmake_path(RELATIVE_PATH pc_${name} BASE_DIRECTORY ${root})
-        string(PREPEND pc_${name} "\${prefix}/")
-    endif()
+    set(pc_${name} ${CMAKE_INSTALL_${name}})
+    cmake_path(ABSOLUTE_PATH pc_${name} BASE_DIRECTORY "\${prefix}")
 endforeach()
-cmake_path(RELATIVE_PATH root BASE_DIRECTORY ${from} OUTPUT_VARIABLE pc_up)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/install/eko.pc.in ${config}/eko.pc @ONLY)
 install(FILES ${config}/eko.pc DESTINATION ${EKO_INSTALL_PCDIR} COMPONENT development)
 
