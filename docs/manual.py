@@ -3,6 +3,7 @@
 """Makes the manual from the public headers and the pages in docs/, which are written to be read as they stand.
 
 manual.py filter FILE       what Doxygen is to read instead of a header or a page (its INPUT_FILTER)
+manual.py prepare DIR       fails where the filter would; puts the programs that Doxygen is to quote into DIR
 manual.py man VERSION DIR   a page of section 3 for each header into DIR, and a link to it for each exported name
 manual.py check TAGS DIR    fails unless each exported name is in Doxygen's tag file and has a page in DIR
 
@@ -11,7 +12,7 @@ How headers are written:
     /* ---- title ---- Text ... */     opens a section
     /** Text ... */                    tells of the declarations up to the next empty line
 Text is plain: paragraphs, "- " lists, "term  text" lists with aligned text, a short line as the heading of indented
-text, and examples indented behind an empty line.
+text, and examples indented by four blanks or more behind an empty line.
 """
 
 import pathlib
@@ -30,6 +31,7 @@ ORDER = ["eko.h"] + [f"eko/{module}.h" for module in MODULES] + ["base.h", "dbty
 # ("head", title, text).
 
 TERM = re.compile(r"(\S(?:.*?\S)?) {2,}(\S.*)$")
+NUMBER = re.compile(r"^( +)(-?\d+)( {2,}(?=\S))") # numbers as terms stand right
 
 
 def indent(line):
@@ -50,19 +52,24 @@ def nested(lines, start):
 def blocks(lines):
     """The blocks of a text."""
     depth = min((indent(line) for line in lines if line), default=0)
-    lines = [line[depth:] for line in lines]
+    lines = [NUMBER.sub(lambda match: match[2] + match[1] + match[3], line[depth:]) for line in lines]
     result = []
     i = 0
     while i < len(lines):
         line = lines[i]
         end = nested(lines, i + 1)
         term = TERM.match(line)
+        if term and term[1].count('"') % 2:
+            term = None # blanks in a quoted text
         if not line:
             if nested(lines, i) > i:
                 end = nested(lines, i)
-                code = lines[i + 1:end]
-                margin = min(indent(line) for line in code if line)
-                result.append(("code", [line[margin:] for line in code]))
+                deep = lines[i + 1:end]
+                margin = min(indent(line) for line in deep if line)
+                if margin >= 4:
+                    result.append(("code", [line[margin:] for line in deep]))
+                else:
+                    result += [("gap",)] + blocks(deep)
             else:
                 end = i + 1
             result.append(("gap",))
@@ -72,10 +79,10 @@ def blocks(lines):
         elif term:
             body = [" " * term.start(2) + term[2]] + lines[i + 1:end]
             extend(result, "terms", (term[1], blocks(body)))
-        elif end > i + 1 and lines[i + 1] and len(line) < 40 and line[-1] not in ".,:;":
+        elif end > i + 1 and lines[i + 1] and len(line) < 40 and line[-1] not in ".,:;" and not continues(result):
             result.append(("head", line, blocks(lines[i + 1:end])))
         else:
-            if result and result[-1][0] == "p":
+            if continues(result):
                 result[-1] = ("p", result[-1][1] + " " + line)
             else:
                 result.append(("p", line))
@@ -83,6 +90,10 @@ def blocks(lines):
             result += blocks(lines[i + 1:end])
         i = end
     return [block for block in merged(result) if block[0] != "gap"]
+
+
+def continues(result):
+    return bool(result) and result[-1][0] == "p"
 
 
 def extend(result, kind, item):
@@ -154,11 +165,17 @@ class Header:
     def section(comment):
         """Title and text of a section."""
         lines = comment_lines(re.sub(r"-{3,}", "", comment))
-        while len(lines) > 1 and lines[1] in ("", "*"):
-            lines.pop(1)
+        lines = ["" if line == "*" else line for line in lines]
         title, _, rest = lines[0].strip(" *").partition(": ")
         title = re.sub(r"[;,].*", "", title)
-        return title, blocks(([rest[:1].upper() + rest[1:] + "."] if rest else []) + lines[1:])
+        return title[:1].upper() + title[1:], blocks(([rest[:1].upper() + rest[1:] + "."] if rest else []) + lines[1:])
+
+
+    def plain_sections(self):
+        """The sections without declarations, which tell of something for all the others."""
+        kinds = [(kind, piece) for kind, piece in self.pieces if kind in ("section", "entry")] + [("section", "")]
+        return [self.section(piece) for (kind, piece), (following, _) in zip(kinds, kinds[1:])
+                if kind == following == "section"]
 
 
 FUNCTION = re.compile(r"EKO_API [^;]*?(\w+)\(")
@@ -220,12 +237,12 @@ class Example:
     """The program of examples/ that shows a header, and what it prints."""
 
     def __init__(self, header):
-        self.path = f"{header.name}/{header.name}.c"
-        self.exists = (ROOT / "examples" / self.path).exists()
+        self.name = f"{header.name}.c"
+        self.exists = (ROOT / "examples" / header.name / self.name).exists()
         if self.exists:
             readme = (ROOT / "examples" / header.name / "README.md").read_text(encoding="utf-8")
             self.output = re.search(r"```text\n(.*?)\n```", readme, flags=re.S)[1].split("\n")
-            self.program = quoted_program(self.path)
+            self.program = quoted_program(f"{header.name}/{self.name}")
 
 
 # ---- Doxygen --------------------------------------------------------------------------------------------------------
@@ -285,7 +302,7 @@ class Doxygen:
         """An entry's comment, followed by its declarations with references to it in front of all but the first."""
         family = run(code)
         found = declared(family)
-        text = self.described(blocks(entry_text(comment)), family[:found[0][2]] if found else "")
+        text = self.described(blocks(entry_text(comment)), [family[start:end] for _, start, end in found])
         others = [name for name, _, _ in found[1:]]
         if others:
             text += "\n\n@par Likewise\n" + ", ".join(self.reference(name) for name in others)
@@ -295,13 +312,13 @@ class Doxygen:
             last = start
         return out + family[last:] + code[len(family):]
 
-    def described(self, text, declaration):
+    def described(self, text, declarations):
         """An entry's text, with its marked sentences as Doxygen's sections."""
         out = []
         for number, block in enumerate(text):
             if block[0] == "p":
                 out += self.sentences(block[1], number == 0)
-            elif block[0] == "terms" and self.are_parameters(block[1], declaration):
+            elif block[0] == "terms" and self.are_parameters(block[1], declarations):
                 for term, body in block[1]:
                     out.append(f"@param {term.replace(' ', '')} {self.tight(body)}")
             elif out and out[-1].startswith(("@par", "@return")):
@@ -312,7 +329,7 @@ class Doxygen:
 
     def sentences(self, text, is_first):
         out = []
-        for part in re.split(r"(?<=[.;:)] )(?=(?:Surprises?|Threads): |Returns )", text):
+        for part in map(str.strip, re.split(r"(?<=[.;:)] )(?=(?:Surprises?|Threads): |Returns )", text)):
             mark = re.match(r"(Surprises?|Threads): ", part)
             if mark:
                 rest = part[mark.end():]
@@ -320,7 +337,7 @@ class Doxygen:
             elif part.startswith("Returns ") and not (is_first and not out):
                 out.append("@return " + self.inline(part[len("Returns "):]))
             elif is_first and not out:
-                first, rest = re.match(r"(.*?[.:;])(?: (?=[A-Z\"0-9])(.*))?$", part + ("" if part[-1] in ".:;" else ".")).groups()
+                first, rest = re.match(r"(.*?\.)(?: (?=[A-Z\"`])(.*))?$", part if part.endswith(".") else part + ".").groups()
                 out.append("@brief " + self.inline(first))
                 if rest:
                     out.append(self.inline(rest))
@@ -329,10 +346,16 @@ class Doxygen:
         return out
 
     @staticmethod
-    def are_parameters(terms, declaration):
-        arguments = declaration[declaration.find("("):]
-        words = set(re.findall(r"\w+(?=[,)])", arguments))
-        return "(" in declaration and all(set(re.split(r", *", term)) <= words for term, _ in terms)
+    def are_parameters(terms, declarations):
+        """Whether these are parameters of the first declaration. Each must be one of some, or none."""
+        def all_known(declared):
+            words = re.findall(r"\w+(?=[,)])", declared[declared.find("("):])
+            return [set(re.split(r", *", term)) <= set(words) for term, _ in terms]
+        calls = [declaration for declaration in declarations if "(" in declaration]
+        known = all_known(" ".join(["("] + [call.partition("(")[2] for call in calls]))
+        if any(known) and not all(known):
+            sys.exit(f"{[term for term, _ in terms]}: not all are parameters of\n{declarations[0]}")
+        return bool(calls) and all(all_known(calls[0]))
 
     # ---- files
 
@@ -344,9 +367,10 @@ class Doxygen:
             for path in ORDER:
                 other = Header(INCLUDE / path)
                 out.append(f"/** @defgroup {other.name}_h {other.name}.h: {other.title} */\n")
-        out.append(f"/** @addtogroup {group}\n@{{\n{self.html(header.text)}{self.example(header)} */\n")
-        open_section = False
         pieces = header.pieces
+        text = header.text + [("head", *piece) for piece in header.plain_sections()]
+        out.append(f"/** @addtogroup {group}\n@{{\n{self.html(text)}{self.example(header)} */\n")
+        open_section = False
         skip = False
         for number, (kind, piece) in enumerate(pieces):
             if skip:
@@ -355,7 +379,10 @@ class Doxygen:
                 title, text = Header.section(piece)
                 if open_section:
                     out.append("/** @} */\n")
-                out.append(f"/** @name {self.inline(title[:1].upper() + title[1:])}\n{self.html(text)} */\n/** @{{ */")
+                if (title, text) in header.plain_sections():
+                    open_section = False
+                    continue
+                out.append(f"/** @name {self.inline(title)}\n{self.html(text)} */\n/** @{{ */")
                 open_section = True
             elif kind == "entry":
                 out.append(self.entry(piece, pieces[number + 1][1]))
@@ -373,7 +400,7 @@ class Doxygen:
         if not example.exists:
             return ""
         output = "\n".join(example.output)
-        return f"\n\n@par Example\n@include {example.path}\nIt prints\n@verbatim\n{output}\n@endverbatim\n"
+        return f"\n\n@par Example\n@include {example.name}\nIt prints\n@verbatim\n{output}\n@endverbatim\n"
 
     def page(self, path):
         """A page: its own label, references instead of names and links, programs of examples/ quoted."""
@@ -489,7 +516,7 @@ class Man:
 
     def page(self, header, version):
         name = self.title(header)
-        out = ['.\\" SPDX-License-Identifier: MIT', f'.TH {name} 3 "" "eko {version}" "eko, the platform library"', ".ad l", ".nh"]
+        out = ['.\\" SPDX-License-Identifier: MIT', '.nr HY 0', f'.TH {name} 3 "" "eko {version}" "eko, the platform library"', ".ad l"]
         out += [".SH NAME", f"{name} \\- {self.escape(header.title)}"]
         out += [".SH LIBRARY", "eko (libeko,", ".BR \\-leko )"]
         out += [".SH SYNOPSIS", ".nf", ".B #include <eko.h>", ".fi", ".SH DESCRIPTION"] + self.text(header.text)
@@ -555,9 +582,17 @@ def write_man(version, target):
         page.write_text(f".so man3/eko_{names.header_of[name]}.3\n", encoding="utf-8")
 
 
-def check(tags, target):
+def prepare(target):
     for path in [INCLUDE / path for path in ORDER] + list((ROOT / "docs").glob("*.md")):
         filtered(path) # Doxygen takes a filter that fails for an empty file
+    target.mkdir(parents=True, exist_ok=True)
+    for path in ORDER:
+        example = Example(Header(INCLUDE / path))
+        if example.exists:
+            (target / example.name).write_text("\n".join(example.program) + "\n", encoding="utf-8")
+
+
+def check(tags, target):
     documented = set(re.findall(r"<name>(\w+)</name>", tags.read_text(encoding="utf-8")))
     missing = []
     for name in Names().exported:
@@ -582,6 +617,8 @@ def filtered(path):
 def main(command, *arguments):
     if command == "filter":
         print(filtered(pathlib.Path(arguments[0]).resolve()), end="")
+    elif command == "prepare":
+        prepare(pathlib.Path(arguments[0]))
     elif command == "man":
         write_man(arguments[0], pathlib.Path(arguments[1]))
     elif command == "check":
