@@ -21,11 +21,11 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 INCLUDE = ROOT / "include"
-MODULES = """core process mem pool thread sync queue thrpool file path ini stream buffstream log trace format strutil
-    utf8 parse random uuid align""".split()
+MODULES = """core process mem pool thread sync queue thrpool file path ini stream buffstream log trace format
+    strutil utf8 parse random uuid align""".split()
 ORDER = ["eko.h"] + [f"eko/{module}.h" for module in MODULES] + ["base.h", "dbtype.h", "ekoplat.h"]
 
-# ---- text -----------------------------------------------------------------------------------------------------------
+# ---- text --------------------------------------------------------------------------------------------------------
 #
 # A text is a list of blocks: ("p", text), ("code", lines), ("list", [text...]), ("terms", [(term, text)...]) and
 # ("head", title, text).
@@ -130,7 +130,7 @@ def entry_text(comment):
     return [lines[0]] + [line[1:] if line.startswith(" ") else line for line in lines[1:]]
 
 
-# ---- headers --------------------------------------------------------------------------------------------------------
+# ---- headers -----------------------------------------------------------------------------------------------------
 
 
 class Header:
@@ -168,7 +168,8 @@ class Header:
         lines = ["" if line == "*" else line for line in lines]
         title, _, rest = lines[0].strip(" *").partition(": ")
         title = re.sub(r"[;,].*", "", title)
-        return title[:1].upper() + title[1:], blocks(([rest[:1].upper() + rest[1:] + "."] if rest else []) + lines[1:])
+        rest = [rest[:1].upper() + rest[1:] + "."] if rest else []
+        return title[:1].upper() + title[1:], blocks(rest + lines[1:])
 
 
     def plain_sections(self):
@@ -188,7 +189,8 @@ def declared(code):
     found = []
     for match in re.finditer(DECLARATION, code, flags=re.M):
         text = match[0]
-        name = re.match(r"typedef \w+ (\w+) \{", text) or VARIABLE.match(text) or FUNCTION.match(text) or re.match(r"#define +(\w+)", text)
+        name = VARIABLE.match(text) or FUNCTION.match(text)
+        name = name or re.match(r"(?:#define +|typedef \w+ (?=\w+ \{))(\w+)", text)
         name = name or re.search(r"\(\*(\w+)\)", text) or re.search(r"(\w+)(?:\[\w*\]|\([^)]*\))?;", text)
         found.append((name[1], match.start(), match.end()))
     return found
@@ -219,7 +221,7 @@ class Names:
             del self.header_of[guard]
 
 
-# ---- examples -------------------------------------------------------------------------------------------------------
+# ---- examples ----------------------------------------------------------------------------------------------------
 #
 # A program of examples/ is quoted without its licence and its marks. Parts lie between two comments [mark].
 
@@ -245,7 +247,7 @@ class Example:
             self.program = quoted_program(f"{header.name}/{self.name}")
 
 
-# ---- Doxygen --------------------------------------------------------------------------------------------------------
+# ---- Doxygen -----------------------------------------------------------------------------------------------------
 
 
 class Doxygen:
@@ -287,7 +289,8 @@ class Doxygen:
         if kind == "list":
             return "<ul>" + "".join(f"<li>{self.tight(item)}</li>" for item in content) + "</ul>"
         if kind == "terms":
-            return "<dl>" + "".join(f"<dt>{self.inline(t)}</dt><dd>{self.tight(b)}</dd>" for t, b in content) + "</dl>"
+            items = [f"<dt>{self.inline(term)}</dt><dd>{self.tight(body)}</dd>" for term, body in content]
+            return "<dl>" + "".join(items) + "</dl>"
         return f"<p><b>{self.inline(content)}</b></p><blockquote>{self.html(block[2])}</blockquote>"
 
     def tight(self, text):
@@ -337,7 +340,8 @@ class Doxygen:
             elif part.startswith("Returns ") and not (is_first and not out):
                 out.append("@return " + self.inline(part[len("Returns "):]))
             elif is_first and not out:
-                first, rest = re.match(r"(.*?\.)(?: (?=[A-Z\"`])(.*))?$", part if part.endswith(".") else part + ".").groups()
+                whole = part if part.endswith(".") else part + "."
+                first, rest = re.match(r"(.*?\.)(?: (?=[A-Z\"`])(.*))?$", whole).groups()
                 out.append("@brief " + self.inline(first))
                 if rest:
                     out.append(self.inline(rest))
@@ -432,7 +436,7 @@ class Doxygen:
         return re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
 
     def linked(self, text):
-        text = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", text, flags=re.S) # around references Markdown does not see them
+        text = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", text, flags=re.S) # Doxygen wants no references inside
         def code(match):
             if match[1] in self.names.header_of:
                 return f"<code>{self.reference(match[1])}</code>"
@@ -442,7 +446,7 @@ class Doxygen:
         return re.sub(r"`([^`\n]+)`", code, text)
 
 
-# ---- man pages ------------------------------------------------------------------------------------------------------
+# ---- man pages ---------------------------------------------------------------------------------------------------
 
 
 class Man:
@@ -516,9 +520,11 @@ class Man:
 
     def page(self, header, version):
         name = self.title(header)
-        out = ['.\\" SPDX-License-Identifier: MIT', '.nr HY 0', f'.TH {name} 3 "" "eko {version}" "eko, the platform library"', ".ad l"]
+        out = ['.\\" SPDX-License-Identifier: MIT', ".nr HY 0"] # no name is to be hyphenated
+        out += [f'.TH {name} 3 "" "eko {version}" "eko, the platform library"', ".ad l"]
         out += [".SH NAME", f"{name} \\- {self.escape(header.title)}"]
-        out += [".SH LIBRARY", "eko (libeko,", ".BR \\-leko )"]
+        out += [".SH LIBRARY", "eko (libeko,", ".BR \\-leko ),", "compiled with",
+                ".BR \"$(pkg\\-config \\-\\-cflags \\-\\-libs eko)\""]
         out += [".SH SYNOPSIS", ".nf", ".B #include <eko.h>", ".fi", ".SH DESCRIPTION"] + self.text(header.text)
         pieces = header.pieces
         plain = True
