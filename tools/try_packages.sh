@@ -3,9 +3,9 @@
 # Installs Debian packages of eko where eko never was: in a Debian 12 with a C compiler, which is made by debootstrap
 # from where this machine's apt has its packages, and kept as an archive for the next time. There the README's program is
 # compiled by the README's command. An older version is replaced, and what is installed removed, without a trace.
-#   try_packages.sh README CACHE PACKAGE...          as root
+#   try_packages.sh README DIRECTORY PACKAGE...      as root; the archive is kept in DIRECTORY
 set -euo pipefail
-readme=$1 cache=$2
+readme=$1 directory=$2
 shift 2
 [ "$(id -u)" -eq 0 ] || { echo "a clean Debian is made with debootstrap and chroot, by root: sudo ./dev package --try" && exit 1; }
 work=$(mktemp -d)
@@ -23,12 +23,14 @@ files() {
         grep -vE '^\./var/(log|cache|lib/apt|lib/dpkg/[^/]*(-old|lock.*)?$|lib/dpkg/triggers)' | sort
 }
 
+architecture=$(dpkg-deb -f "$1" Architecture)
+cache=$directory/debian12-$architecture.tar
 if [ ! -e "$cache" ]; then
-    say "Making a minimal Debian 12"
+    say "Making a minimal Debian 12 for $architecture"
     # shellcheck disable=SC2016 # the names are apt's
     mirror=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME) $(COMPONENT)' | sed -n 's/ bookworm main$//p' | head -n 1)
     [ -n "$mirror" ] || fail "this machine's apt knows no Debian 12"
-    debootstrap --variant=minbase --include=gcc,libc6-dev,pkg-config bookworm "$clean" "$mirror"
+    debootstrap "--arch=$architecture" --variant=minbase --include=gcc,libc6-dev,pkg-config bookworm "$clean" "$mirror"
     tar -C "$clean" -cf "$cache.part" .
     mv "$cache.part" "$cache"
 else

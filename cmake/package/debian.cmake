@@ -30,13 +30,14 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     execute_process(COMMAND gzip -9n ${doc}/changelog ${doc}/changelog.Debian ${manual} ${run_checked})
 endforeach()
 
+file(GLOB_RECURSE library LIST_DIRECTORIES FALSE ${root}/runtime/usr/lib/*.so.*.*)
 file(GLOB_RECURSE archive ${root}/development/usr/lib/*.a)
-execute_process(COMMAND strip --strip-debug --remove-section=.comment --remove-section=.note
-    --enable-deterministic-archives ${archive} ${run_checked})
+set(strip strip --remove-section=.comment --remove-section=.note)
+execute_process(COMMAND ${strip} --strip-unneeded ${library} ${run_checked})
+execute_process(COMMAND ${strip} --strip-debug --enable-deterministic-archives ${archive} ${run_checked})
 
 # dpkg-shlibdeps wants to be in a source package. On a 64-bit machine the 32-bit libraries may be those that come with
 # the compiler.
-file(GLOB_RECURSE library ${root}/runtime/usr/lib/*.so.*)
 file(WRITE ${CPACK_TOPLEVEL_DIRECTORY}/source/debian/control "")
 execute_process(COMMAND dpkg-shlibdeps -O ${library}
     WORKING_DIRECTORY ${CPACK_TOPLEVEL_DIRECTORY}/source OUTPUT_VARIABLE depends ${run_checked})

@@ -77,9 +77,9 @@ cp "$build/libeko.a" b/old
 cp "$build/libeko.so.$version" b/old/libeko.so.12.0.1
 ln -s libeko.so.12.0.1 b/old/libeko.so.12
 ln -s libeko.so.12 b/old/libeko.so
-prefix=$work/deep/down
+prefix=$work/deep/down\ there
 quietly cmake --install b/old --prefix "$prefix"
-[ -e deep/down/include/eko/eko/withdrawn.h ]
+[ -e "$prefix/include/eko/eko/withdrawn.h" ]
 quietly cmake --install "$build" --prefix "$prefix"
 find deep | grep -E 'withdrawn|12\.0\.1$' && exit 1
 gdb -nx -batch -iex "set auto-load scripts-directory $prefix/share/gdb/auto-load" -iex "set auto-load safe-path $prefix" \

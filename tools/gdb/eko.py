@@ -14,6 +14,8 @@
 #
 #   add-auto-load-safe-path DIRECTORY-OF-LIBEKO
 #
+# Installed with the prefix /usr, or by the package libeko-dev, it is where gdb looks and trusts what it finds.
+#
 # It only reads memory and never calls a function of the program, so that a core file does as well as a process, and
 # a thread may be stopped anywhere, in the middle of the library too. What it finds can then be half changed, or
 # overwritten: every walk is bounded, and says where and why it ended early.
