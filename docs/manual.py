@@ -117,6 +117,11 @@ def merged(result):
     return out
 
 
+def parts(text):
+    """A paragraph of an entry, cut in front of the sentences that tell of results, of threads and of surprises."""
+    return [part.strip() for part in re.split(r"(?<=[.;:)] )(?=(?:Surprises?|Threads): |Returns )", text)]
+
+
 def comment_lines(comment):
     """The lines of a comment without its marks."""
     body = re.sub(r"^/\*+<?|\*/$", "", comment).rstrip()
@@ -332,7 +337,7 @@ class Doxygen:
 
     def sentences(self, text, is_first):
         out = []
-        for part in map(str.strip, re.split(r"(?<=[.;:)] )(?=(?:Surprises?|Threads): |Returns )", text)):
+        for part in parts(text):
             mark = re.match(r"(Surprises?|Threads): ", part)
             if mark:
                 rest = part[mark.end():]
@@ -502,6 +507,11 @@ class Man:
                 break
         return [f".B {self.quoted(line)}" for line in lines]
 
+    def described(self, text):
+        """An entry's text."""
+        split = [[("p", part) for part in parts(block[1])] if block[0] == "p" else [block] for block in text]
+        return self.text(sum(split, []))
+
     def entry(self, comment, code):
         family = run(code)
         found = declared(family)
@@ -516,7 +526,7 @@ class Man:
                 out += self.declaration(rest)
         else:
             out += [f".B {self.quoted(line)}" for line in family.strip("\n").split("\n") if line.strip()]
-        return out + [".fi", ".RS 4"] + self.text(blocks(entry_text(comment))) + [".RE"]
+        return out + [".fi", ".RS 4"] + self.described(blocks(entry_text(comment))) + [".RE"]
 
     def page(self, header, version):
         name = self.title(header)

@@ -14,7 +14,8 @@
  *      1014  a caller's buffer is too small
  *      1015  a job of a thread pool has not come as far as the question
  * and below 0 those of ini.h and buffstream.h. Each call names those it returns. Reads and writes return byte
- * counts, 0xFFFFFFFF for failure. Times to wait are milliseconds, 0xFFFFFFFF for no limit.
+ * counts, 0xFFFFFFFF for failure. Times to wait are milliseconds, 0xFFFFFFFF for no limit. No call may come from a
+ * signal handler, but where a header allows it.
  *
  * Link with -leko -pthread; the library needs nothing else, in C or in C++. */
 #ifndef EKO_H

@@ -11,6 +11,7 @@
  *   - No other thread may call anything but eko_init while the first eko_init or the last eko_term runs. All other
  *     threads have ended, or have stopped using the library, before the last eko_term: it destroys every mutex,
  *     event and block of memory, those in use included. A thread started detached cannot tell when it has.
+ *   - Any thread may call, where an entry says nothing else, but no signal handler.
  *   - The library never ends the process by itself, except for a failed assertion of one of its own
  *     invariants, which prints the expression and aborts, and for the process that launches a daemon (process.h).
  *   - The console is descriptors 1 and 2, whatever these are. In a process that was started without them the first

@@ -3,8 +3,9 @@
  * locale, errors.
  *
  * Strings that a call makes are on the tag it names, EKO_THREAD_TAG for those that take no tag, and belong to the
- * caller; such a call may leave by longjmp when that tag has a jump buffer. Calls read the environment without a
- * lock: nobody may call setenv or putenv meanwhile, in any thread. */
+ * caller; such a call may leave by longjmp when that tag has a jump buffer. Any thread may call, where nothing else
+ * is said, but no signal handler. Calls read the environment without a lock: nobody may call setenv or putenv
+ * meanwhile, in any thread. */
 #ifndef EKO_PROCESS_H
 #define EKO_PROCESS_H
 
