@@ -50,6 +50,30 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     target_compile_options(eko_own_code INTERFACE -msse2 -mfpmath=sse)
 endif()
 
+# The formatter's loop over literal text takes 20 % longer when it comes to lie across a line of 32 bytes of code.
+set(formatter source/eko/eko_format.cpp source/eko/eko_vsnprintf.cpp source/eko/eko_vsnwprintf.cpp)
+set_property(SOURCE ${formatter} APPEND PROPERTY COMPILE_OPTIONS -falign-functions=32)
+
+# ---- hardening --------------------------------------------------------------------------------------------
+
+# Of the library, in builds that are meant to be used. Sanitizers see more, and dislike the fortified functions.
+option(EKO_HARDENING "Harden the library in builds of Release, RelWithDebInfo and MinSizeRel" ON)
+add_library(eko_hardening INTERFACE)
+if(EKO_HARDENING AND NOT EKO_SANITIZE)
+    set(hardened $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+    # Level 3 of the fortified functions costs %g and %d 3 % of their instructions, level 2 nothing.
+    target_compile_options(eko_hardening INTERFACE
+        $<${hardened}:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection
+        -fcf-protection>)
+    target_link_options(eko_hardening INTERFACE
+        $<${hardened}:LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack LINKER:-z,separate-code>)
+
+    # The guard of the stack would cost the formatter 4 to 7 % of its instructions, and a traced line 5 %.
+    set_property(SOURCE ${formatter} source/eko/ekotrace.cpp APPEND PROPERTY COMPILE_OPTIONS -fno-stack-protector)
+    # Logs hand the caller's format to vfprintf while the library is not started. A fortified one aborts at %n.
+    set_property(SOURCE source/eko/eko_log.cpp APPEND PROPERTY COMPILE_OPTIONS -U_FORTIFY_SOURCE)
+endif()
+
 # ---- the library ------------------------------------------------------------------------------------------
 
 # No exceptions, but unwind tables: ending a thread unwinds its frames. The library's calls of its own functions are
