@@ -185,7 +185,8 @@ class Header:
 
 
 FUNCTION = re.compile(r"EKO_API [^;]*?(\w+)\(")
-DECLARATION = r"^(?:EKO_API [^;]*;|#define +\w+.*|typedef (?:struct|enum) \w+ \{|typedef [^;{]*;)"
+DECLARATION = (r"^(?:EKO_API [^;]*;|#define +\w+.*|typedef (?:struct|enum) \w+ \{|typedef [^;{]*;"
+               r"|static const [^;]*;)")
 VARIABLE = re.compile(r"EKO_API extern [^;]*?(\w+);")
 
 
@@ -194,7 +195,7 @@ def declared(code):
     found = []
     for match in re.finditer(DECLARATION, code, flags=re.M):
         text = match[0]
-        name = VARIABLE.match(text) or FUNCTION.match(text)
+        name = VARIABLE.match(text) or re.match(r"static const \w+ (\w+)", text) or FUNCTION.match(text)
         name = name or re.match(r"(?:#define +|typedef \w+ (?=\w+ \{))(\w+)", text)
         name = name or re.search(r"\(\*(\w+)\)", text) or re.search(r"(\w+)(?:\[\w*\]|\([^)]*\))?;", text)
         found.append((name[1], match.start(), match.end()))
@@ -447,7 +448,7 @@ class Doxygen:
                 return f"<code>{self.reference(match[1])}</code>"
             if re.fullmatch(r"(\w+)\.h", match[1]) and match[1][:-2] in MODULES:
                 return f'<code>@ref {match[1][:-2]}_h "{match[1]}"</code>'
-            return match[0]
+            return "<code>" + re.sub(r"--|[\\@&$#<>%\"*\[\]~|]", r"\\\g<0>", match[1]) + "</code>"
         return re.sub(r"`([^`\n]+)`", code, text)
 
 
@@ -536,8 +537,8 @@ class Man:
         out += [".SH LIBRARY", "eko (libeko,", ".BR \\-leko ),", "compiled with",
                 ".BR \"$(pkg\\-config \\-\\-cflags \\-\\-libs eko)\""]
         out += [".SH SYNOPSIS", ".nf", ".B #include <eko.h>", ".fi", ".SH DESCRIPTION"] + self.text(header.text)
+        plain = bool(header.text)
         pieces = header.pieces
-        plain = True
         for number, (kind, piece) in enumerate(pieces):
             if kind == "section":
                 title, text = Header.section(piece)
