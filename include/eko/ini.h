@@ -69,7 +69,7 @@ EKO_EXTERN_C_BEGIN
 
 /** Reads a file into the cache, again if it is there. If it cannot be opened, what is cached of it is dropped; the
  *  W forms keep that. If memory runs out or reading fails, it is dropped too.
- *  Returns 0 always; the W forms -904 for a name that is not valid. Null is ignored. */
+ *  Returns 0 always; the W forms -904 for a name that is not valid, and without memory. Null is ignored. */
 EKO_API int32 eko_readIniFile(const char* iniName);
 EKO_API int32 eko_readIniFileEx(const char* iniName, uint16 xflags);
 EKO_API int32 eko_readIniFileW(const wchar_t* iniName);
