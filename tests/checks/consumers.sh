@@ -40,6 +40,7 @@ expect "$(block text)" ./hello
 make c
 expect 20 b/c/sum
 needs b/c/sum | grep -E 'libeko|libstdc' && exit 1
+grep -q '^build sum: C_EXECUTABLE_LINKER' b/c/build.ninja # some compilers' c++ would have libstdc++ needed
 make cxx
 for program in throws_{eko,static}{,_lto}; do
     expect 'thrown and caught' "b/cxx/$program"
