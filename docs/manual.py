@@ -245,12 +245,13 @@ class Example:
     """The program of examples/ that shows a header, and what it prints."""
 
     def __init__(self, header):
-        self.name = f"{header.name}.c"
-        self.exists = (ROOT / "examples" / header.name / self.name).exists()
+        directory = "hello" if header.name == "eko" else header.name
+        self.name = f"{directory}.c"
+        self.exists = (ROOT / "examples" / directory / self.name).exists()
         if self.exists:
-            readme = (ROOT / "examples" / header.name / "README.md").read_text(encoding="utf-8")
+            readme = (ROOT / "examples" / directory / "README.md").read_text(encoding="utf-8")
             self.output = re.search(r"```text\n(.*?)\n```", readme, flags=re.S)[1].split("\n")
-            self.program = quoted_program(f"{header.name}/{self.name}")
+            self.program = quoted_program(f"{directory}/{self.name}")
 
 
 # ---- Doxygen -----------------------------------------------------------------------------------------------------
@@ -549,6 +550,8 @@ class Man:
                     out.append(".SH INTERFACE")
                     plain = False
                 out += self.entry(piece, self.whole(pieces, number + 1))
+        if header.name == "eko":
+            out += [".SH MODULES"] + self.modules()
         example = Example(header)
         if example.exists:
             out += [".SH EXAMPLE"] + self.text([("code", example.program)])
@@ -569,6 +572,14 @@ class Man:
     @staticmethod
     def title(header):
         return "eko" if header.name == "eko" else f"eko_{header.name}"
+
+    def modules(self):
+        """The pages of all the others, with their titles."""
+        out = []
+        for path in ORDER[1:]:
+            other = Header(INCLUDE / path)
+            out += [".TP", f".BR {self.title(other)} (3)", self.escape(other.title)]
+        return out
 
     def see_also(self, header):
         others = [path for path in ORDER if pathlib.Path(path).stem != header.name]
