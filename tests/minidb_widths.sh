@@ -12,7 +12,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
-id() { sed -n 's/^minidb: data file //p'; }
+id() { sed -n 's/^  uuid  *//p'; }
 seq 3000 | sed 's/.*/k&;name &;even/' >first
 seq 2000 4000 | sed 's/.*/k&;name &;odd/' >second
 cat first second >both

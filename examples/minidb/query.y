@@ -3,80 +3,59 @@
  *
  *      category = "Sm" and not (name like "*ARROW*" or key < "2100") order by name desc limit 10
  *
- * All of it may be left out. query.c finds the words and does what is asked for. */
+ * All of it may be left out. A condition is worked out for all records at once: it is the set of those that it holds
+ * for. query.c finds the words, which are the names of the tokens here, and does the rest. */
 %define api.prefix {query_}
 %define api.token.prefix {QUERY_}
+%define api.token.raw
 %code requires {
 #include "minidb.h"
-
-typedef struct WORD {
-    const char* bytes;
-    uint32 len;
-} WORD;
 
 /* What a field may be, compared with a text: any of the first three, or of the form that a pattern gives. */
 enum { LESS = 1, EQUAL = 2, MORE = 4, LIKE = 8 };
 
-/* A condition: a comparison, or two conditions that must both hold, or one of them. */
-typedef struct CONDITION {
-    const struct CONDITION* left; /* null for a comparison */
-    const struct CONDITION* right;
-    bool both;
-    bool negated;
-    uint32 field;
-    uint32 compared;
-    WORD operand;
-} CONDITION;
-
 typedef struct QUERY {
-    const SETTINGS* settings;
-    const char* text;
-    const char* at;        /* where the next word is looked for */
-    const char* word;      /* where the last one begins */
-    EKO_MEMTAG tag;        /* the conditions and what was found */
-    CONDITION* condition;  /* null when all records are asked for */
-    uint32 order;          /* a field */
-    bool ordered, descending;
+    const RECORDS* records;
+    EKO_MEMTAG tag;
+    const char *text, *fields; /* fields: their names */
+    const char *word, *next;   /* where the last word begins, and where the next one is looked for */
+    bool* wanted;              /* of each record, whether it is; null for all */
+    uint32 order;              /* a field; 0 is the key */
+    bool descending;
     uint32 limit;
 } QUERY;
 
-#define NO_FIELD UINT32_MAX /* a word that is no field's name: to be told only where a field may stand */
-int32 noSuchField(const QUERY* q);
+/* Of each record, whether its field is, compared with the text, one of those. */
+bool* queryCompare(const QUERY* q, uint32 field, uint32 allowed, PIECE text);
 }
 %param {QUERY* q}
 %union {
-    CONDITION* condition;
-    WORD word;
-    uint32 number; /* a field's, a limit, or what a comparison allows */
+    bool* set; /* of each record, whether it is in */
+    PIECE text;
+    uint32 number; /* of a field, a limit, or what a comparison allows */
 }
 %token END 0 "end"
-%token <number> FIELD "field name" COMPARED "comparison" NUMBER "number"
-%token <word> TEXT "text in quotes"
-%token OPEN "'('" CLOSE "')'" NOT "'not'" AND "'and'" OR "'or'"
-%token ORDER "'order'" BY "'by'" ASC "'asc'" DESC "'desc'" LIMIT "'limit'"
+%token AND "and" OR "or" NOT "not" ORDER "order" BY "by" ASC "asc" DESC "desc" LIMIT "limit" OPEN "(" CLOSE ")"
+%token IS "=" ISNT "!=" BELOW "<" UPTO "<=" ABOVE ">" FROM ">=" FITS "like"
+%token UNKNOWN "unknown word" <number> FIELD "field" <number> NUMBER "number" <text> TEXT "text in quotes"
 %left OR
 %left AND
 %precedence NOT
-%type <condition> condition comparison
-%type <number> field
+%type <set> condition
+%type <number> compared
 %code {
-/* Null without memory, of which the library has told. */
-static CONDITION* make(QUERY* q, CONDITION made)
-{
-    return EKO_DUP(&made, sizeof made, q->tag);
-}
+#define EACH(i) for (uint32 i = 0; i < q->records->count; ++i)
 }
 %%
 query: wanted order limit;
-wanted: %empty | condition { q->condition = $1; };
-condition: comparison
+wanted: %empty | condition { q->wanted = $1; };
+condition: FIELD compared TEXT { $$ = queryCompare(q, $1, $2, $3); }
     | OPEN condition CLOSE { $$ = $2; }
-    | NOT condition { $$ = $2; $$->negated = !$$->negated; }
-    | condition AND condition { $$ = make(q, (CONDITION){.left = $1, .right = $3, .both = true}); if (!$$) YYNOMEM; }
-    | condition OR condition { $$ = make(q, (CONDITION){.left = $1, .right = $3}); if (!$$) YYNOMEM; };
-comparison: field COMPARED TEXT
-    { $$ = make(q, (CONDITION){.field = $1, .compared = $2, .operand = $3}); if (!$$) YYNOMEM; };
-field: FIELD { if ($1 == NO_FIELD) return noSuchField(q); $$ = $1; };
-order: %empty | ORDER BY field direction { q->order = $3; q->ordered = true; };
+    | NOT condition { $$ = $2; EACH(i) $$[i] = !$2[i]; }
+    | condition AND condition { EACH(i) $$[i] = $1[i] && $3[i]; }
+    | condition OR condition { EACH(i) $$[i] = $1[i] || $3[i]; };
+compared: IS { $$ = EQUAL; } | ISNT { $$ = LESS | MORE; } | BELOW { $$ = LESS; } | UPTO { $$ = LESS | EQUAL; }
+    | ABOVE { $$ = MORE; } | FROM { $$ = MORE | EQUAL; } | FITS { $$ = LIKE; };
+order: %empty | ORDER BY FIELD direction { q->order = $3; };
 direction: %empty | ASC | DESC { q->descending = true; };
 limit: %empty | LIMIT NUMBER { q->limit = $2; };

@@ -1,101 +1,108 @@
 /* SPDX-License-Identifier: MIT */
-/* settings.c - what the user set, in an INI file or by options.
- *
- * The section is [minidb]. An entry that is missing has its default; one that makes no sense is a fault, as it
- * is on the command line. */
+/* settings.c - what the user set: by options, or in the section [minidb] of an INI file, or not at all. */
 #include <string.h>
 
 #include "minidb.h"
 
 #define SECTION "minidb"
-#define MIN_PAGE 4096u
-#define MAX_PAGE \
-    524288u /* half of what a mapped view holds: a page beyond the file's end never ends with the view */
-#define MAX_THREADS 64u
 
-const char* const backingNames[3] = {"disk", "mapped", "memory"};
+/* In the order of the names in minidb.h. */
+static const struct {
+    const char *name, *otherwise, *does;
+    uint32 least, most; /* of a number, else 0; with 0 and 1 the option stands without a value */
+} all[SETTING_COUNT] = {
+    {"settings", "minidb.ini", "the file with the settings; written on first use", 0, 0},
+    {"data-directory", ".", "where DB is, if its name has no '/'", 0, 0},
+    {"log-file", "", "gets all messages as well", 0, 0},
+    {"fields", "key,name,category", "what queries call the pieces of a line between ';'", 0, 0},
+    {"backing", "disk", "what reads and writes DB: disk, mapped or memory", 0, 0},
+    {"page-size", "65536", "bytes that are read, parsed and written at once", 4096, MAX_PAGE_BYTES},
+    {"threads", "1", "how many parse the lines of FILE", 1, 64},
+    {"progress-after", "1", "seconds until a load shows how far it has come", 0, 1000000},
+    {"json", "0", "figures as lines of JSON, and nothing else on standard output", 0, 1},
+    {"report", "0", "a load tells after each write how many records are stored", 0, 1},
+    {"trace", "0", "a debugger can show what was done last", 0, 1},
+};
 
-/* In the order in which they are written. */
-static const char* const defaults[][2] = {
-    {"page_size", "65536"}, {"data_directory", "."}, {"log_file", ""},           {"backing", "disk"},
-    {"threads", "1"},       {"progress_after", "1"}, {"fields", "name,category"}};
-#define ENTRIES (sizeof defaults / sizeof defaults[0])
+bool tracing;
 
-static bool takeNumber(uint32* number, const char* name, const char* text, uint32 least, uint32 most, uint32 step)
+void settingsHelp(void)
 {
-    const uint64 value = eko_atoui64(text);
-    if (text[strspn(text, "0123456789")] || value < least || value > most || value % step != 0) {
-        complain("%s is from %u to %u, in steps of %u, not '%s'", name, least, most, step, text);
-        return false;
-    }
-    *number = (uint32)value;
-    return true;
+    for (int i = 0; i < SETTING_COUNT; ++i)
+        eko_printf("  --%-14s  %s (%s)\n", all[i].name, all[i].does, all[i].otherwise);
 }
 
-static bool takeBacking(SETTINGS* settings, const char* text)
+/* Takes the option that begins with that word, and returns the last word of it. */
+static const char** takeOption(SETTINGS* settings, const char** word)
 {
-    for (uint32 i = 0; i < sizeof backingNames / sizeof backingNames[0]; ++i) {
-        if (strcmp(text, backingNames[i]) == 0) {
-            settings->backing = (BACKING)i;
-            return true;
+    for (int i = 0; i < SETTING_COUNT; ++i) {
+        const bool alone = all[i].most == 1;
+        if (strcmp(*word + 2, all[i].name) == 0 && (alone || word[1])) {
+            settings->text[i] = alone ? "1" : word[1];
+            return alone ? word : word + 1;
         }
     }
-    complain("a backing is disk, mapped or memory, not '%s'", text);
-    return false;
+    complain("there is no option %s, or it needs a value; minidb help tells more", *word);
+    endCommand(MISUSED);
 }
 
-bool settingsTake(SETTINGS* settings, const char* name, const char* text)
+static uint32 toNumber(int setting, const char* text)
 {
-    if (strcmp(name, "page_size") == 0)
-        return takeNumber(&settings->pageSize, name, text, MIN_PAGE, MAX_PAGE, MIN_PAGE);
-    if (strcmp(name, "threads") == 0)
-        return takeNumber(&settings->threads, name, text, 1, MAX_THREADS, 1);
-    if (strcmp(name, "progress_after") == 0)
-        return takeNumber(&settings->progressAfter, name, text, 0, UINT32_MAX, 1);
-    if (strcmp(name, "backing") == 0)
-        return takeBacking(settings, text);
-    char* const into = strcmp(name, "log_file") == 0 ? settings->logFile
-                       : strcmp(name, "fields") == 0 ? settings->fields
-                                                     : settings->dataDirectory;
-    eko_strncpyZ(into, text, MAX_NAME_BYTES);
-    return true;
+    const uint64 number = eko_atoui64(text);
+    NEED(!text[strspn(text, "0123456789")] && number >= all[setting].least && number <= all[setting].most,
+         "%s is a number from %u to %u, not '%s'", all[setting].name, all[setting].least, all[setting].most, text);
+    return (uint32)number;
 }
 
-/* Not to be able to write them, in a directory of somebody else's, is no fault: the defaults hold as well. */
-static void writeDefaults(const char* file)
+static uint16 toBacking(const char* text)
 {
-    bool written = true;
-    for (size_t i = 0; written && i < ENTRIES; ++i)
-        written = eko_iniSet(file, SECTION, defaults[i][0], defaults[i][1]) == 0;
-    if (written)
-        eko_log("minidb: wrote the settings %s\n", file);
+    if (strcmp(text, "mapped") == 0)
+        return EKO_FILE_MAPPED;
+    if (strcmp(text, "memory") == 0)
+        return EKO_FILE_INMEMORY;
+    NEED(strcmp(text, "disk") == 0, "a backing is disk, mapped or memory, not '%s'", text);
+    return 0;
 }
 
-bool settingsRead(SETTINGS* settings, const char* file)
+/* Not to be able to write the file, in a directory of somebody else's, is no fault: the defaults hold as well. */
+static void readFile(SETTINGS* settings, const char* file)
 {
-    const bool exists = eko_fileValidate(file, NULL);
-    if (!exists)
-        writeDefaults(file);
-    for (size_t i = 0; i < ENTRIES; ++i) {
-        char list[MAX_NAME_BYTES + 2] = ""; /* a value comes as a list of one, with two terminators, one to spare */
-        const int32 status = exists ? eko_iniGet(file, SECTION, defaults[i][0], list, sizeof list) : 2;
-        if (status != 0 && status != 2) {
-            complain("%s: '%s' is too long, or cannot be read", file, defaults[i][0]);
-            return false;
-        }
-        if (!settingsTake(settings, defaults[i][0], status == 0 ? list : defaults[i][1]))
-            return false;
+    const bool there = eko_fileValidate(file, NULL);
+    for (int i = DIRECTORY; i < SETTING_COUNT; ++i) {
+        char* found = NULL;
+        if (!there)
+            eko_iniSet(file, SECTION, all[i].name, all[i].otherwise);
+        eko_iniGetStr(file, SECTION, all[i].name, &found, 0, EKO_THREAD_TAG);
+        if (!settings->text[i])
+            settings->text[i] = found ? found : all[i].otherwise;
     }
-    return true;
 }
 
-bool settingsPath(const SETTINGS* settings, const char* name, char path[MAX_NAME_BYTES])
+const SETTINGS* settingsRead(const char** words)
 {
-    const bool asItIs = strchr(name, '/') || strcmp(settings->dataDirectory, ".") == 0;
-    const int length = asItIs ? eko_snprintf(path, MAX_NAME_BYTES, "%s", name)
-                              : eko_snprintf(path, MAX_NAME_BYTES, "%s/%s", settings->dataDirectory, name);
-    if (length < MAX_NAME_BYTES)
-        return true;
-    complain("%.50s...: a name too long", name);
-    return false;
+    SETTINGS* settings = EKO_ZALLOC(sizeof *settings, EKO_THREAD_TAG);
+    const char** kept = words;
+    settings->text[INI_FILE] = all[INI_FILE].otherwise;
+    for (; *words; ++words) {
+        if (strncmp(*words, "--", 2) == 0)
+            words = takeOption(settings, words);
+        else
+            *kept++ = *words;
+    }
+    *kept = NULL;
+    readFile(settings, settings->text[INI_FILE]);
+    for (int i = 0; i < SETTING_COUNT; ++i)
+        settings->number[i] = all[i].most > 0 ? toNumber(i, settings->text[i]) : 0;
+    settings->backing = toBacking(settings->text[BACKING]);
+    tracing = settings->number[TRACED];
+    NEED(!*settings->text[LOG_FILE] || eko_log_open(settings->text[LOG_FILE]) == 0,
+         "%s: cannot be opened as the log", settings->text[LOG_FILE]);
+    return settings;
+}
+
+const char* dataPath(const SETTINGS* settings, const char* name)
+{
+    const char* directory = settings->text[DIRECTORY];
+    const bool asItIs = strchr(name, '/') || strcmp(directory, ".") == 0;
+    return asItIs ? name : EKO_MAKESTR(EKO_THREAD_TAG, "%s/%s", directory, name);
 }

@@ -1,128 +1,80 @@
 /* SPDX-License-Identifier: MIT */
-/* text.c - "key;value" lines, read through a text stream.
+/* text.c - lines of text, in and out.
  *
- * The buffer has a fixed size, the longest line's: a file that is no text is refused after its first MiB, and not
- * taken into memory whole in search of a line end.
- *
- * A stream takes byte FF for the end of the file, and a line that holds byte 00 looks shorter than it is. Either
- * would lose what follows without a word. So the bytes of all lines are counted against the length of the file,
- * and a line that does not account for its bytes is a fault. The count also finds a failed read, and a file that
- * changes while it is read. */
+ * A stream takes byte FF for the end of the file, and a line that holds byte 00 looks shorter than it is. Either would
+ * lose what follows without a word. So the bytes of the lines are counted against the length of the file, and a line
+ * that does not account for its bytes is a fault. The count also finds a failed read, and a file that changes. */
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 
 #include "minidb.h"
 
-#define MARK_BYTES 3u
-#define LINE_ROOM (MAX_PAIR_BYTES + 4) /* with ';', \r, \n and the terminator */
-
-static const char tooLong[] = "longer than 1 MiB";
-
-/* A stream keeps a byte-order mark to itself, but its bytes count, and the length of a UTF-16 file cannot be
- * told from its lines. */
-static bool skipMark(TEXT* text, EKO_FH fh)
+/* Looks at the bytes of the file as they are: their number, and whether they begin with a mark, which the stream keeps
+ * to itself. */
+static void measure(TEXT* text)
 {
-    uint8 mark[MARK_BYTES] = {0};
-    const uint32 got = eko_fileSeekRead(fh, 0, mark, MARK_BYTES);
-    if (got == EKO_FILE_IO_FAILED) {
-        complain("%s: cannot be read: %s", text->name, strerror(errno));
-        return false;
-    }
-    const uint32 start = (uint32)mark[0] << 8 | mark[1];
-    if (start == 0xFFFE || start == 0xFEFF || start == 0xEFFF) {
-        complain("%s: is UTF-16; only UTF-8 can be loaded", text->name);
-        return false;
-    }
-    if (memcmp(mark, "\xEF\xBB\xBF", MARK_BYTES) == 0)
-        text->seen = MARK_BYTES;
-    return true;
-}
-
-static bool lookAt(TEXT* text)
-{
-    int32 directory; /* the system opens one for reading, but reads nothing from it */
+    static const char mark[] = "\xEF\xBB\xBF";
+    char start[sizeof mark] = "";
+    int32 directory;
     eko_fileValidate(text->name, &directory);
     EKO_FH fh = directory ? NULL : eko_fileOpen(text->name, O_RDONLY | O_CLOEXEC, 0);
-    if (!fh) {
-        complain("%s: cannot be opened: %s", text->name, strerror(directory ? EISDIR : errno));
-        return false;
-    }
+    NEED(fh, "%s: cannot be opened: %s", text->name, strerror(directory ? EISDIR : errno));
+    const uint32 got = eko_fileRead(fh, start, sizeof mark - 1);
     text->length = eko_fileLength(fh);
-    bool usable = text->length != 0;
-    if (usable)
-        usable = skipMark(text, fh);
-    else
-        complain("%s: is empty", text->name);
+    text->seen = strcmp(start, mark) == 0 ? sizeof mark - 1 : 0;
     eko_fileClose(fh);
-    return usable;
+    NEED(got != 0 && got != EKO_FILE_IO_FAILED, "%s: is empty, or cannot be read", text->name);
+    NEED((uint8)start[0] < 0xFE, "%s: is UTF-16, not UTF-8", text->name);
+    NEED(text->length <= MAX_FILE_BYTES, "%s: is larger than 1 GiB", text->name);
 }
 
-bool textOpen(TEXT* text, const char* name)
+static void closeText(void* text)
 {
+    eko_fclose(((TEXT*)text)->stream);
+}
+
+TEXT* textOpen(const char* name)
+{
+    TEXT* text = EKO_ZALLOC(sizeof *text, EKO_THREAD_TAG);
+    openTag("text", BLOCK_ALLOCATOR, closeText, text);
     text->name = name;
-    if (!lookAt(text) || !makeTag(&text->tag, BLOCK_ALLOCATOR))
-        return false;
-    text->line = EKO_ALLOC(LINE_ROOM, text->tag);
-    if (!text->line)
-        return false;
+    measure(text);
     text->stream = eko_fopen(name, "r", EKO_FILE_MODE_UTF8);
-    if (!text->stream)
-        complain("%s: cannot be opened as a text: %s", name, strerror(errno));
-    return text->stream != NULL;
+    NEED(text->stream, "%s: cannot be opened as a text: %s", name, strerror(errno));
+    return text;
 }
 
-void textClose(TEXT* text)
+uint32 textNext(TEXT* text, char* line)
 {
-    eko_fclose(text->stream);
-    EKO_TAG_DESTROY(text->tag);
+    uint32 length = eko_fgets(line, (int32)LINE_ROOM, text->stream) ? (uint32)strlen(line) : 0;
+    const bool ended = length > 0 && line[length - 1] == '\n';
+    text->seen += length;
+    if (length == 0 && text->seen == text->length)
+        return 0;
+    text->lineNumber += 1;
+    length -= !ended ? 0 : length > 1 && line[length - 2] == '\r' ? 2 : 1;
+    if (length > MAX_LINE_BYTES)
+        text->fault = "is longer than 64 KiB";
+    else if (text->seen > text->length || (!ended && text->seen < text->length))
+        text->fault = "cannot be read to its end: it holds a byte 00 or FF, or the file changes";
+    line[length] = '\n';
+    return text->fault ? 0 : length + 1;
 }
 
-const char* splitLine(const char* line, uint32 len, PAIR* pair)
+static void closeOutput(void* out)
 {
-    const char* separator = memchr(line, ';', len);
-    if (len == 0 || separator == line)
-        return "a line without a key";
-    if (!separator)
-        return "a line without a ';'";
-    if (len - 1 > MAX_PAIR_BYTES)
-        return tooLong;
-    pair->key = line;
-    pair->keyLen = (uint32)(separator - line);
-    pair->value = separator + 1;
-    pair->valueLen = len - pair->keyLen - 1;
-    return NULL;
+    eko_fclose(out);
 }
 
-FOUND textLine(TEXT* text)
+/* Closing would not tell of a failed write; a seek, which writes what is pending, does. */
+void textWrite(const RECORDS* records, const char* name)
 {
-    const char* line = eko_fgets(text->line, (int32)LINE_ROOM, text->stream);
-    const size_t len = line ? strlen(line) : 0;
-    const bool ended = len > 0 && line[len - 1] == '\n';
-    text->seen += len;
-    if (!line && text->seen == text->length)
-        return FOUND_END;
-    text->lineNo += 1;
-    text->lineLen = (uint32)(len - (!ended ? 0 : len > 1 && line[len - 2] == '\r' ? 2 : 1));
-    if (ended || text->seen == text->length)
-        return FOUND_ONE;
-    text->fault =
-        len == LINE_ROOM - 1 ? tooLong : "cannot be read to its end: it holds a byte 00 or FF, or the file changes";
-    return FOUND_FAULT;
-}
-
-FOUND textNext(TEXT* text, PAIR* pair)
-{
-    const FOUND found = textLine(text);
-    if (found == FOUND_ONE)
-        text->fault = splitLine(text->line, text->lineLen, pair);
-    if (!text->fault)
-        return found;
-    textTell(text, text->lineNo, text->fault);
-    return FOUND_FAULT;
-}
-
-void textTell(const TEXT* text, uint32 lineNo, const char* fault)
-{
-    complain("%s:%u: %s", text->name, lineNo, fault);
+    EKO_FILE_STREAM out = name ? eko_fopen(name, "w", EKO_FILE_MODE_UTF8) : eko_fopen_std("stdout");
+    bool written = out != NULL;
+    openTag("output", BLOCK_ALLOCATOR, closeOutput, (void*)(uintptr_t)out);
+    for (uint32 i = 0; written && i < records->count; ++i)
+        written = eko_fprintf(out, "%.*s\n", (int)records->items[i].line.length, records->items[i].line.bytes) > 0;
+    NEED(written && eko_fseek(out, 0, 1) == 0, "%s: cannot be written: %s", name ? name : "standard output",
+         strerror(errno));
 }

@@ -37,12 +37,12 @@ same
 look "${load[@]}" -ex run -ex 'set var tag->t_next = tag' -ex 'eko tags' -ex 'set var tag->t_next = 8' -ex 'eko tags' static
 [ "$(grep -c 'Stopped here: ' shown)" = 2 ] || { echo "gdb did not stop at the end of a damaged list" && cat shown && exit 1; }
 
-# Each batch read, parsed and appended, and the commit as the newest line.
+# Each batch read, parsed and appended, and the commit as the newest line. A line takes 11 bytes, a batch a page.
 [ "$minidb" != none ] || exit 0
-seq -f '%g;value' 3000 > text
-look -ex "source $source/tools/gdb/eko.py" -ex 'break eko_term' -ex 'run --trace load --threads 2 text db' \
+seq -f '%04g;value' 3000 > text
+look -ex "source $source/tools/gdb/eko.py" -ex 'break eko_term' -ex 'run --trace load --threads 2 --page-size 4096 text db' \
     -ex 'eko trace' "$minidb"
-for line in {1,1025,2049}': '{'read',parsed,appended}; do
+for line in {1,373,745}': '{'read',parsed,appended}; do
     grep -Eq "0x\w+: line $line" shown || { echo "no 'line $line' in" && cat shown && exit 1; }
 done
 grep 0x shown | tail -n 1 | grep -Eq ': committing 3000 records$' || { echo "no commit at the end of" && cat shown && exit 1; }
