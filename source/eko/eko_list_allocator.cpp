@@ -71,7 +71,7 @@ constexpr size_t LARGE_HDR = sizeof(LARGE_BLOCK_HDR);
 constexpr size_t BELOW_FREE = 1;  // flag: the block below is free, and its size stands at its end
 constexpr size_t BELOW_EMPTY = 2; // flag: the block below is free and has no payload
 constexpr size_t FLAGS = BLOCK_ALIGNMENT - 1;
-constexpr size_t LONG_WALK = 8; // past so many free blocks: what an index costs
+constexpr size_t LONG_WALK = 8; // past so many chunks and free blocks: what an index costs
 constexpr uint32 TAG_BLOCKSIZE = 4096;
 constexpr uint32 SYSTEM_BLOCKSIZE = 4194304;
 
@@ -183,7 +183,7 @@ using NODE __attribute__((may_alias)) = LIST_NODE*; // stands where other data s
 // With an index, its node.
 bool hasNode(const LIST_HDR* p)
 {
-    return p->size > 0;
+    return __builtin_expect(p->size > 0, 1);
 }
 NODE& nodeAtEnd(LIST_HDR* above)
 {
@@ -389,14 +389,14 @@ void markFree(const LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
     LIST_HDR* above = behind(p);
     if (!index && p->size > 0)
         sizeAtEnd(above) = p->size;
-    if (above != endOf(chunk))
+    if (above != endOf(chunk)) [[likely]]
         above->size = sizeOf(above) | (p->size > 0 ? BELOW_FREE : BELOW_EMPTY);
 }
 
 void markUsed(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
     LIST_HDR* above = behind(block);
-    if (above != endOf(chunk))
+    if (above != endOf(chunk)) [[likely]]
         above->size = sizeOf(above);
 }
 
@@ -444,7 +444,7 @@ LIST_HDR* use_entry(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_
 
 // The first block of exactly that size, else the smallest larger one, of equals the first met. What a block is too
 // large by is compared as an unsigned number, in which one that is too small is too large by more than all that are
-// not. Counts the blocks that it met.
+// not. Counts the chunks and blocks that it met.
 BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size, size_t* met)
 {
     BEST_FIT best = {nullptr, nullptr, nullptr};
@@ -452,6 +452,7 @@ BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size, size_t* met)
     size_t count = 0;
     for (LIST_CHUNK_HDR* chunk = alctr->chunks; chunk; chunk = chunk->next) {
         LIST_HDR* q = nullptr;
+        ++count;
         for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
             ++count;
             const size_t excess = p->size - size;

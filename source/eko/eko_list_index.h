@@ -165,14 +165,14 @@ LIST_NODE* binFindLarge(const LIST_INDEX* index, size_t size);
 
 inline void binInsert(LIST_INDEX* index, LIST_NODE* node, size_t size)
 {
-    if (size >= LIST_EXACT)
+    if (size >= LIST_EXACT) [[unlikely]]
         return binInsertLarge(index, node, size);
     const size_t bin = size / BLOCK_ALIGNMENT;
     LIST_NODE* root = index->bins[bin];
     node->child = nullptr;
     node->next = nullptr;
     node->back = nullptr;
-    if (root) {
+    if (root) [[unlikely]] {
         index->bins[bin] = heapMeld(root, node);
     } else {
         index->bins[bin] = node;
@@ -182,10 +182,10 @@ inline void binInsert(LIST_INDEX* index, LIST_NODE* node, size_t size)
 
 inline void binErase(LIST_INDEX* index, LIST_NODE* node, size_t size)
 {
-    if (size >= LIST_EXACT)
+    if (size >= LIST_EXACT) [[unlikely]]
         return binEraseLarge(index, node, size);
     const size_t bin = size / BLOCK_ALIGNMENT;
-    if (!node->back && !node->child) { // alone
+    if (!node->back && !node->child) [[likely]] { // alone
         index->bins[bin] = nullptr;
         clearFilled(index, bin);
     } else {
@@ -221,7 +221,7 @@ inline size_t binFilledFrom(const LIST_INDEX* index, size_t bin)
 // The first node of a block that holds `size` bytes, or null.
 inline LIST_NODE* binFind(const LIST_INDEX* index, size_t size)
 {
-    if (size >= LIST_EXACT)
+    if (size >= LIST_EXACT) [[unlikely]]
         return binFindLarge(index, size);
     const size_t bin = binFilledFrom(index, size / BLOCK_ALIGNMENT);
     return bin < LIST_EXACT_BINS ? index->bins[bin] : binFindLarge(index, LIST_EXACT);
