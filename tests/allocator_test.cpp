@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The four allocators behind a tag, and the large blocks behind the allocators: layout, which block serves a request,
 // figures, and a long random life.
+#include <numeric>
 #include <optional>
 
 #include "ekomem_int.h"
@@ -69,8 +70,7 @@ TEST_F(EkoTest, list_takes_the_exact_block_then_the_smallest_then_the_first)
     EXPECT_EQ(tag.take(304 - HDR), blocks[3] + 400 - (304 - HDR)); // cut from the end
 }
 
-// A literal model of chunks of 4096 bytes, the newest in front, each with its free blocks, the one that was freed last in
-// front.
+// A literal model of chunks, the newest in front, each with its free blocks, the one that was freed last in front.
 class ListModel {
 public:
     // Where a block of that size is to come from, null when from another chunk; its whole size.
@@ -101,63 +101,111 @@ public:
     // The chunk whose last block is this one.
     void add(const char* block, size_t size)
     {
-        char* start = const_cast<char*>(block) + size - WHOLE;
-        chunks_.insert(chunks_.begin(), {start, {{start, WHOLE}}});
+        const size_t whole = std::max<size_t>(size + HDR, 4096) - HDR;
+        char* start = const_cast<char*>(block) + size - whole;
+        chunks_.insert(chunks_.begin(), {start, whole, {{start, whole}}});
     }
 
     void give(char* block, size_t size)
     {
-        const auto holds = [=](const Chunk& each) { return block >= each.start && block <= each.start + WHOLE; };
-        const auto chunk = std::find_if(chunks_.begin(), chunks_.end(), holds);
-        const auto isAt = [](char* at) { return [=](const Block& each) { return each.first == at; }; };
-        const auto above = std::find_if(chunk->free.begin(), chunk->free.end(), isAt(block + size + HDR));
-        if (above != chunk->free.end()) {
-            size += above->second + HDR;
-            chunk->free.erase(above);
-        }
+        const auto chunk = chunkOf(block);
+        size += takeAbove(*chunk, block + size);
         const auto endsHere = [=](const Block& each) { return each.first + each.second + HDR == block; };
         const auto below = std::find_if(chunk->free.begin(), chunk->free.end(), endsHere);
         if (below != chunk->free.end())
             below->second += size + HDR;
         else
             chunk->free.insert(chunk->free.begin(), {block, size});
-        if (chunk->free.size() == 1 && chunk->free.front().second == WHOLE)
+        if (chunk->free.size() == 1 && chunk->free.front().second == chunk->whole)
             chunks_.erase(chunk);
     }
 
-    size_t chunks() const { return chunks_.size(); }
+    // The whole size then of a block that is made no larger.
+    size_t shrink(char* block, size_t has, size_t size)
+    {
+        const auto chunk = chunkOf(block);
+        has += takeAbove(*chunk, block + has);
+        if (has <= size + HDR)
+            return has;
+        chunk->free.insert(chunk->free.begin(), {block + size + HDR, has - size - HDR});
+        return size;
+    }
+
+    size_t held() const // with all headers
+    {
+        const auto add = [](size_t sum, const Chunk& chunk) { return sum + chunk.whole + HDR + HDR * 2 + HDR; };
+        return std::accumulate(chunks_.begin(), chunks_.end(), size_t{0}, add);
+    }
 
 private:
-    static constexpr size_t WHOLE = 4096 - HDR;
     using Block = std::pair<char*, size_t>;
     struct Chunk {
         char* start;
+        size_t whole;
         std::vector<Block> free;
     };
+
+    std::vector<Chunk>::iterator chunkOf(const char* block)
+    {
+        const auto holds = [=](const Chunk& each) {
+            return block >= each.start && block <= each.start + each.whole;
+        };
+        return std::find_if(chunks_.begin(), chunks_.end(), holds);
+    }
+
+    static size_t takeAbove(Chunk& chunk, const char* end)
+    {
+        const auto startsHere = [=](const Block& each) { return each.first == end + HDR; };
+        const auto above = std::find_if(chunk.free.begin(), chunk.free.end(), startsHere);
+        if (above == chunk.free.end())
+            return 0;
+        const size_t size = above->second + HDR;
+        chunk.free.erase(above);
+        return size;
+    }
 
     std::vector<Chunk> chunks_;
 };
 
+// Many and few free blocks in turn, with memory for an index of them, with none, and with some that does not last.
 TEST_F(EkoTest, list_takes_and_joins_as_a_walk_through_its_free_blocks_would)
 {
-    for (const size_t largest : {2u, 20u, 160u}) { // in units of 8 bytes
+    for (const auto& [unit, largest] : {std::pair<size_t, size_t>(8, 2), {8, 20}, {8, 160}, {4000, 8}}) {
         const OwnTag tag(LIST_ALLOCATOR);
         ListModel model;
         std::vector<std::pair<char*, size_t>> alive;
         std::mt19937 random(20240229);
-        std::optional<FailNthAlloc> noIndex(std::in_place, 1, FailNthAlloc::ALL_FROM_THERE);
-        for (uint32 i = 0; i < 20000; ++i) {
-            if (i == 6000)
+        std::optional<FailNthAlloc> noIndex;
+        bool indexed = false;
+        for (uint32 i = 0; i < 24000; ++i) {
+            if (i % 1000 == 0)
+                noIndex.emplace(1 + i / 1000 % 4, FailNthAlloc::ALL_FROM_THERE);
+            if (i % 1000 == 500) {
                 noIndex.reset();
-            const uint32 target = i / 4000 % 2 ? 50 : 1000;
-            if (random() % 64 < (alive.size() > target ? 40 : 24) && !alive.empty()) {
+                indexed |= FailNthAlloc::fired(); // nothing else asks the heap
+            }
+            if (i == 13000) {
+                EKO_TAG_EMPTY(tag.tag);
+                model = {};
+                alive.clear();
+            }
+            const size_t target = i / 4000 % 2 ? 20 : (unit == 8 ? 1000 : 60);
+            const uint32 dice = random() % 64;
+            if (dice < (alive.size() > target ? 40 : 24) && !alive.empty()) {
                 std::swap(alive[random() % alive.size()], alive.back());
-                tag.free(alive.back().first);
-                model.give(alive.back().first, alive.back().second);
-                alive.pop_back();
+                const auto [block, size] = alive.back();
+                if (dice % 4) {
+                    tag.free(block);
+                    model.give(block, size);
+                    alive.pop_back();
+                } else if (size >= unit) {
+                    const size_t newSize = (random() % (size / unit) + 1) * unit;
+                    ASSERT_EQ(tag.extend(block, newSize), block) << i;
+                    alive.back().second = model.shrink(block, size, newSize);
+                }
                 continue;
             }
-            const size_t size = random() % (largest + 1) * 8; // of none, too
+            const size_t size = random() % (largest + 1) * unit; // of none, too
             auto want = model.take(size);
             char* block = static_cast<char*>(eko_getMem(size, tag.tag, 9, nullptr, "", 0));
             if (!want.first) {
@@ -168,7 +216,11 @@ TEST_F(EkoTest, list_takes_and_joins_as_a_walk_through_its_free_blocks_would)
             memset(block, 0xFF, want.second);
             alive.push_back(want);
         }
-        EXPECT_EQ(tag.figures().second, model.chunks() * (4096 + HDR * 2 + HDR)); // with their headers
+        EXPECT_TRUE(indexed);
+        EXPECT_EQ(tag.figures().second, model.held());
+        for (const auto& [block, size] : alive)
+            tag.free(block);
+        EXPECT_EQ(tag.figures().second, 0u);
     }
 }
 

@@ -316,6 +316,11 @@ TEST(MemLimit, callers_buffer_is_all_the_memory_there_is)
         char* block = static_cast<char*>(EKO_ALLOC(1000003, tag));
         EXPECT_TRUE(inside(tag) && inside(tag->t_sem) && inside(block) && inside(block + 1000002));
         EXPECT_TRUE(inside(EKO_ALLOC(10000, EKO_THREAD_TAG)));
+        void* holes[60]; // more than are walked through when there is memory beside the buffer
+        std::generate(std::begin(holes), std::end(holes), [=] { return EKO_ALLOC(8, tag); });
+        for (size_t hole = 0; hole < 60; hole += 2)
+            EKO_FREE(holes[hole], tag);
+        EKO_FREE(EKO_ALLOC(100, tag), tag);
         const std::string said = logged([&] {
             EXPECT_EQ(eko_getMem(4194304, tag, 1, nullptr, (name + "cut").c_str(), 4294967295u), nullptr);
             for (const EKO_MEMTAG each : {tag, EKO_THREAD_TAG}) {
