@@ -113,7 +113,7 @@ const bool registered[] = {
 
     item<EkoBlockTag, Jemalloc>("scale.block.live", {.sizes = {10, 100, 1000, 10000, 100000, 1000000}},
                                 mixedByLive),
-    item<EkoListTag, Jemalloc>("scale.list.live", {.sizes = {10, 100, 1000, 10000}}, mixedByLive),
+    item<EkoListTag, Jemalloc>("scale.list.live", {.sizes = {10, 100, 1000, 10000, 100000, 1000000}}, mixedByLive),
     item<EkoStackTag, AprArena>("scale.stack.live", {.sizes = {10, 100, 1000, 10000, 100000, 1000000}},
                                 arenaBySize),
     item<EkoThreadTag, Jemalloc>("scale.alloc.threads", {.threads = 1}, mixed),

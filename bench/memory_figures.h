@@ -6,8 +6,8 @@
 
 namespace bench {
 
-// resident ALLOCATOR SIZE  prints the resident bytes that each of a million live blocks of SIZE bytes adds; for list, of
-// 100,000. Without arguments lists the allocators.
+// resident ALLOCATOR SIZE  prints the resident bytes that each of a million live blocks of SIZE bytes adds. Without
+// arguments lists the allocators.
 int resident(int argc, char** argv);
 
 // Starts the library and stops it, and prints the microseconds and the resident bytes of each.
