@@ -17,9 +17,10 @@
  * counts, 0xFFFFFFFF for failure. Times to wait are milliseconds, 0xFFFFFFFF for no limit. No call may come from a
  * signal handler, but where a header allows it.
  *
- * eko_init (core.h) starts the library. Memory is taken from a tag, and EKO_TAG_DESTROY (mem.h) gives back all of it at
- * once; mem.h also tells what happens when memory runs out. Files on disk, mapped and in memory share the calls of
- * file.h, which tells what a lock of a file promises. What other libraries do otherwise is marked "Surprise".
+ * eko_init (core.h) starts the library. Memory is taken from a tag, and EKO_TAG_DESTROY (mem.h) gives back all of
+ * it at once; mem.h also tells what happens when memory runs out. Files on disk, mapped and in memory share the
+ * calls of file.h, which tells what a lock of a file promises. What other libraries do otherwise is marked
+ * "Surprise".
  *
  * Link with -leko -pthread; the library needs nothing else, in C or in C++. */
 #ifndef EKO_H
