@@ -18,6 +18,11 @@ find_package(Threads REQUIRED)
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 set(CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES "")
 
+# Two builds of the same tree, wherever they are made, are the same to the byte.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
+set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> -D <TARGET>")
+
 # Sanitizers watch all code of the build, the test framework included. clang's check of function types needs the C++
 # run-time, which the library does not have.
 if(EKO_SANITIZE)
@@ -31,7 +36,8 @@ endif()
 add_library(eko_own_code INTERFACE)
 target_compile_definitions(eko_own_code INTERFACE _GNU_SOURCE)
 target_compile_options(eko_own_code INTERFACE
-    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= # __FILE__ is the path in the tree, wherever the tree is
+    # __FILE__ is the path in the tree, wherever the tree is, or begins with "build" for what is made.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=build
     -ffp-contract=off
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
     $<$<BOOL:${EKO_WERROR}>:-Werror>)

@@ -74,6 +74,7 @@ version=$(sed -n 's/^project(eko VERSION \([0-9.]*\).*/\1/p' old/CMakeLists.txt)
 sed -i 's/^project(eko VERSION [0-9.]*/project(eko VERSION 12.0.1/' old/CMakeLists.txt
 touch old/include/eko/withdrawn.h
 quietly cmake -G Ninja -S old -B b/old -DEKO_BUILD_EXAMPLES=OFF
+quietly cmake --build b/old --target eko_sbom
 cp "$build"/{libeko.a,*.json} b/old # what else is built to be installed
 cp "$build/libeko.so.$version" b/old/libeko.so.12.0.1
 ln -s libeko.so.12.0.1 b/old/libeko.so.12
