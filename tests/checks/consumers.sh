@@ -21,7 +21,7 @@ make() { # DIRECTORY [OPTION...]
 
 DESTDIR=stage quietly cmake --install "$build" --prefix /opt/eko
 mv stage/opt/eko moved
-export PKG_CONFIG_PATH=$work/moved/$libdir/pkgconfig CMAKE_PREFIX_PATH=$work/moved LD_LIBRARY_PATH=$work/moved/$libdir
+export PKG_CONFIG_PATH=$work/moved/$libdir/pkgconfig CMAKE_PREFIX_PATH=$work/moved
 
 # The README's program by the README's command, and with the static library.
 block() { awk -v open="\`\`\`$1" '$0 == open { inside = 1; next } inside && /^```$/ { exit } inside' "$source/README.md"; }
@@ -30,7 +30,7 @@ command=$(grep -om 1 "cc hello\.c .*pkg-config[^\`]*" "$source/README.md")
 read -ra flags <<< "$CFLAGS"
 cc() { "$CC" "${flags[@]}" -std=c11 -Wall -Wextra -Wpedantic -Werror "$@"; }
 eval "$command"
-expect "$(block text)" ./hello
+expect "$(block text)" env "LD_LIBRARY_PATH=moved/$libdir" ./hello
 needs hello | grep -q libeko.so.12
 read -ra static <<< "$(pkg-config --static --cflags --libs eko)"
 cc hello.c -o hello -static "${static[@]}"
