@@ -51,8 +51,9 @@ typedef struct TAG_ENTRY* EKO_MEMTAG;
 /** How a tag finds its blocks. */
 typedef enum EKO_ALLOCATOR_TYPE {
     BLOCK_ALLOCATOR = 0, /**< size classes, constant time; memory of a class stays with the tag */
-    LIST_ALLOCATOR = 1,  /**< best fit, joins neighbours and gives empty chunks back. Many free blocks have an index,
-                              on the system heap and outside limit and figures, unless there is a caller's buffer */
+    LIST_ALLOCATOR = 1,  /**< best fit, joins neighbours and gives empty chunks back. Many free blocks have an
+                              index, on the system heap and outside limit and figures, unless there is a
+                              caller's buffer */
     STACK_ALLOCATOR = 2, /**< for owners that free all at once: a single free does nothing, extending asserts */
     LEGACY_ALLOCATOR = 3 /**< each block from malloc, outside limit and figures; for memory checkers. A second
                               free prints "Attempting to free previously freed memory" and does nothing else */
