@@ -12,8 +12,9 @@
  *   - %p of 32 bits is widened with its sign: 0x80000000 prints as 0xffffffff80000000;
  *   - with z values are unsigned even for d, with t signed even for u and x;
  *   - with L an integer conversion takes no argument and prints 0, and %n stores nothing;
- *   - l changes nothing for s and c: %ls takes a char string, whatever compilers think. Wide text is converted
- *     with eko_convToUTF8 first, or printed by the wide calls;
+ *   - l changes nothing for s and c: %ls takes a char string, whatever compilers think; a program that uses it
+ *     defines EKO_NO_FORMAT_CHECKS (ekoplat.h). Wide text is converted with eko_convToUTF8 first, or printed by the
+ *     wide calls;
  *   - an unknown conversion, such as %S or %C, prints nothing and takes no argument; a lone % at the end is
  *     ignored;
  *   - the ' flag puts the locale's thousands separator into the digits of d, i, u and floats, and of o, x;
