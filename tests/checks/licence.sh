@@ -10,7 +10,7 @@ status=0 count=0
 while IFS= read -r -d '' file; do
     case $file in LICENSE | *.json) continue ;; esac
     count=$((count + 1))
-    if ! head -n 2 "$file" | grep -qF "$tag"; then
+    if ! grep -qF "$tag" < <(head -n 2 "$file"); then
         echo "$file does not say '$tag' at its top"
         status=1
     fi
