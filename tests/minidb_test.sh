@@ -115,8 +115,7 @@ done
 sed -e 2d -e '5s/value/Value/' -e '6s/$/0/' text >variant
 echo 'new;line' >>variant
 expect 1 '"keys":4003,"missing":1,"different":2,"extra":1,' check --json before variant
-printf "minidb: %s\n" "differs: 'k5'" "differs: 'k6'" "not in the text: 'k2'" "not in the data file: 'new'" |
-    sort >expected
+printf "minidb: %s\n" "differs: 'k5'" "differs: 'k6'" "not in the data file: 'new'" >expected
 same <(sort err) expected 'the differences are told in other words'
 
 # ---- crashes ----------------------------------------------------------------------------------------------
@@ -281,7 +280,7 @@ done <<'END'
 18|unexpected and, expected not, ( or field|(name = "é" and (and
 12|unexpected number, expected text in quotes|category = 7
 12|unexpected unknown word, expected end, and, or, order or limit|name = "é" nor
-11|a text without its second quote|name like "x'
+11|unexpected unknown word, expected text in quotes|name like "x'
 5|unexpected unknown word|name=>"x"
 END
 
@@ -365,11 +364,10 @@ for threads in 1 2 8; do
 35004s/;// 35004 has no key
 END
 done
-# A load that takes a while tells of each tenth; or draws a bar on a terminal, and wipes it before it says a thing.
+# A load that takes a while draws a bar on a terminal, and wipes it before it says a thing; elsewhere it is quiet.
 printf '[minidb]\nprogress-after=0\nthreads=64\npage-size=4096\n' >slow.ini
 good 'records        30000' --settings slow.ini load even even.db
-sed -E 's/(: +.0%), [0-9]+ KB.s, [0-9]+:[0-9][0-9] left$/\1/' err >out
-printf 'minidb: even:  %s0%%\n' {1..9} | cmp -s - out || failed 'other lines than one for each tenth'
+[ ! -s err ] || failed 'progress without a terminal'
 for told in even,load faulty,faulty:35004; do
     script -qc "'$program' --settings slow.ini load ${told%,*} even.db" /dev/null >out 2>err </dev/null
     [[ $(head -n 1 out) =~ ^($'\r'\[#* *\]' '[0-9 ]{3}'%, '[0-9]+' KB/s, '[0-9:]+' left    ')+$'\r'' '{72}$'\r''minidb: '"${told#*,}" ]] ||

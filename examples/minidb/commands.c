@@ -12,7 +12,7 @@ RESULT get(const SETTINGS* settings, const char** words)
     RECORDS found = {.tag = openTag("found", BLOCK_ALLOCATOR, NULL, NULL)};
     RESULT result = DONE;
     for (const char** key = words + 1; *key; ++key) {
-        const RECORD* record = recordsFind(&store->records, *key);
+        const RECORD* record = recordsFind(&store->records, (PIECE){*key, (uint32)strlen(*key)});
         if (record) {
             recordsAdd(&found, record);
         } else {
@@ -54,10 +54,10 @@ static RECORDS readText(const char* name)
     return records;
 }
 
-static void tell(uint64* count, const char* what, const RECORD* record)
+static void tell(uint32* count, const char* what, PIECE key)
 {
     if (++*count <= MAX_SHOWN)
-        complain("%s: '%.*s'", what, (int)record->key.length, record->key.bytes);
+        complain("%s: '%.*s'", what, (int)key.length, key.bytes);
 }
 
 RESULT check(const SETTINGS* settings, const char** words)
@@ -65,20 +65,15 @@ RESULT check(const SETTINGS* settings, const char** words)
     const uint64 started = eko_timeNanoSecs();
     const STORE* store = storeOpen(settings, words[0], false);
     const RECORDS lines = readText(words[1]);
-    const RECORD *stored = store->records.items, *storedEnd = stored + store->records.count;
-    const RECORD *line = lines.items, *linesEnd = line + lines.count;
-    uint64 missing = 0, different = 0, extra = 0;
-    while (stored < storedEnd || line < linesEnd) {
-        const int order = stored == storedEnd ? 1 : line == linesEnd ? -1 : comparePieces(stored->key, line->key);
-        if (order > 0)
-            tell(&missing, "not in the data file", line);
-        else if (order < 0)
-            tell(&extra, "not in the text", stored);
+    uint32 missing = 0, different = 0;
+    for (const RECORD* line = lines.items; line < lines.items + lines.count; ++line) {
+        const RECORD* stored = recordsFind(&store->records, line->key);
+        if (!stored)
+            tell(&missing, "not in the data file", line->key);
         else if (comparePieces(stored->line, line->line) != 0)
-            tell(&different, "differs", line);
-        stored += order <= 0;
-        line += order >= 0;
+            tell(&different, "differs", line->key);
     }
+    const uint32 extra = store->records.count - (lines.count - missing);
     figuresBegin(settings, "check", store);
     figure("keys", store->records.count);
     figure("missing", missing);
@@ -90,8 +85,8 @@ RESULT check(const SETTINGS* settings, const char** words)
 
 /* ---- export, import, copy -------------------------------------------------------------------------------- *
  *
- * What is made is made under a temporary name first, and takes its place when it is complete: who looks meanwhile, and
- * who comes after a failure, finds what was there before. */
+ * What is made is made under a temporary name first, and takes its place when it is complete: who looks meanwhile,
+ * and who comes after a failure, finds what was there before. */
 
 static void removeFile(void* name)
 {

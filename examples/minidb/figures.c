@@ -9,9 +9,7 @@
 #define BAR_WIDTH 30
 #define LINE_WIDTH 72 /* so that all of it fits in a terminal's line */
 
-static bool barShown;
-static uint32 percentShown;
-
+static uint32 percentShown; /* in the bar on the terminal, 0 for none */
 static bool json;
 static char* figures;
 
@@ -20,32 +18,26 @@ static uint64 millisecondsSince(uint64 startedNs)
     return (eko_timeNanoSecs() - startedNs) / 1000000;
 }
 
-/* What is quick stays quiet. Then a terminal has a bar, drawn anew in its place with each percent; elsewhere a line
- * tells of each tenth. */
+/* What is quick stays quiet. Then the bar is drawn anew in its place with each percent. */
 void progressShow(const TEXT* text, uint64 startedNs, const SETTINGS* settings)
 {
     const uint64 ms = millisecondsSince(startedNs) + 1;
-    const uint32 percent = (uint32)(text->seen * 100 / text->length), step = isatty(STDERR_FILENO) ? 1 : 10;
-    if (ms <= settings->number[SHOW_AFTER] * 1000ull || percent / step == percentShown / step || percent == 100)
+    const uint32 percent = (uint32)(text->seen * 100 / text->length);
+    if (ms <= settings->number[SHOW_AFTER] * 1000ull || percent == percentShown || !isatty(STDERR_FILENO))
         return;
     const uint32 left = (uint32)((text->length - text->seen) * ms / text->seen / 1000);
-    const uint32 rate = (uint32)(text->seen / ms);
-    percentShown = percent;
-    barShown = step == 1;
-    if (barShown)
-        eko_printfErr("\r[%-*.*s] ", BAR_WIDTH, (int)percent * BAR_WIDTH / 100, "##############################");
-    else
-        eko_printfErr("minidb: %s: ", text->name);
-    eko_printfErr("%3u%%, %u KB/s, %u:%02u left%s", percent, rate, left / 60, left % 60, barShown ? "    " : "\n");
+    eko_printfErr("\r[%-*.*s] %3u%%, %u KB/s, %u:%02u left    ", BAR_WIDTH, (int)percent * BAR_WIDTH / 100,
+                  "##############################", percent, (uint32)(text->seen / ms), left / 60, left % 60);
     eko_flushErr();
+    percentShown = percent;
 }
 
 void progressWipe(void)
 {
-    if (barShown)
+    if (percentShown > 0)
         eko_printfErr("\r%*s\r", LINE_WIDTH, "");
     eko_flushErr();
-    barShown = false;
+    percentShown = 0;
 }
 
 void figuresBegin(const SETTINGS* settings, const char* command, const STORE* store)

@@ -4,13 +4,13 @@
  *      main thread   reads lines into a batch ............... writes a batch that came back
  *      workers             split and count the lines, seal the block
  *
- * A batch is a block of the data file in the making, which one write takes there. It goes to the workers as a job of the pool and comes back as
- * a message of a queue. The main thread goes round the ring of batches: it waits for the oldest, writes it, fills it
- * anew and gives it away. So records and faults come in the order of the text, however many workers there are. Whoever
- * has a batch has it alone; pool and queue hand on with it all that was written to it.
+ * A batch is a block of the data file in the making. It goes to the workers as a job of the pool and comes back as
+ * a message of a queue. The main thread goes round the ring of batches: it waits for the oldest, writes it, fills
+ * it anew and gives it away. So records and faults come in the order of the text, however many workers there are.
+ * Whoever has a batch has it alone; pool and queue hand on with it all that was written to it.
  *
- * A worker's message must never fail, or the main thread would wait for ever: a queue takes no memory before it gets
- * longer than it ever was, and at first all batches are in it, as if they came back empty. */
+ * A worker's message must never fail, or the main thread would wait for ever: a queue takes no memory before it
+ * gets longer than it ever was, and at first all batches are in it, as if they came back empty. */
 #include "minidb.h"
 
 #define BATCHES_PER_THREAD 4 /* one at work, the others on their way, so that nobody waits for long */
@@ -88,8 +88,8 @@ static void fill(LOAD* load, BATCH* batch)
     NEED(eko_thrpoolAddJob(load->pool, finish, batch, NULL, NULL, NULL) == 0, "the threads take no work");
 }
 
-/* Once the text has ended, another round brings back all that is still away. Returns the fault of the line behind the
- * last one that was loaded, null for none. */
+/* Once the text has ended, another round brings back all that is still away. Returns the fault of the line behind
+ * the last one that was loaded, null for none. */
 static const char* loadLines(LOAD* load)
 {
     uint32 left = load->batchCount;
@@ -133,8 +133,7 @@ static LOAD* openLoad(const SETTINGS* settings, const char* textName, const char
     NEED(eko_thrpoolCreate(threads, &load->pool) == 0, "%u threads cannot be started", threads);
     for (BATCH* batch = load->batches; batch < load->batches + load->batchCount; ++batch) {
         batch->finished = load->finished;
-        batch->block =
-            EKO_ALLOC(settings->number[PAGE_SIZE] + LINE_ROOM, tag); /* the last line may not fit the page */
+        batch->block = EKO_ALLOC(settings->number[PAGE_SIZE] + LINE_ROOM, tag); /* a line more than a page */
         NEED(eko_queueWrite(load->finished, batch, 0, 0, EKO_QUEUE_TAIL) == 0, "the queue takes no batches");
     }
     return load;

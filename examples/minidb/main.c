@@ -92,15 +92,13 @@ static RESULT runCommand(const char** words)
     uint32 count = 0;
     while (words[count])
         ++count;
-    for (size_t i = 0; i < COMMANDS; ++i) {
-        if (count == 0 || strcmp(words[0], commands[i].name) != 0)
-            continue;
-        if (count > commands[i].least && count <= commands[i].most + 1)
-            return commands[i].run(settings, words + 1);
-        complain("usage: minidb %s %s", commands[i].name, commands[i].words);
-        return MISUSED;
-    }
-    complain("usage: minidb COMMAND ..., and minidb help tells which there are");
+    size_t i = 0;
+    while (i < COMMANDS && (count == 0 || strcmp(words[0], commands[i].name) != 0))
+        ++i;
+    if (i < COMMANDS && count > commands[i].least && count <= commands[i].most + 1)
+        return commands[i].run(settings, words + 1);
+    complain("usage: minidb %s %s; minidb help tells more", i < COMMANDS ? commands[i].name : "COMMAND",
+             i < COMMANDS ? commands[i].words : "...");
     return MISUSED;
 }
 

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /* minidb.h - a small record store on eko: lines of text in, records in a data file, lines out.
  *
- *   Memory    Each purpose has a tag of its own. In the end main destroys them all, the last one first, and each takes
- *             along what was opened for that purpose: a file, a stream, a pool of threads. So no command cleans up.
- *   Failures  Whoever finds one says so, in one line, and leaves for main: FAIL(). So does a tag for which there is no
- *             memory. A call that returns has done what it says.
+ *   Memory    Each purpose has a tag of its own. In the end main destroys them all, the last one first, and each
+ *             takes along what was opened for it: a file, a pool of threads. So no command cleans up.
+ *   Failures  Who finds one says so, in one line, and leaves for main, which NEED() does. So does a tag for which
+ *             there is no memory. A call that returns has done what it says.
  *   Threads   Tags, files and failures are matters of the main thread. Workers only look at what they are handed.
  *   Messages  go through eko_log and eko_log_err, and so into the log file; records and progress do not. */
 #ifndef MINIDB_H
@@ -21,11 +21,10 @@ typedef enum RESULT { DONE, DIFFERENT, MISUSED, FAILED } RESULT;
 /* Writes "minidb: ", the message and a line end to standard error and the log. */
 void complain(const char* format, ...) EKO_PRINTF_CHECK(1, 2);
 EKO_NORETURN void endCommand(RESULT result);
-#define FAIL(...) (complain(__VA_ARGS__), endCommand(FAILED))
-#define NEED(what, ...) ((what) ? (void)0 : FAIL(__VA_ARGS__))
+#define NEED(what, ...) ((what) ? (void)0 : (complain(__VA_ARGS__), endCommand(FAILED)))
 
-/* Makes a tag that lives until the command ends; `close`, which may be null, is called with `object` before it goes.
- * Objects themselves are memory of EKO_THREAD_TAG. */
+/* Makes a tag that lives until the command ends; `close`, which may be null, is called with `object` before it
+ * goes. Objects themselves are memory of EKO_THREAD_TAG. */
 EKO_MEMTAG openTag(const char* purpose, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN close, void* object);
 /* The purpose of a tag, by its number from 0, and what it holds; null behind the last. */
 const char* tagFigures(uint32 number, EKO_TAG_MEM_INFO* info);
@@ -40,18 +39,19 @@ typedef struct SETTINGS {
     uint16 backing;               /* as a flag of eko_fileOpen */
 } SETTINGS;
 
-/* Takes the options out of the words, and what they do not say from an INI file. Where there is none, writes one with
- * the defaults, for the user to change. */
+/* Takes the options out of the words, and what they do not say from an INI file. Where there is none, writes one
+ * with the defaults, for the user to change. */
 const SETTINGS* settingsRead(const char** words);
 void settingsHelp(void);
 /* The path of a data file: in the data directory, unless the name tells a directory itself. */
 const char* dataPath(const SETTINGS* settings, const char* name);
 
-/* Traces into memory, where "eko trace" in the debugger finds the last lines; for nothing unless it was asked for. */
+/* Traces into memory, where "eko trace" in the debugger finds the last lines; for nothing unless it was asked for.
+ * */
 extern bool tracing;
 #define TRACE(...) ((void)(tracing && (eko_trace(__VA_ARGS__), true)))
 
-/* ---- records.c ------------------------------------------------------------------------------------------- */
+/* ---- text.c ---------------------------------------------------------------------------------------------- */
 /* Bytes that are not terminated, and belong to who hands them out. */
 typedef struct PIECE {
     const char* bytes;
@@ -84,7 +84,23 @@ void recordsAdd(RECORDS* records, const RECORD* record);
 void recordsSort(RECORDS* records);
 void recordsKeepLast(RECORDS* records);
 /* Finds one of sorted records; null when there is none with that key. */
-const RECORD* recordsFind(const RECORDS* records, const char* key);
+const RECORD* recordsFind(const RECORDS* records, PIECE key);
+
+typedef struct TEXT {
+    const char* name;
+    EKO_FILE_STREAM stream;
+    EKO_FILE_OFFSET length, seen; /* of the file, and of the lines up to here */
+    uint32 lineNumber;            /* of the line last read, from 1 */
+    const char* fault;            /* of that line; null for none */
+} TEXT;
+
+TEXT* textOpen(const char* name);
+/* Reads a line into LINE_ROOM bytes and returns its length, with a \n at its end in any case. 0 at the end, or with
+ * a fault, which is for the caller to tell. */
+uint32 textNext(TEXT* text, char* line);
+
+/* Writes the lines of records into a file, or for null to standard output. */
+void textWrite(const RECORDS* records, const char* name);
 
 /* ---- store.c --------------------------------------------------------------------------------------------- */
 typedef struct STORE {
@@ -100,11 +116,11 @@ typedef struct STORE {
     RECORDS records;        /* and, but for a load, the records in them, the last one of each key, sorted */
 } STORE;
 
-/* Opens a data file, cuts off what a crash left unfinished, and reads the records. A load creates the file when there
- * is none, and keeps other loads out. */
+/* Opens a data file, cuts off what a crash left unfinished, and reads the records. A load creates the file when
+ * there is none, and keeps other loads out. */
 STORE* storeOpen(const SETTINGS* settings, const char* name, bool load);
-/* Writes a block behind the last. When it returns they survive the end of this process, unless the backing is memory;
- * when storeCommit returns, a power failure. */
+/* Writes a block behind the last. When it returns they survive the end of this process, unless the backing is
+ * memory; when storeCommit returns, a power failure. */
 void storeAppend(STORE* store, const uint8* block, uint32 size);
 void storeCommit(STORE* store);
 
@@ -119,23 +135,6 @@ typedef struct HEAD {
 
 /* Fills in the head of a block of that size, in any thread. */
 void storeSealBlock(uint8* block, uint32 size);
-
-/* ---- text.c ---------------------------------------------------------------------------------------------- */
-typedef struct TEXT {
-    const char* name;
-    EKO_FILE_STREAM stream;
-    EKO_FILE_OFFSET length, seen; /* of the file, and of the lines up to here */
-    uint32 lineNumber;            /* of the line last read, from 1 */
-    const char* fault;            /* of that line; null for none */
-} TEXT;
-
-TEXT* textOpen(const char* name);
-/* Reads a line into LINE_ROOM bytes and returns its length, with a \n at its end in any case. 0 at the end, or with a
- * fault, which is for the caller to tell. */
-uint32 textNext(TEXT* text, char* line);
-
-/* Writes the lines of records into a file, or for null to standard output. */
-void textWrite(const RECORDS* records, const char* name);
 
 /* ---- figures.c ------------------------------------------------------------------------------------------- */
 /* To be called often: decides when something is shown. To be wiped before anything else is. */

@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: MIT */
 /* query.c - the query command: finds the words of the text, and the records that it asks for. */
-#include <ctype.h>
 #include <string.h>
 #include <strings.h>
 
@@ -9,21 +8,16 @@
 /* ---- words ----------------------------------------------------------------------------------------------- */
 
 /* Says what is wrong with the last word, and marks it. */
-static int32 complainOfWord(const QUERY* q, const char* message)
-{
-    int column = 1;
-    for (const char* p = q->text; p < q->word; ++p)
-        column += (*p & 0xC0) != 0x80; /* characters, not bytes */
-    complain("the query, column %d: %s\n  fields are %s\n  %s\n  %*s", column, message, q->fields, q->text, column,
-             "^");
-    return 1;
-}
-
 int32 query_error(QUERY* q, const EKO_YYERROR* error)
 {
     char message[512];
+    int column = 1;
+    for (const char* p = q->text; p < q->word; ++p)
+        column += (*p & 0xC0) != 0x80; /* characters, not bytes */
     eko_yyerrorText(error, message, sizeof message);
-    return complainOfWord(q, message);
+    complain("the query, column %d: %s\n  fields are %s\n  %s\n  %*s", column, message, q->fields, q->text, column,
+             "^");
+    return 1;
 }
 
 static bool isWord(PIECE word, const char* name, size_t length)
@@ -46,39 +40,26 @@ static int32 tokenOf(const QUERY* q, PIECE word, uint32* field)
     return QUERY_UNKNOWN;
 }
 
-/* Letters, digits and underscores make a word; signs of comparison do; any other character is one by itself. */
-static PIECE nextWord(QUERY* q)
-{
-    size_t length = 0;
-    q->word = q->next + strspn(q->next, " \t\r\n");
-    while (isalnum((uint8)q->word[length]) || q->word[length] == '_')
-        ++length;
-    if (length == 0)
-        length = strspn(q->word, "!<>=");
-    if (length == 0 && *q->word)
-        length = 1;
-    q->next = q->word + length;
-    return (PIECE){q->word, (uint32)length};
-}
-
 int32 query_lex(QUERY* q, int32* token, QUERY_STYPE* value)
 {
-    const PIECE word = nextWord(q);
-    if (word.length == 0) {
+    const char* word = q->word = q->next + strspn(q->next, " \t\r\n");
+    const char* quote = *word == '"' || *word == '\'' ? strchr(word + 1, *word) : NULL;
+    size_t length = strspn(word, "!<>=");
+    if (length == 0)
+        length = strspn(word, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789");
+    q->next = word + (length > 0 || !*word ? length : 1); /* any other character is a word by itself */
+    if (!*word) {
         *token = QUERY_END;
-    } else if (*word.bytes == '"' || *word.bytes == '\'') {
-        const char* end = strchr(q->next, *word.bytes); /* so a text in one sort of quotes can hold the other */
-        if (!end)
-            return complainOfWord(q, "a text without its second quote");
+    } else if (quote) { /* so a text in one sort of quotes can hold the other */
         *token = QUERY_TEXT;
-        value->text = (PIECE){q->next, (uint32)(end - q->next)};
-        q->next = end + 1;
-    } else if (strspn(word.bytes, "0123456789") >= word.length) {
-        const uint64 number = eko_atoui64(word.bytes);
+        value->text = (PIECE){word + 1, (uint32)(quote - word) - 1};
+        q->next = quote + 1;
+    } else if (length > 0 && strspn(word, "0123456789") == length) {
+        const uint64 number = eko_atoui64(word);
         *token = QUERY_NUMBER;
         value->number = number > UINT32_MAX ? UINT32_MAX : (uint32)number;
     } else {
-        *token = tokenOf(q, word, &value->number);
+        *token = tokenOf(q, (PIECE){word, (uint32)(q->next - word)}, &value->number);
     }
     return 0;
 }

@@ -3,8 +3,8 @@
  *
  *      category = "Sm" and not (name like "*ARROW*" or key < "2100") order by name desc limit 10
  *
- * All of it may be left out. A condition is worked out for all records at once: it is the set of those that it holds
- * for. query.c finds the words, which are the names of the tokens here, and does the rest. */
+ * All of it may be left out. A condition is worked out for all records at once: it is the set of those that it
+ * holds for. query.c finds the words, which are the names of the tokens here, and does the rest. */
 %define api.prefix {query_}
 %define api.token.prefix {QUERY_}
 %define api.token.raw

@@ -18,7 +18,7 @@ static const struct {
     {"backing", "disk", "what reads and writes DB: disk, mapped or memory", 0, 0},
     {"page-size", "65536", "bytes that are read, parsed and written at once", 4096, MAX_PAGE_BYTES},
     {"threads", "1", "how many parse the lines of FILE", 1, 64},
-    {"progress-after", "1", "seconds until a load shows how far it has come", 0, 1000000},
+    {"progress-after", "1", "seconds until a load shows on a terminal how far it is", 0, 1000000},
     {"json", "0", "figures as lines of JSON, and nothing else on standard output", 0, 1},
     {"report", "0", "a load tells after each write how many records are stored", 0, 1},
     {"trace", "0", "a debugger can show what was done last", 0, 1},
@@ -46,36 +46,27 @@ static const char** takeOption(SETTINGS* settings, const char** word)
     endCommand(MISUSED);
 }
 
-static uint32 toNumber(int setting, const char* text)
-{
-    const uint64 number = eko_atoui64(text);
-    NEED(!text[strspn(text, "0123456789")] && number >= all[setting].least && number <= all[setting].most,
-         "%s is a number from %u to %u, not '%s'", all[setting].name, all[setting].least, all[setting].most, text);
-    return (uint32)number;
-}
-
 static uint16 toBacking(const char* text)
 {
-    if (strcmp(text, "mapped") == 0)
-        return EKO_FILE_MAPPED;
-    if (strcmp(text, "memory") == 0)
-        return EKO_FILE_INMEMORY;
-    NEED(strcmp(text, "disk") == 0, "a backing is disk, mapped or memory, not '%s'", text);
-    return 0;
+    const bool mapped = strcmp(text, "mapped") == 0, memory = strcmp(text, "memory") == 0;
+    NEED(mapped || memory || strcmp(text, "disk") == 0, "a backing is disk, mapped or memory, not '%s'", text);
+    return mapped ? EKO_FILE_MAPPED : memory ? EKO_FILE_INMEMORY : 0;
 }
 
-/* Not to be able to write the file, in a directory of somebody else's, is no fault: the defaults hold as well. */
-static void readFile(SETTINGS* settings, const char* file)
+/* What no option says, the file does, which is written where there is none. Not to be able to write there, in a
+ * directory of somebody else's, is no fault: the default holds as well. */
+static void readEntry(SETTINGS* settings, int i, bool write)
 {
-    const bool there = eko_fileValidate(file, NULL);
-    for (int i = DIRECTORY; i < SETTING_COUNT; ++i) {
-        char* found = NULL;
-        if (!there)
-            eko_iniSet(file, SECTION, all[i].name, all[i].otherwise);
-        eko_iniGetStr(file, SECTION, all[i].name, &found, 0, EKO_THREAD_TAG);
-        if (!settings->text[i])
-            settings->text[i] = found ? found : all[i].otherwise;
-    }
+    char* found = NULL;
+    if (write)
+        eko_iniSet(settings->text[INI_FILE], SECTION, all[i].name, all[i].otherwise);
+    eko_iniGetStr(settings->text[INI_FILE], SECTION, all[i].name, &found, 0, EKO_THREAD_TAG);
+    const char* text = settings->text[i] ? settings->text[i] : found ? found : all[i].otherwise;
+    const uint64 number = eko_atoui64(text);
+    NEED(all[i].most == 0 || (!text[strspn(text, "0123456789")] && number >= all[i].least && number <= all[i].most),
+         "%s is a number from %u to %u, not '%s'", all[i].name, all[i].least, all[i].most, text);
+    settings->text[i] = text;
+    settings->number[i] = (uint32)number;
 }
 
 const SETTINGS* settingsRead(const char** words)
@@ -90,9 +81,9 @@ const SETTINGS* settingsRead(const char** words)
             *kept++ = *words;
     }
     *kept = NULL;
-    readFile(settings, settings->text[INI_FILE]);
-    for (int i = 0; i < SETTING_COUNT; ++i)
-        settings->number[i] = all[i].most > 0 ? toNumber(i, settings->text[i]) : 0;
+    const bool there = eko_fileValidate(settings->text[INI_FILE], NULL);
+    for (int i = INI_FILE + 1; i < SETTING_COUNT; ++i)
+        readEntry(settings, i, !there);
     settings->backing = toBacking(settings->text[BACKING]);
     tracing = settings->number[TRACED];
     NEED(!*settings->text[LOG_FILE] || eko_log_open(settings->text[LOG_FILE]) == 0,

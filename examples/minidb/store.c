@@ -1,29 +1,25 @@
 /* SPDX-License-Identifier: MIT */
 /* store.c - the data file.
  *
- *      header   "minidb\r\n" | version | UUID | check
- *      block    length | check | lines, each with \n
+ *      header   "minidb\r\n" | version | UUID | check           numbers in network order
+ *      block    length | check | lines, each with \n             numbers little-endian
  *      block    ...
  *
- * Numbers have 32 bits: in network order in the header, little-endian in blocks. The UUID is made with the file and
- * shared by its copies only. A check is a hash, of the UUID, or of a block's length and lines. Blocks are only ever
- * appended; of several lines with the same key the last one counts.
+ * Blocks are only ever appended; of several lines with the same key the last one counts. A check is a hash, of the
+ * UUID, or of a block's length and lines. A torn end, as a crash leaves it, is found by them at the next open and
+ * cut off. It is never more than one block, so when a whole one stands behind, the file is damaged: cutting would
+ * lose what is good.
  *
- * Crashes   What was written stays when the process is killed, at whatever moment: it is with the system by then. So
- *           records may be called stored once storeAppend has returned. To say so of a power failure, each report would
- *           have to wait for eko_fileSync, as storeCommit does at the end of a load.
- *           A torn end is found at the next open, by length and check, be it short, zeros or garbage, and is cut off.
- *           It is one block: a write through views may reach the file in any order. So when a whole block stands behind
- *           one that is not, the file is damaged; nothing is cut, for that would lose what is good.
- * Backings  Header, lock and true length are matters of the file on disk; blocks go through a handle of their own.
- *           Mapped views leave zeros up to the next MiB behind, and no write may cross a MiB. */
+ * What was written stays when the process is killed, at whatever moment: it is with the system by then. So records
+ * may be called stored once storeAppend has returned. To say so of a power failure, each report would have to wait
+ * for eko_fileSync, as storeCommit does at the end of a load. */
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 
 #include "minidb.h"
 
-#define VIEW_BYTES ((EKO_FILE_OFFSET)1 << 20)
+#define VIEW_BYTES ((EKO_FILE_OFFSET)1 << 20) /* no write through mapped views may cross a multiple */
 
 /* FNV-1a. */
 static uint32 hashOf(const void* bytes, size_t count, uint32 start)
@@ -74,20 +70,21 @@ static int32 readDisk(const void* store, void* data, uint32 size, uint32* count,
     return *count == 0 || *count == EKO_FILE_IO_FAILED ? 1002 : 0;
 }
 
+static int32 headerCheck(const STORE* store)
+{
+    return (int32)hashOf(&store->id, sizeof store->id, VERSION);
+}
+
 /* In one write, so that no kill leaves a part of it. */
 static void writeHeader(STORE* store)
 {
-    EKO_OUTPUTBUFF out;
+    EKO_OUTPUTBUFF out = NULL;
     uuid_create(&store->id);
-    bool made =
-        store->id.time_high_and_version != 0 && eko_outputBuffCreate(writeDisk, store, NETWORK_ORDER, &out) == 0;
-    if (made) {
-        made = eko_outputBuffPutString(out, NAME) == 0 && eko_outputBuffPutInt32(out, VERSION) == 0 &&
-               eko_outputBuffPutBytes(out, &store->id, sizeof store->id) == 0 &&
-               eko_outputBuffPutInt32(out, (int32)hashOf(&store->id, sizeof store->id, VERSION)) == 0 &&
-               eko_outputBuffFlush(out) == 0;
-        eko_outputBuffDestroy(out);
-    }
+    const bool made = eko_outputBuffCreate(writeDisk, store, NETWORK_ORDER, &out) == 0 &&
+                      eko_outputBuffPutString(out, NAME) == 0 && eko_outputBuffPutInt32(out, VERSION) == 0 &&
+                      eko_outputBuffPutBytes(out, &store->id, sizeof store->id) == 0 &&
+                      eko_outputBuffPutInt32(out, headerCheck(store)) == 0 && eko_outputBuffFlush(out) == 0;
+    eko_outputBuffDestroy(out);
     NEED(made, "%s: its header cannot be written: %s", store->name, strerror(errno));
 }
 
@@ -95,18 +92,18 @@ static void readHeader(STORE* store)
 {
     char name[sizeof NAME - 1] = "";
     int32 version = 0, check = 0;
-    EKO_INPUTBUFF in;
-    NEED(eko_inputBuffCreate(readDisk, store, NETWORK_ORDER, &in) == 0, "%s: cannot be read", store->name);
+    EKO_INPUTBUFF in = NULL;
     const bool read =
+        eko_inputBuffCreate(readDisk, store, NETWORK_ORDER, &in) == 0 &&
         eko_inputBuffGetBytes(in, name, sizeof name) == 0 && eko_inputBuffGetInt32(in, &version) == 0 &&
         eko_inputBuffGetBytes(in, &store->id, sizeof store->id) == 0 && eko_inputBuffGetInt32(in, &check) == 0;
     eko_inputBuffDestroy(in);
     NEED(read && memcmp(name, NAME, sizeof name) == 0, "%s: is no minidb data file", store->name);
     NEED(version == VERSION, "%s: has version %d, this program reads %d", store->name, version, VERSION);
-    NEED(check == (int32)hashOf(&store->id, sizeof store->id, VERSION), "%s: its header is damaged", store->name);
+    NEED(check == headerCheck(store), "%s: its header is damaged", store->name);
 }
 
-/* ---- the records ----------------------------------------------------------------------------------------- */
+/* ---- blocks ---------------------------------------------------------------------------------------------- */
 
 static void openData(STORE* store, uint32 flags)
 {
@@ -146,41 +143,35 @@ void storeCommit(STORE* store)
 
 /* ---- opening --------------------------------------------------------------------------------------------- */
 
-static void readBytes(STORE* store)
+/* Returns the bytes that are left behind the last whole block. */
+static EKO_FILE_OFFSET readBlocks(STORE* store)
 {
     const uint32 page = store->settings->number[PAGE_SIZE];
-    uint32 got;
+    uint32 size;
+    PIECE lines;
     store->length = eko_fileLength(store->disk);
     NEED(store->length <= MAX_FILE_BYTES, "%s: is larger than 1 GiB", store->name);
-    openData(store, O_RDONLY);
     store->bytes = EKO_ALLOC((size_t)store->length + page, store->records.tag);
-    for (EKO_FILE_OFFSET at = 0; at < store->length; at += got) {
-        got = eko_fileSeekRead(store->data, at, store->bytes + at, page);
-        NEED(got != 0 && got != EKO_FILE_IO_FAILED, "%s: cannot be read: %s", store->name, strerror(errno));
+    openData(store, O_RDONLY);
+    for (EKO_FILE_OFFSET at = 0; at < store->length; at += size) {
+        size = eko_fileSeekRead(store->data, at, store->bytes + at, page);
+        NEED(size != 0 && size != EKO_FILE_IO_FAILED, "%s: cannot be read: %s", store->name, strerror(errno));
     }
     closeData(store);
-}
-
-/* Returns the bytes that are left behind the last whole block. */
-static EKO_FILE_OFFSET readRecords(STORE* store)
-{
-    RECORD record;
-    PIECE lines;
-    uint32 size;
-    readBytes(store);
     store->records.count = 0;
     for (store->end = HEADER_BYTES; (size = wholeBlock(store, store->end, &lines)) > 0; store->end += size)
-        while (recordTake(&record, &lines))
+        for (RECORD record; recordTake(&record, &lines);)
             recordsAdd(&store->records, &record);
     return store->length - store->end;
 }
 
-/* Somebody else's lock means a load that is under way. It may have ended before the lock was had, so another look. */
+/* Somebody else's lock means a load that is under way. It may have ended before the lock was had, so another look.
+ * */
 static void cutTornEnd(STORE* store)
 {
     PIECE lines;
     store->locked = store->locked || eko_fileLock(store->disk) == 0;
-    const EKO_FILE_OFFSET torn = store->locked ? readRecords(store) : 0;
+    const EKO_FILE_OFFSET torn = store->locked ? readBlocks(store) : 0;
     for (EKO_FILE_OFFSET at = store->end + 1; torn > 0 && at < store->length; ++at)
         NEED(wholeBlock(store, at, &lines) == 0, "%s: damaged at byte %llu, in front of whole blocks", store->name,
              (unsigned long long)store->end);
@@ -224,7 +215,7 @@ STORE* storeOpen(const SETTINGS* settings, const char* name, bool load)
         writeHeader(store);
     else
         readHeader(store);
-    if (readRecords(store) > 0)
+    if (readBlocks(store) > 0)
         cutTornEnd(store);
     if (load)
         openData(store, O_RDWR);

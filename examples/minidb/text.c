@@ -1,45 +1,41 @@
 /* SPDX-License-Identifier: MIT */
-/* text.c - lines of text, in and out.
+/* text.c - lines of text, in and out, and lists of them, which sorted are searched by halves.
  *
- * A stream takes byte FF for the end of the file, and a line that holds byte 00 looks shorter than it is. Either would
- * lose what follows without a word. So the bytes of the lines are counted against the length of the file, and a line
- * that does not account for its bytes is a fault. The count also finds a failed read, and a file that changes. */
+ * A stream takes byte FF for the end of the file, and a line that holds byte 00 looks shorter than it is. Either
+ * would lose what follows without a word. So the bytes of the lines are counted against the length of the file, and
+ * a line that does not account for its bytes is a fault. The count also finds a failed read, and a file that
+ * changes. */
 #include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "minidb.h"
-
-/* Looks at the bytes of the file as they are: their number, and whether they begin with a mark, which the stream keeps
- * to itself. */
-static void measure(TEXT* text)
-{
-    static const char mark[] = "\xEF\xBB\xBF";
-    char start[sizeof mark] = "";
-    int32 directory;
-    eko_fileValidate(text->name, &directory);
-    EKO_FH fh = directory ? NULL : eko_fileOpen(text->name, O_RDONLY | O_CLOEXEC, 0);
-    NEED(fh, "%s: cannot be opened: %s", text->name, strerror(directory ? EISDIR : errno));
-    const uint32 got = eko_fileRead(fh, start, sizeof mark - 1);
-    text->length = eko_fileLength(fh);
-    text->seen = strcmp(start, mark) == 0 ? sizeof mark - 1 : 0;
-    eko_fileClose(fh);
-    NEED(got != 0 && got != EKO_FILE_IO_FAILED, "%s: is empty, or cannot be read", text->name);
-    NEED((uint8)start[0] < 0xFE, "%s: is UTF-16, not UTF-8", text->name);
-    NEED(text->length <= MAX_FILE_BYTES, "%s: is larger than 1 GiB", text->name);
-}
 
 static void closeText(void* text)
 {
     eko_fclose(((TEXT*)text)->stream);
 }
 
+/* The stream keeps the mark of a UTF-8 file to itself, but its bytes count. */
 TEXT* textOpen(const char* name)
 {
+    static const char mark[] = "\xEF\xBB\xBF";
+    char start[sizeof mark] = "";
+    int32 directory;
     TEXT* text = EKO_ZALLOC(sizeof *text, EKO_THREAD_TAG);
     openTag("text", BLOCK_ALLOCATOR, closeText, text);
     text->name = name;
-    measure(text);
+    eko_fileValidate(name, &directory);
+    EKO_FH fh = directory ? NULL : eko_fileOpen(name, O_RDONLY | O_CLOEXEC, 0);
+    NEED(fh, "%s: cannot be opened: %s", name, strerror(directory ? EISDIR : errno));
+    const uint32 got = eko_fileRead(fh, start, sizeof mark - 1);
+    text->length = eko_fileLength(fh);
+    text->seen = strcmp(start, mark) == 0 ? sizeof mark - 1 : 0;
+    eko_fileClose(fh);
+    NEED(got != 0 && got != EKO_FILE_IO_FAILED, "%s: is empty, or cannot be read", name);
+    NEED((uint8)start[0] < 0xFE, "%s: is UTF-16, not UTF-8", name);
+    NEED(text->length <= MAX_FILE_BYTES, "%s: is larger than 1 GiB", name);
     text->stream = eko_fopen(name, "r", EKO_FILE_MODE_UTF8);
     NEED(text->stream, "%s: cannot be opened as a text: %s", name, strerror(errno));
     return text;
@@ -62,19 +58,78 @@ uint32 textNext(TEXT* text, char* line)
     return text->fault ? 0 : length + 1;
 }
 
-static void closeOutput(void* out)
-{
-    eko_fclose(out);
-}
-
 /* Closing would not tell of a failed write; a seek, which writes what is pending, does. */
 void textWrite(const RECORDS* records, const char* name)
 {
     EKO_FILE_STREAM out = name ? eko_fopen(name, "w", EKO_FILE_MODE_UTF8) : eko_fopen_std("stdout");
     bool written = out != NULL;
-    openTag("output", BLOCK_ALLOCATOR, closeOutput, (void*)(uintptr_t)out);
     for (uint32 i = 0; written && i < records->count; ++i)
         written = eko_fprintf(out, "%.*s\n", (int)records->items[i].line.length, records->items[i].line.bytes) > 0;
-    NEED(written && eko_fseek(out, 0, 1) == 0, "%s: cannot be written: %s", name ? name : "standard output",
-         strerror(errno));
+    written = written && eko_fseek(out, 0, 1) == 0;
+    eko_fclose(out);
+    NEED(written, "%s: cannot be written", name ? name : "standard output");
+}
+
+/* ---- records --------------------------------------------------------------------------------------------- */
+
+int comparePieces(PIECE a, PIECE b)
+{
+    const int order = memcmp(a.bytes, b.bytes, a.length < b.length ? a.length : b.length);
+    return order ? order : (a.length > b.length) - (a.length < b.length);
+}
+
+bool recordTake(RECORD* record, PIECE* lines)
+{
+    const char *start = lines->bytes, *end = memchr(start, '\n', lines->length);
+    const char* separator = end ? memchr(start, ';', (size_t)(end - start)) : NULL;
+    if (!separator || separator == start)
+        return false;
+    record->line = (PIECE){start, (uint32)(end - start)};
+    record->key = (PIECE){start, (uint32)(separator - start)};
+    *lines = (PIECE){end + 1, lines->length - record->line.length - 1};
+    return true;
+}
+
+void recordsAdd(RECORDS* records, const RECORD* record)
+{
+    if (records->count == records->room) {
+        records->room = records->room ? records->room * 2 : 1024;
+        records->items = EKO_EXTEND(records->items, records->room * sizeof(RECORD), records->tag);
+        NEED(records->items, "there are too many records");
+    }
+    records->items[records->count++] = *record;
+}
+
+static int byKey(const void* a, const void* b)
+{
+    return comparePieces(((const RECORD*)a)->key, ((const RECORD*)b)->key);
+}
+
+static int byKeyAndPlace(const void* a, const void* b)
+{
+    const char *left = ((const RECORD*)a)->line.bytes, *right = ((const RECORD*)b)->line.bytes;
+    const int order = byKey(a, b);
+    return order ? order : (left > right) - (left < right);
+}
+
+void recordsSort(RECORDS* records)
+{
+    if (records->count > 0)
+        qsort(records->items, records->count, sizeof(RECORD), byKeyAndPlace);
+}
+
+void recordsKeepLast(RECORDS* records)
+{
+    uint32 kept = 0;
+    recordsSort(records);
+    for (uint32 i = 0; i < records->count; ++i)
+        if (i + 1 == records->count || byKey(&records->items[i], &records->items[i + 1]) != 0)
+            records->items[kept++] = records->items[i];
+    records->count = kept;
+}
+
+const RECORD* recordsFind(const RECORDS* records, PIECE key)
+{
+    const RECORD wanted = {.key = key};
+    return records->count ? bsearch(&wanted, records->items, records->count, sizeof(RECORD), byKey) : NULL;
 }
