@@ -29,7 +29,7 @@ void complain(const char* format, ...)
 
 void endCommand(RESULT result)
 {
-    longjmp(commandEnd, result);
+    longjmp(commandEnd, (int)result);
 }
 
 EKO_MEMTAG openTag(const char* purpose, EKO_ALLOCATOR_TYPE type, EKO_DESTROY_FCN close, void* object)
@@ -132,5 +132,5 @@ int main(int argc, char** argv)
         return FAILED;
     const RESULT result = runAndCleanUp((const char**)argv + 1);
     eko_term();
-    return result;
+    return (int)result;
 }
