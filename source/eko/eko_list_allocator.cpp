@@ -674,7 +674,7 @@ void* takeBlock(LIST_ALLOCATOR_ENTRY* alctr, LIST_INDEX* index, const BEST_FIT& 
 }
 
 // By a walk, which is a long one: the next will do without, if there can be an index.
-[[gnu::noinline]] void* takeAndIndex(LIST_ALLOCATOR_ENTRY* alctr, const BEST_FIT& fit, size_t size)
+[[gnu::noinline]] void* takeAndIndex(LIST_ALLOCATOR_ENTRY* alctr, BEST_FIT fit, size_t size)
 {
     if (!indexOf(alctr))
         makeIndex(alctr->chunks);
