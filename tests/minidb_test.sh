@@ -66,7 +66,7 @@ same out <(printf 'k4000;value 4000;16000000\nempty;\ngrün;çá €\nk7;a later
     'get prints something else'
 expect 1 "no record with the key 'k4001'" get db k1 k4001 k2
 same out <(printf 'k1;value 1;1\nk2;value 2;4\n') 'a missing key hides others'
-json='^\{"command":"[a-z]+","uuid":"[0-9a-f-]{36}"(,"[a-z_ ]+":[0-9]+)+\}$'
+json='^\{"command":"[a-z]+","uuid":"[0-9a-f-]{36}"(,"[a-z_]+":[0-9]+)+\}$'
 for command in 'load text other' 'check db text' 'stat db'; do
     # shellcheck disable=SC2086
     good '"milliseconds":' --json $command
@@ -323,7 +323,8 @@ done
 
 good '' export before sorted
 same sorted <(LC_ALL=C sort -s -t ';' -k 1,1 text | grep -v '^k7;value') 'an export is not the records in order'
-good '"records":4003,' import --json sorted other
+good '"records":4003,' import --json --report sorted other
+[ "$(wc -l <out)" = 1 ] || failed 'an import reports what is not in place'
 agree 4003 other text
 good '' copy other copied.db
 same other copied.db 'a copy is another file'

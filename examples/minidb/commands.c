@@ -124,7 +124,9 @@ RESULT exportText(const SETTINGS* settings, const char** words)
 RESULT importText(const SETTINGS* settings, const char** words)
 {
     const char* temporary = makeTemporary();
-    load(settings, (const char*[]){words[0], temporary, NULL});
+    SETTINGS* quiet = EKO_DUP(settings, sizeof *settings, EKO_THREAD_TAG);
+    quiet->number[REPORT] = 0; /* nothing is stored before it is in place */
+    load(quiet, (const char*[]){words[0], temporary, NULL});
     putInPlace(temporary, dataPath(settings, words[1]));
     return DONE;
 }

@@ -63,8 +63,8 @@ void figuresEnd(uint64 startedNs)
     figure("milliseconds", millisecondsSince(startedNs));
     for (uint32 i = 0; (purpose = tagFigures(i, &info)) != NULL; ++i)
         if (info.capacity.max_in_use > 0)
-            figures = EKO_APPENDSTR(EKO_THREAD_TAG, figures,
-                                    json ? ",\"memory of %s\":%zu" : "\n  memory of %-8s %zu bytes", purpose,
-                                    info.bytes.in_use);
+            figures =
+                EKO_APPENDSTR(EKO_THREAD_TAG, figures, json ? ",\"memory_%s\":%zu" : "\n  memory of %-8s %zu bytes",
+                              purpose, info.bytes.in_use);
     NEED(eko_log("%s%s\n", figures, json ? "}" : "") > 0, "standard output cannot be written");
 }
