@@ -49,6 +49,7 @@ for ((round = 1; round <= kills; ++round)); do
     wait $reader
     last=$(sed -n 's/^{"stored":\([0-9]*\)}$/\1/p' reports | tail -n 1)
     where="round $round (${options[*]}, killed after $moment us, ${last:-none} reported)"
+    takes[$backing]=$((takes[$backing] * (status == 137 ? 105 : 90) / 100)) # other work comes and goes
     [ "$status" != 137 ] || killed=$((killed + 1))
     [ "$status" != 137 ] || [ -z "$last" ] || told=$((told + 1))
     stored=0
