@@ -5,7 +5,8 @@
 manual.py filter FILE       what Doxygen is to read instead of a header or a page (its INPUT_FILTER)
 manual.py prepare DIR       fails where the filter would; puts the programs that Doxygen is to quote into DIR
 manual.py man VERSION DIR   a page of section 3 for each header into DIR, and a link to it for each exported name
-manual.py check TAGS DIR    fails unless each exported name is in Doxygen's tag file and has a page in DIR
+manual.py check TAGS DIR    fails unless each exported name is in Doxygen's tag file and has a page in DIR, and each
+                            other one is on the page of its header
 
 How headers are written:
     /* name.h - title. Text ... */     opens the file and tells what holds for all of it
@@ -171,9 +172,8 @@ class Header:
         """Title and text of a section."""
         lines = comment_lines(re.sub(r"-{3,}", "", comment))
         lines = ["" if line == "*" else line for line in lines]
-        title, _, rest = lines[0].strip(" *").partition(": ")
-        title = re.sub(r"[;,].*", "", title)
-        rest = [rest[:1].upper() + rest[1:] + "."] if rest else []
+        title, *rest = re.split("[:;] ", lines[0].strip(" *"), maxsplit=1)
+        rest = [line[:1].upper() + line[1:] + "." for line in rest]
         return title[:1].upper() + title[1:], blocks(rest + lines[1:])
 
 
@@ -449,6 +449,8 @@ class Doxygen:
                 return f"<code>{self.reference(match[1])}</code>"
             if re.fullmatch(r"(\w+)\.h", match[1]) and match[1][:-2] in MODULES:
                 return f'<code>@ref {match[1][:-2]}_h "{match[1]}"</code>'
+            if "__" in match[1]:
+                return match[0] # which the other form would show in bold
             return "<code>" + re.sub(r"--|[\\@&$#<>%\"*\[\]~|]", r"\\\g<0>", match[1]) + "</code>"
         return re.sub(r"`([^`\n]+)`", code, text)
 
@@ -492,15 +494,18 @@ class Man:
         return first + ([".RS"] + self.text(rest) + [".RE"] if rest else [])
 
     def filled(self, text):
-        """One sentence a line."""
-        return [self.escape(line) for line in re.split(r"(?<=[.:;]) (?=[A-Z0-9\"])", text)]
+        """One sentence a line, but for those in quotes."""
+        ends = re.finditer(r"(?<=[.:;]) (?=[A-Z0-9\"])", text)
+        cuts = [end.start() for end in ends if text.count('"', 0, end.start()) % 2 == 0]
+        return [self.escape(text[start:end].strip()) for start, end in zip([0] + cuts, cuts + [len(text)])]
 
     def quoted(self, text):
         return '"' + self.escape(text).replace('"', '\\(dq') + '"'
 
     def declaration(self, code):
         code = re.sub(r"\n[ \t]*", " ", code).strip()
-        code = re.sub(r"\bEKO_API (extern )?|\bEKO_NORETURN |\s*EKO_PRINTF_CHECK\([^)]*\)", "", code)
+        if not code.startswith("#define"):
+            code = re.sub(r"\bEKO_API (extern )?|\bEKO_NORETURN |\s*EKO_PRINTF_CHECK\([^)]*\)", "", code)
         lines = [code]
         while len(lines[-1]) > 76 and ", " in lines[-1][:76]: # continue behind a comma
             cut = lines[-1].rfind(", ", 0, 76) + 1
@@ -531,7 +536,7 @@ class Man:
         return out + [".fi", ".RS 4"] + self.described(blocks(entry_text(comment))) + [".RE"]
 
     def page(self, header, version):
-        name = self.title(header)
+        name = self.title(header.name)
         out = ['.\\" SPDX-License-Identifier: MIT', ".nr HY 0"] # no name is to be hyphenated
         out += [f'.TH {name} 3 "" "eko {version}" "eko, the platform library"', ".ad l"]
         out += [".SH NAME", f"{name} \\- {self.escape(header.title)}"]
@@ -570,15 +575,15 @@ class Man:
         return code
 
     @staticmethod
-    def title(header):
-        return "eko" if header.name == "eko" else f"eko_{header.name}"
+    def title(module):
+        return "eko" if module == "eko" else f"eko_{module}"
 
     def modules(self):
         """The pages of all the others, with their titles."""
         out = []
         for path in ORDER[1:]:
             other = Header(INCLUDE / path)
-            out += [".TP", f".BR {self.title(other)} (3)", self.escape(other.title)]
+            out += [".TP", f".BR {self.title(other.name)} (3)", self.escape(other.title)]
         return out
 
     def see_also(self, header):
@@ -602,7 +607,7 @@ def write_man(version, target):
     target.mkdir(parents=True, exist_ok=True)
     for path in ORDER:
         header = Header(INCLUDE / path)
-        (target / f"{man.title(header)}.3").write_text(man.page(header, version), encoding="utf-8")
+        (target / f"{man.title(header.name)}.3").write_text(man.page(header, version), encoding="utf-8")
     for name in names.exported:
         page = target / f"{name}.3"
         if page.exists(): # a header and a function of one name, as eko_log: its page tells of the function
@@ -622,8 +627,13 @@ def prepare(target):
 
 def check(tags, target):
     documented = set(re.findall(r"<name>(\w+)</name>", tags.read_text(encoding="utf-8")))
+    names = Names()
     missing = []
-    for name in Names().exported:
+    for name, module in names.header_of.items():
+        text = (target / f"{Man.title(module)}.3").read_text(encoding="utf-8")
+        if not re.search(rf"\b{name}\b", text):
+            missing.append(f"{name} is not in the man page of its header")
+    for name in names.exported:
         page = target / f"{name}.3"
         text = page.read_text(encoding="utf-8") if page.exists() else ""
         link = re.match(r"\.so man3/(\S+)\n", text)

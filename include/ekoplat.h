@@ -36,8 +36,8 @@
 
 /** Lets the compiler check a printf-style call over chars: `fmt` is the position of the format, `args` of the first
  *  argument after it (0 for a va_list). The checks are those of the C library's printf; where format.h departs from
- *  that, as with %ls and %Ld, they refuse what is right or let pass what is not. A program that uses such directives
- *  defines EKO_NO_FORMAT_CHECKS before it includes this. */
+ *  that, as with %ls and %Ld, they refuse what is right or let pass what is not. A program that uses such
+ *  directives defines EKO_NO_FORMAT_CHECKS before it includes this. */
 #if defined(__GNUC__) && !defined(EKO_NO_FORMAT_CHECKS)
 #define EKO_PRINTF_CHECK(fmt, args) __attribute__((format(printf, fmt, args)))
 #else

@@ -85,6 +85,7 @@ typedef int32 (*EKO_YYLEXFCN)(void* ctx, int32* token, void* value);
  *  Returns 0, or one of the three below. Any other value ends the parse, which returns it. */
 typedef int32 (*EKO_YYREDUCEFCN)(void* ctx, int32 rule, void* result, void* top);
 
+/** What a reduce callback may return besides 0. */
 #define EKO_YYACCEPT INT32_MIN      /**< ends the parse with 0, from whatever callback */
 #define EKO_YYRAISE (INT32_MIN + 1) /**< the rule is an error, which the callback has reported: recover from it */
 #define EKO_YYERROK (INT32_MIN + 2) /**< goes on, and recovery is over: report the next error, however soon */
