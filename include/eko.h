@@ -8,14 +8,22 @@
  *      1002  general failure: not started, invalid handle or value, refused, or the system's call failed
  *      1003  out of memory, or a resource could not be made
  *      1006  the directory exists already
- *      1007  the first file of a comparison cannot be opened, 1008 the second
+ *      1007  the first file of a comparison cannot be opened
+ *      1008  the second file of a comparison cannot be opened
  *      1012  a text is malformed: it is not a UUID, or does not follow a grammar
  *      1013  a required argument is null or zero
  *      1014  a caller's buffer is too small
  *      1015  a job of a thread pool has not come as far as the question
- * and below 0 those of ini.h and buffstream.h. Each call names those it returns. Reads and writes return byte
- * counts, 0xFFFFFFFF for failure. Times to wait are milliseconds, 0xFFFFFFFF for no limit. No call may come from a
- * signal handler, but where a header allows it.
+ *        -1  the system's call failed, where a call hands its result on
+ *      -211  a string of a binary stream was cut, since the caller's buffer is too small
+ *      -904  out of memory, or too many of something, in ini.h and buffstream.h
+ *      -905  an INI file cannot be opened or read
+ *      -919  an INI file that was set could not be renamed
+ *      -924  a required argument of a call of ini.h is null
+ *      -932  the caller's buffer is too small for what a call of ini.h found
+ * Each call names those it returns. Reads and writes return byte counts, 0xFFFFFFFF for failure. Times to wait are
+ * milliseconds, 0xFFFFFFFF for no limit. Any thread may call, but where a header says otherwise. No call may come
+ * from a signal handler, but where a header allows it.
  *
  * eko_init (core.h) starts the library. Memory is taken from a tag, and EKO_TAG_DESTROY (mem.h) gives back all of
  * it at once; mem.h also tells what happens when memory runs out. Files on disk, mapped and in memory share the

@@ -81,15 +81,16 @@ typedef void (*EKO_GLOBAL_DELETE_FCN)(void* data);
  *  size        bytes; the first caller's size and callbacks hold, those of later calls are ignored.
  *  create_fcn  run once on the new record, may be null. It runs under the registry's mutex and may itself
  *              fetch globals.
- *  delete_fcn  run when the library stops, in descending order of names, may be null. A record whose name
- *              sorts before "ekofile" outlives the file module, so its callback can open no file.
+ *  delete_fcn  run when the library stops, in descending order of names, may be null; not run for a record that
+ *              could not be made. A record whose name sorts before "ekofile" outlives the file module, so its
+ *              callback can open no file. It may fetch globals that are still there.
  *              No callback may start or stop the library, or leave by a jump:
  *              locks are held around it. Memory taken in one comes from a tag without a jump buffer.
  *  pglobal     receives the record on success only.
  *  Returns 0; 1013 when name or pglobal is null or size is 0; 1003 when the record could not be made, the
- *  callback failed, or the library is not started or already stopping. The next call tries again, unless
- *  growing the registry itself ran out of memory: then every call answers 1003 until the library is stopped
- *  and started again.
+ *  callback failed, the library is not started, or it is stopping and there is no such record. The next call
+ *  tries again, unless growing the registry itself ran out of memory: then every call answers 1003 until the
+ *  library is stopped and started again, and that stop runs no delete callbacks.
  *  Threads: any. Two first users at once get the one record. */
 EKO_API int32 eko_globalGet(const char* name, size_t size, EKO_GLOBAL_CREATE_FCN create_fcn,
                             EKO_GLOBAL_DELETE_FCN delete_fcn, void** pglobal);

@@ -131,7 +131,9 @@ EKO_API int32 eko_fileSetSize(EKO_FH fh, EKO_FILE_OFFSET size);
  *  children that inherit the handle have it too.
  *  Returns 0, or 1002 when refused. A thread may lock again what it has locked; but the lock against other
  *  processes does not count, it ends with the first unlock. eko_fileUnlock by a thread that holds no lock
- *  frees another's. Where the table of mutexes is full, which is logged, threads are not kept apart. */
+ *  frees another's. Where the table of mutexes is full, which is logged, threads are not kept apart. It ends with
+ *  eko_fileUnlock, when all copies of the descriptor are closed, or with the process. For files in memory it is
+ *  another lock, which keeps others from reading and writing too: see "three backings". */
 EKO_API int32 eko_fileLock(EKO_FH fh);
 EKO_API void eko_fileUnlock(EKO_FH fh);
 

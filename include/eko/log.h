@@ -9,8 +9,9 @@
  *
  * Log files, and the files that stand in for standard output or standard error, are stacks: an open pushes, a
  * close pops and the one below is written again. The same name, whatever its case, is one open file of a stack
- * however often it is pushed. A close too many pops the console itself, which is silent from then on. Nothing is
- * written in read-only mode. All calls may come from any thread, not from a signal handler.
+ * however often it is pushed. A close too many does nothing to the log, but pops the console itself, which is
+ * silent from then on. Nothing is written in read-only mode. All calls may come from any thread, not from a signal
+ * handler.
  *
  * What the library reports while a thread is already writing a report goes straight to the process's standard
  * error, up to 1023 bytes of it. Reports of up to 1023 bytes need no memory. */

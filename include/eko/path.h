@@ -33,8 +33,8 @@ EKO_EXTERN_C_BEGIN
  * No call here resolves a "." or ".." step or a link: two spellings of one place stay two texts. Results are new
  * blocks on `tag`, to be freed with it. */
 
-/** The current directory, of any length, without a "/" at its end; "/" in diskless mode. Null when the system
- *  cannot tell it, for example because it was removed, or when memory runs out. */
+/** The current directory, of any length, without a "/" at its end, except "/" itself; "/" in diskless mode. Null
+ *  when the system cannot tell it, for example because it was removed, or when memory runs out. */
 EKO_API char* eko_currdirEx(EKO_MEMTAG tag);
 
 /** The system's getcwd, unchanged: null and errno on failure; a null buffer makes it malloc one, to be freed by

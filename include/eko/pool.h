@@ -52,9 +52,9 @@ EKO_API void eko_poolSetMaxPooled(EKO_POOL hPool, uint32 max_items);
  *  sz          bytes; 0 is as good as any.
  *  mode        EKO_MEM_ZERO sets them to 0, EKO_MEM_COPY copies them from `data`; any other leaves them undefined.
  *  file, line  the caller's position, for the report of exhausted memory.
- *  Returns the item, to be given back with eko_poolPut. Null for EKO_MEM_COPY without data, and for more than the
- *  largest block of mem.h less the header. Without memory it reports, once, then leaves by longjmp when the tag has
- *  a jump buffer, else answers null. In both of these cases an item that was too small is gone from the pool. */
+ *  Returns the item, to be given back with eko_poolPut. Null for EKO_MEM_COPY without data. Null for more than the
+ *  largest block of mem.h less the header; without memory it reports, once, then leaves by longjmp when the tag has
+ *  a jump buffer, else answers null: in these two cases an item that was too small is gone from the pool. */
 EKO_API void* eko_poolGetMem(EKO_POOL hPool, size_t sz, int32 mode, const void* data, const char* file,
                              uint32 line);
 

@@ -3,7 +3,8 @@
  *
  * An EKO_SEM names a mutex or an event in one process-wide table of 131,072 slots. Handles are addresses of
  * slots: a handle used after its deletion may name the next object in that slot, which is not detected.
- * All calls may come from any thread. When the library is not started they do nothing. */
+ * All calls may come from any thread. When the library is not started they do nothing, but for the critical section
+ * and eko_posix_cond_timedwait, which do not need it. None leaves by longjmp. */
 #ifndef EKO_SYNC_H
 #define EKO_SYNC_H
 
@@ -45,7 +46,8 @@ EKO_API void eko_syncDelete(EKO_SEM sem);
 EKO_API void eko_syncEnterExcl(EKO_SEM sem);
 
 /** Leaves a mutex once. Surprise: the caller's identity is not checked; leaving what another thread holds
- *  frees it. A handle that is no mutex logs "Invalid mutex\n". */
+ *  frees it, and leaving a free one makes its count -1, from which the next enter recovers. A handle that is no
+ *  mutex logs "Invalid mutex\n". */
 EKO_API void eko_syncExitExcl(EKO_SEM sem);
 
 /** Resets an event, so that later waiters block. A handle that is no event logs "Invalid event\n". */

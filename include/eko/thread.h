@@ -30,12 +30,13 @@ EKO_API int16 eko_threadBeginEx(EKO_THREAD_FCN fcn, uint32 stacksize, void* arg,
 
 /** Puts a thread to a quarter (low), the middle (normal) or three quarters (high) of the range of its
  *  scheduling policy. Returns 0; -1 when its scheduling cannot be read, as that of a thread that has ended; 1002
- *  for another priority or when the system refuses. */
+ *  for another priority or when the system refuses. Surprise: the system's ordinary policy has a range of one
+ *  value, so 0 is returned and nothing changes; a real-time policy, SCHED_FIFO or SCHED_RR, has more. */
 EKO_API int16 eko_threadSetPriority(pthread_t tid, int32 priority);
 
-/** Ends the calling thread, destroying its memory tag first. Does not return: the thread is unwound, so no
- *  caller up to the thread's function may be noexcept, or swallow every exception. On the main thread it waits for
- *  the others, and the process then ends with 0. */
+/** Ends the calling thread, destroying its memory tag first. Nobody gets to see `rc`. Does not return: the thread
+ *  is unwound, so no caller up to the thread's function may be noexcept, or swallow every exception. On the main
+ *  thread it waits for the others, and the process then ends with 0. */
 EKO_API EKO_NORETURN void eko_threadEnd(int32 rc);
 
 /** The calling thread's identifier. */
