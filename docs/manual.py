@@ -176,7 +176,6 @@ class Header:
         rest = [line[:1].upper() + line[1:] + "." for line in rest]
         return title[:1].upper() + title[1:], blocks(rest + lines[1:])
 
-
     def plain_sections(self):
         """The sections without declarations, which tell of something for all the others."""
         kinds = [(kind, piece) for kind, piece in self.pieces if kind in ("section", "entry")] + [("section", "")]

@@ -6,7 +6,7 @@
  *         3  the message queue is closed
  *      1001  a timed wait ran out
  *      1002  general failure: not started, invalid handle or value, refused, or the system's call failed
- *      1003  out of memory, or a resource could not be made
+ *      1003  out of memory, or a resource could not be made; from some calls also: the library is not started
  *      1006  the directory exists already
  *      1007  the first file of a comparison cannot be opened
  *      1008  the second file of a comparison cannot be opened

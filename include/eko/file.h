@@ -101,7 +101,7 @@ EKO_API void eko_fileClose(EKO_FH fh);
 EKO_API int32 eko_fileSeek(EKO_FH fh, EKO_FILE_OFFSET off, int32 origin);
 
 /** Moves bytes at the current position. Returns the bytes moved, which may be fewer than asked, 0 at the end of
- *  the file; EKO_FILE_IO_FAILED on error, after "Write failed, errno = %d\n" on standard error, or
+ *  the file; EKO_FILE_IO_FAILED on error, on disk after "Write failed, errno = %d\n" on standard error, or
  *  "Read failed, errno = %d\n" in the log. 0 for size 0, for a mapped handle, and for writes in read-only
  *  mode, to files in memory excepted: a loop "until all is written" must stop at 0. */
 EKO_API uint32 eko_fileWrite(EKO_FH fh, const void* buf, uint32 size);

@@ -60,7 +60,7 @@ EKO_API void eko_syncResume(EKO_SEM sem);
 /** Waits until an event is signalled.
  *  timeout  milliseconds; 0 only tests; EKO_FOREVER waits without limit. Measured by the wall clock and
  *           again from the start after each wake-up that finds the event reset, so a wait lasts at least
- *           this long and may last longer.
+ *           this long and may last longer. A clock that is set meanwhile makes it longer or shorter.
  *  Returns 0 signalled; 1001 not signalled in time; 1002 library not started, or no event ("Invalid event\n"
  *  is logged for the latter). */
 EKO_API int16 eko_syncWait(EKO_SEM sem, uint32 timeout);
