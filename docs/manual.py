@@ -265,7 +265,10 @@ class Doxygen:
         self.names = names
 
     def inline(self, text):
+        quoted = False
+
         def word(match):
+            nonlocal quoted
             code, header, name, special = match.groups()
             if code:
                 return f"<code>{self.inline(code)}</code>"
@@ -274,7 +277,10 @@ class Doxygen:
                 return f'@ref {header[:-2]}_h "{header}"' if known else header
             if name:
                 return self.reference(name) if name in self.names.header_of else name
-            return "\\" + special
+            quoted ^= special == '"'
+            # Doxygen takes what is in quotes for no Markdown, and so a backslash in front of it for itself.
+            return special if quoted and special in "*[]`~|" else "\\" + special
+
         return self.WORD.sub(word, text)
 
     @staticmethod
@@ -443,7 +449,10 @@ class Doxygen:
 
     def linked(self, text):
         text = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", text, flags=re.S) # Doxygen wants no references inside
+
         def code(match):
+            if not match[1]:
+                return "\\%" # in front of a word Doxygen would swallow it
             if match[1] in self.names.header_of:
                 return f"<code>{self.reference(match[1])}</code>"
             if re.fullmatch(r"(\w+)\.h", match[1]) and match[1][:-2] in MODULES:
@@ -451,7 +460,8 @@ class Doxygen:
             if "__" in match[1]:
                 return match[0] # which the other form would show in bold
             return "<code>" + re.sub(r"--|[\\@&$#<>%\"*\[\]~|]", r"\\\g<0>", match[1]) + "</code>"
-        return re.sub(r"`([^`\n]+)`", code, text)
+
+        return re.sub(r"`([^`\n]+)`|%", code, text)
 
 
 # ---- man pages ---------------------------------------------------------------------------------------------------
@@ -506,7 +516,7 @@ class Man:
         if not code.startswith("#define"):
             code = re.sub(r"\bEKO_API (extern )?|\bEKO_NORETURN |\s*EKO_PRINTF_CHECK\([^)]*\)", "", code)
         lines = [code]
-        while len(lines[-1]) > 76 and ", " in lines[-1][:76]: # continue behind a comma
+        while len(lines[-1]) > 76 and ", " in lines[-1][:76] and "/*" not in code: # continue behind a comma
             cut = lines[-1].rfind(", ", 0, 76) + 1
             lines[-1:] = [lines[-1][:cut], "    " + lines[-1][cut:].strip()]
             if cut <= 5:
