@@ -5,8 +5,9 @@
 manual.py filter FILE       what Doxygen is to read instead of a header or a page (its INPUT_FILTER)
 manual.py prepare DIR       fails where the filter would; puts the programs that Doxygen is to quote into DIR
 manual.py man VERSION DIR   a page of section 3 for each header into DIR, and a link to it for each exported name
-manual.py check TAGS DIR    fails unless each exported name is in Doxygen's tag file and has a page in DIR, and each
-                            other one is on the page of its header
+manual.py check TAGS HTML MAN
+                            fails unless each exported name is in Doxygen's tag file and has a page in MAN, each other
+                            one is on the page of its header, and no sentence of a header was lost on its way
 
 How headers are written:
     /* name.h - title. Text ... */     opens the file and tells what holds for all of it
@@ -16,6 +17,7 @@ Text is plain: paragraphs, "- " lists, "term  text" lists with aligned text, a s
 text, and examples indented by four blanks or more behind an empty line.
 """
 
+import html
 import pathlib
 import re
 import sys
@@ -634,7 +636,53 @@ def prepare(target):
             (target / example.name).write_text("\n".join(example.program) + "\n", encoding="utf-8")
 
 
-def check(tags, target):
+# ---- checks ------------------------------------------------------------------------------------------------------
+
+
+def words(text):
+    """The words of a text, which are the same in all its forms."""
+    return " " + " ".join(re.findall(r"\w+", text)).lower() + " "
+
+
+def sentences(path):
+    """The words of each sentence, each item and each term in the comments of a header."""
+    comments = re.findall(r"/\*.*?\*/", path.read_text(encoding="utf-8"), flags=re.S)
+    told = [comments[1]] + [comment for comment in comments[2:] if Header.kind(comment) != "plain"]
+    for comment in told:
+        lines = comment_lines(re.sub(r"-{3,}", "", comment))
+        text = re.sub(r"^[\w.]+\.h - ", "", "\n".join(lines))
+        for sentence in re.split(r"(?<=[.:;])\s|\n\s*\n|\n(?=\s*- )|(?<=\S)  +(?=\S)|\n(?=\s+\S+  )", text):
+            yield words(sentence)
+
+
+def shown(page):
+    """The words of a page of HTML."""
+    text = page.read_text(encoding="utf-8")
+    text = re.sub(r"<script.*?</script>|</?(?:a|b|code|em|span)\b[^>]*>", "", text, flags=re.S)
+    return words(html.unescape(re.sub(r"<[^>]*>", " ", text)))
+
+
+def printed(page):
+    """The words of a page for man."""
+    requests = r"^\.[A-Z]{1,2}\b(?: \\\(bu 2| 4$)?|^\.(?:nf|fi|in)\b"
+    text = re.sub(requests, "", page.read_text(encoding="utf-8"), flags=re.M)
+    return words(re.sub(r"\\(?:\(dq|e|&|\[u\w+\])", " ", text.replace("\\-", "-")))
+
+
+def lost(pages, target):
+    """Complaints about sentences that are not in a form of the manual."""
+    structures = "".join(shown(page) for page in pages.glob("struct*.html"))
+    for path in ORDER:
+        module = pathlib.Path(path).stem
+        forms = {"HTML": shown(pages / f"group__{module}__h.html") + structures,
+                 "man": printed(target / f"{Man.title(module)}.3")}
+        for sentence in sentences(INCLUDE / path):
+            for form, text in forms.items():
+                if sentence.strip() and sentence not in text:
+                    yield f"{path}, {form}: lost is:{sentence}"
+
+
+def check(tags, pages, target):
     documented = set(re.findall(r"<name>(\w+)</name>", tags.read_text(encoding="utf-8")))
     names = Names()
     missing = []
@@ -652,6 +700,7 @@ def check(tags, target):
             missing.append(f"{name} has no man page")
         if name not in documented:
             missing.append(f"{name} is not in the HTML manual")
+    missing += lost(pages, target)
     if missing:
         sys.exit("\n".join(missing))
 
@@ -669,7 +718,7 @@ def main(command, *arguments):
     elif command == "man":
         write_man(arguments[0], pathlib.Path(arguments[1]))
     elif command == "check":
-        check(pathlib.Path(arguments[0]), pathlib.Path(arguments[1]))
+        check(*[pathlib.Path(argument) for argument in arguments])
     else:
         sys.exit(__doc__)
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* strutil.h - small helpers for strings. Calls that keep no state may come from any thread; those that look at
+/* strutil.h - small helpers for strings. The calls keep no state and may come from any thread; those that change
  * letter case read the locale: nobody may call setlocale meanwhile. */
 #ifndef EKO_STRUTIL_H
 #define EKO_STRUTIL_H
