@@ -4,9 +4,10 @@
  * Handles (EKO_FH) are what callers should use: they follow the read-only and diskless modes and can be backed
  * by a disk file, a file in memory or mapped views. Descriptors (EKO_FDESC) are the thin layer below.
  *
- * A handle may be used by several threads for positional reads and writes, lengths and sync. Seek followed by
- * read or write is a race between threads. No call retries when a signal interrupts it, nor continues after
- * moving fewer bytes than asked: callers look at the count. */
+ * Any thread may call. A handle may be used by several threads for positional reads and writes, lengths, resizing,
+ * sync and locks, as long as nobody closes it meanwhile. Seek followed by read or write is a race between threads.
+ * No call leaves by longjmp. None retries when a signal interrupts it, nor continues after moving fewer bytes than
+ * asked: callers look at the count. */
 #ifndef EKO_FILE_H
 #define EKO_FILE_H
 
