@@ -5,7 +5,7 @@
  * "[05-Mar-2024 14:07:09]  " and the message. The library adds no line end. Every message is flushed, which on
  * a disk file waits for the disk. Messages of different threads do not interleave; console and log may show
  * them in a different order. When the library is not started, messages go to the C library's stdout or stderr,
- * without a stamp.
+ * without a stamp. Surprise: it is then also the C library that formats them, without the departures of format.h.
  *
  * Log files, and the files that stand in for standard output or standard error, are stacks: an open pushes, a
  * close pops and the one below is written again. The same name, whatever its case, is one open file of a stack
