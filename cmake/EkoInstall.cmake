@@ -55,11 +55,16 @@ install(FILES ${config}/eko.pc DESTINATION ${EKO_INSTALL_PCDIR} COMPONENT develo
 
 # ---- gdb ----------------------------------------------------------------------------------------------------
 
-# gdb looks below its own data directory for a script with the path of the library.
-set(script_of_library ${CMAKE_INSTALL_FULL_LIBDIR}/)
+# gdb looks below its own data directory for a script with the path of the library. An archive cannot know that path,
+# and has it where gdb looks then, beside the library.
+set(script_of_library ${CMAKE_INSTALL_FULL_LIBDIR})
 cmake_path(IS_ABSOLUTE CMAKE_INSTALL_LIBDIR fixed)
 if(NOT fixed)
-    set(script_of_library "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/")
+    set(script_of_library "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
 endif()
-install(FILES $<TARGET_FILE:eko>-gdb.py
-    DESTINATION "${CMAKE_INSTALL_DATADIR}/gdb/auto-load${script_of_library}" COMPONENT development)
+install(CODE "
+set(eko_gdb_directory \"${CMAKE_INSTALL_DATADIR}/gdb/auto-load${script_of_library}\")
+if(CMAKE_INSTALL_PREFIX MATCHES /_CPack_Packages/)
+    set(eko_gdb_directory \"${CMAKE_INSTALL_LIBDIR}\")
+endif()" COMPONENT development)
+install(FILES $<TARGET_FILE:eko>-gdb.py DESTINATION "\${eko_gdb_directory}" COMPONENT development)

@@ -1,11 +1,20 @@
 # SPDX-License-Identifier: MIT
 # A part of the installing script: writes the uninstalling one. All paths are relative to the prefix, which may be moved.
 
-set(eko_root "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}")
+# Both may be told from the current directory.
+set(eko_stage "$ENV{DESTDIR}")
+if(NOT eko_stage STREQUAL "")
+    cmake_path(ABSOLUTE_PATH eko_stage)
+    set(ENV{DESTDIR} "${eko_stage}")
+endif()
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX)
+
+set(eko_root "${eko_stage}${CMAKE_INSTALL_PREFIX}")
 set(eko_files "")
 set(eko_kept "") # directories that were there before
 string(FIND "${eko_root}" "/_CPack_Packages/" eko_packaged) # -1 when this is none
-cmake_path(ABSOLUTE_PATH eko_script BASE_DIRECTORY "${eko_root}")
+cmake_path(ABSOLUTE_PATH eko_script BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
+set(eko_script "${eko_stage}${eko_script}")
 set(eko_template "${CMAKE_CURRENT_LIST_DIR}/uninstall.cmake.in")
 
 # One component after the other adds up to one installation. A whole one takes the place of what is there.
@@ -26,7 +35,8 @@ endmacro()
 # Those of the shared directories that are there, and what they are in.
 macro(eko_find_kept)
     foreach(eko_directory IN LISTS eko_shared_directories)
-        cmake_path(ABSOLUTE_PATH eko_directory BASE_DIRECTORY "${eko_root}" NORMALIZE)
+        cmake_path(ABSOLUTE_PATH eko_directory BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
+        cmake_path(SET eko_directory NORMALIZE "${eko_stage}${eko_directory}")
         set(eko_last "")
         while(NOT eko_directory STREQUAL eko_last)
             if(IS_DIRECTORY "${eko_directory}")
@@ -43,7 +53,7 @@ endmacro()
 macro(eko_remember)
     if(eko_packaged EQUAL -1)
         foreach(eko_file IN LISTS CMAKE_INSTALL_MANIFEST_FILES)
-            set(eko_file "$ENV{DESTDIR}${eko_file}")
+            set(eko_file "${eko_stage}${eko_file}")
             cmake_path(RELATIVE_PATH eko_file BASE_DIRECTORY "${eko_root}")
             list(APPEND eko_files "${eko_file}")
         endforeach()

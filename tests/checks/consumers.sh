@@ -62,7 +62,7 @@ mkdir -p shared/lib/pkgconfig shared/share/doc
 touch shared/lib/pkgconfig/other.pc
 find shared > before
 for component in runtime development; do
-    quietly cmake --install "$build" --prefix "$work/shared" --component $component
+    quietly cmake --install "$build" --prefix shared --component $component
 done
 [ -e shared/include/eko/eko.h ]
 quietly cmake --build "$build" --target uninstall
