@@ -70,6 +70,8 @@ list(SORT checksums)
 list(JOIN checksums "" checksums)
 string(SHA1 verification "${checksums}") # as the format wants it: of all sums, in their order
 string(TIMESTAMP created "%Y-%m-%dT%H:%M:%SZ" UTC)
+string(UUID document NAMESPACE 6ba7b811-9dad-11d1-80b4-00c04fd430c8 NAME "eko ${VERSION} ${verification} ${created}"
+    TYPE SHA1)
 
 # linked(NAME LICENSE)  a package that the library is linked with, and that it brings not along.
 function(linked name license)
@@ -96,7 +98,7 @@ file(WRITE ${OUT} "{
   \"dataLicense\": \"CC0-1.0\",
   \"SPDXID\": \"SPDXRef-DOCUMENT\",
   \"name\": \"eko-${VERSION}\",
-  \"documentNamespace\": \"urn:eko:sbom:${VERSION}:${verification}\",
+  \"documentNamespace\": \"urn:uuid:${document}\",
   \"creationInfo\": {
     \"created\": \"${created}\",
     \"creators\": [\"Tool: EkoSbom.cmake-${VERSION}\"]
