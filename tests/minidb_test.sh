@@ -15,7 +15,6 @@ failed() {
     head -c 1000 out err | sed 's/^/    /'
     failures=$((failures + 1))
 }
-
 # expect RESULT TEXT ARGUMENT...  runs minidb; its output holds TEXT.
 expect() {
     "$minidb" "${@:3}" >out 2>err
@@ -25,92 +24,66 @@ expect() {
     fi
 }
 good() { expect 0 "$@"; }
-loaded() { good "\"records\":$1," load --json "${@:2}"; }                             # RECORDS FILE DB
+loaded() { good "\"records\":$1," load --json "${@:2}"; }                                        # RECORDS FILE DB
 agree() { good "\"keys\":$1,\"missing\":0,\"different\":0,\"extra\":0," check --json "${@:2}"; } # KEYS DB FILE
-# A failure leaves all files as they are, and mostly it is told in exactly one line, and nothing else.
+# A failure leaves all files as they are, is told in exactly one line, and nothing else is.
 files() { cksum ./* 2>&1 | grep -v ' ./\(out\|err\)$'; }
-fails() {
+bad() {
     local before
     before=$(files)
     expect 3 "$@"
-    [ "$before" = "$(files)" ] || failed "minidb ${*:2}: a file is changed"
-}
-bad() {
-    fails "$@"
-    if [ "$(wc -l <err)" != 1 ] || [ -s out ]; then failed "minidb ${*:2}: not exactly one line"; fi
+    [[ $before = "$(files)" && $(wc -l <err) = 1 && ! -s out ]] || failed "minidb ${*:2}: more than one line, or a file is changed"
 }
 # In place of minidb: without more than $limit KiB for a file; a write beyond kills it, or is refused.
 killed() { (ulimit -c 0 -f "$limit" && exec "$program" "$@"); }
 refused() { (trap '' XFSZ && ulimit -f "$limit" && exec "$program" "$@"); }
 same() { cmp -s "$1" "$2" || failed "$3"; }
 same_records() { cmp -s -i 32 "$1" "$2" || failed "$3"; } # whatever the header, which has a UUID in it
-size() { stat -c %s "$1"; }
-flip() { # FILE OFFSET  inverts the lowest bit of a byte
-    printf '%b' "\\0$(printf %o $(($(od -An -tu1 -j"$2" -N1 "$1") ^ 1)))" |
-        dd of="$1" bs=1 seek="$2" conv=notrunc status=none
-}
 
-# ---- what it is for ---------------------------------------------------------------------------------------
+for words in '' 'load text' 'get db' 'check db text more' 'take db' '--no get db k' 'get db k --threads'; do
+    # shellcheck disable=SC2086
+    expect 2 minidb: $words
+done
+good 'order by key' help
+[ ! -e minidb.ini ] || failed 'settings are written before there is need'
 
 long=$(head -c 60000 /dev/zero | tr '\0' x)
 {
     seq 4000 | awk '{ printf "k%d;value %d;%d\n", $1, $1, $1 * $1 }'
     printf 'empty;\ngrün;çá €\nlong;%s\nk7;a later line\n' "$long"
 } >text
-"$minidb" help >out # before there are settings
 good 'records        4004' load text db
 grep -Eq 'memory of batches +[1-9][0-9]* bytes' out || failed 'no figures of a tag'
-good 'keys           4003' check db text
-good 'grün;çá €' get db k4000 empty grün k7 long
-same out <(printf 'k4000;value 4000;16000000\nempty;\ngrün;çá €\nk7;a later line\nlong;%s\n' "$long") \
-    'get prints something else'
-expect 1 "no record with the key 'k4001'" get db k1 k4001 k2
-same out <(printf 'k1;value 1;1\nk2;value 2;4\n') 'a missing key hides others'
-json='^\{"command":"[a-z]+","uuid":"[0-9a-f-]{36}"(,"[a-z_]+":[0-9]+)+\}$'
-for command in 'load text other' 'check db text' 'stat db'; do
-    # shellcheck disable=SC2086
-    good '"milliseconds":' --json $command
-    [ "$(grep -Ec "$json" out) $(wc -l <out)" = '1 1' ] || failed "other output than a line of JSON: $command"
-done
-
+printf '%s\n' '[minidb]' data-directory=. log-file= fields=key,name,category backing=disk page-size=65536 threads=1 \
+    progress-after=1 json=0 report=0 trace=0 >expected
+same <(grep . minidb.ini) expected 'other settings are written on first use'
+expect 1 "no record with the key 'k4001'" get db k1 k4001 empty grün k7 long
+printf 'k1;value 1;1\nempty;\ngrün;çá €\nk7;a later line\nlong;%s\n' "$long" >expected
+same out expected 'get prints something else'
+agree 4003 db text
+[[ $(<out) =~ ^'{"command":"check","uuid":"'[0-9a-f-]{36}\"(,\"[a-z_]+\":[0-9]+)+'}'$ ]] || failed 'no JSON'
 cp db before
-for no_output in '>/dev/full 2>err' '>&- 2>err' '<&- >&- 2>&-'; do
-    for command in get 'load text'; do
-        eval "\"\$minidb\" $command db k1 $no_output" && failed "what cannot be printed is not noticed: $no_output"
-    done
-    same before db 'what is printed goes into the data file'
-done
-
-sed 's/^k1;.*/k1;changed/' text >changed
-loaded 4004 changed db
-good 'k1;changed' get db k1
-agree 4003 db changed
-cmp -s -n "$(size before)" before db || failed 'loading again changes earlier records'
+"$minidb" get db k1 >/dev/full 2>err && failed 'what cannot be printed is not noticed'
+"$minidb" get db k1 >&- 2>err && failed 'nor where nothing can be'
+"$minidb" load text db <&- >&- 2>&-
+cmp -s -n "$(stat -c %s before)" before db || failed 'what is printed goes into the data file'
 
 # The bytes of a data file, the same on every machine.
 printf 'a;b\n' >one
-loaded 1 one one.db --log-file log
+loaded 1 one other.db
+loaded 1 one one.db
 id=$(sed 's/.*"uuid":"\([^"]*\).*/\1/' out)
 [[ $(od -An -v -tx1 one.db | tr -d ' \n') =~ ^6d696e6964620d0a00000003${id//-/}[0-9a-f]{8}0400000069f56400613b620a$ ]] ||
     failed 'the format of the data file is another'
-[[ $id =~ ^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$ ]] || failed "no UUID: $id"
-good "\"uuid\":\"$id\",\"bytes\":44,\"keys\":1," stat --json one.db
-rm one.db
-loaded 1 one one.db
-! grep -q "$id" out || failed 'two data files have one UUID'
-grep -q '^\[.*\]  {"command":"load"' log || failed 'nothing in the log'
+cmp -s one.db other.db && failed 'two data files have one UUID'
 
 # Line ends, a missing last one, and a mark make no difference.
-sed 's/$/\r/' text >crlf
-sed '1s/^/\xEF\xBB\xBF/' text >mark
-head -c -1 text >open_end
-for form in crlf mark open_end; do
+for form in 's/$/\r/' '1s/^/\xEF\xBB\xBF/' ''; do
+    if [ "$form" ]; then sed "$form" text >formed; else head -c -1 text >formed; fi
     rm db
-    loaded 4004 $form db
-    same_records before db "from $form something else is loaded"
+    loaded 4004 formed db
+    same_records before db "from a text with $form something else is loaded"
 done
-
-# ---- check finds every kind of difference -----------------------------------------------------------------
 
 sed -e 2d -e '5s/value/Value/' -e '6s/$/0/' text >variant
 echo 'new;line' >>variant
@@ -118,16 +91,13 @@ expect 1 '"keys":4003,"missing":1,"different":2,"extra":1,' check --json before 
 printf "minidb: %s\n" "differs: 'k5'" "differs: 'k6'" "not in the data file: 'new'" >expected
 same <(sort err) expected 'the differences are told in other words'
 
-# ---- crashes ----------------------------------------------------------------------------------------------
-
 printf 'one;1\ntwo;22\n' >two
 printf 'three;333\n' >third
 cat two third >three
 loaded 2 two two.db
 cp two.db three.db
 loaded 1 third three.db
-kept=$(size two.db)
-whole=$(size three.db)
+kept=$(stat -c %s two.db) whole=$(stat -c %s three.db)
 : >nothing
 head -c 70000 /dev/zero >zeros
 tr '\0' x <zeros >garbage
@@ -142,115 +112,71 @@ for ((cut = kept; cut < whole; ++cut)); do
     loaded 1 third db
     same db three.db "loading does not go on after a crash at $cut"
 done
-for cut in 0 1 31; do
-    head -c $cut three.db >db
-    bad 'no minidb data file' get db one
-    ((cut == 0)) || bad 'no minidb data file' load three db
-done
-cp nothing nothing.db
-loaded 3 three nothing.db
-agree 3 nothing.db three
-
-# Killed as it writes beyond 64 KiB; and refused there, which takes the file back to what it was.
-rm db
-limit=64
-minidb=killed expect 153 '' load --page-size 4096 text db
-[ "$(size db)" = 65536 ] || failed 'the killed load left not 64 KiB'
-good 'cut off' get db k1 k1000
-agree 4003 before text
-loaded 4004 text db
-agree 4003 db text
-cp two.db db
-minidb=refused expect 3 'db: cannot be written: File too large' load --page-size 4096 text db
-good 'k1000;value' get db two k1 k1000
-
-# While another process holds the lock nobody loads, and a torn end stays, for it may be growing.
-cp torn db
-exec 9<db
-flock 9
-bad 'in use' load three db
-good 'two;22' get db two
-same db torn 'a torn end is cut off in spite of the lock'
-exec 9<&-
-
-# ---- damage -----------------------------------------------------------------------------------------------
-
 for ((at = 0; at < whole; ++at)); do
     cp three.db db
-    flip db "$at"
+    printf '%b' "\\0$(printf %o $(($(od -An -tu1 -j$at -N1 db) ^ 1)))" | dd of=db bs=1 seek=$at conv=notrunc status=none
     if ((at < 32)); then
         told=('is no' 'has version' 'is damaged' 'is damaged' 'is damaged')
         bad "${told[at / 8 + (at > 11)]}" get db one
     elif ((at < kept)); then
-        bad 'damaged at byte' get db one
         bad 'damaged at byte' load three db
     else
         good 'cut off' check db two # the last record: as if never finished
         same_records db two.db "a damaged byte at $at spoils more than its record"
     fi
 done
+{ cat two.db && head -c 5000 /dev/zero && tail -c "$((whole - kept))" three.db; } >db
+bad "damaged at byte $kept" check db three # several can be unfinished, but not with a whole one behind them
 
-# Several records at the end can be unfinished, but not with a whole one behind them.
-cp two.db db
-head -c 5000 /dev/zero >>db
-tail -c "$((whole - kept))" three.db >>db
-bad "damaged at byte $kept" check db three
+# While another process holds the lock nobody loads or replaces, and a torn end stays, for it may be growing.
+cp torn db
+exec 9<db
+flock 9
+bad 'in use' load three db
+bad 'in use' import three db
+bad 'in use' copy two.db db
+good 'two;22' get db two
+same db torn 'a torn end is cut off in spite of the lock'
+exec 9<&-
 
-# ---- bad input --------------------------------------------------------------------------------------------
-
-mkdir dir
-cp two.db db
+mkdir dir data
+head -c 31 three.db >start
+printf 'minidb\r\n\0\0\0\002%20s' '' >version2
 { printf 'k;' && head -c 65536 /dev/zero | tr '\0' x && echo; } >too_long
-cat too_long too_long | tr -d '\n;' >no_text
 while IFS='|' read -r name told bytes; do
     [ "$bytes" ] && printf %b "$bytes" >"$name"
     cp two.db db
     expect 3 "$name$told" load "$name" db
     [[ $told != :2* ]] || good 'a;1' get db a two # the lines before it are stored
     bad "$name$told" check db "$name"
+    bad "$name$told" import "$name" two.db
 done <<'END'
+absent|: cannot be opened: No such file|
+dir|: cannot be opened: Is a directory|
+nothing|: is empty|
 no_key|:2: has no key, or no ';'|a;1\n;2\n
-blank|:2: has no key, or no ';'|a;1\n\nb;2\n
 no_value|:2: has no key, or no ';'|a;1\nb\n
 byte_ff|:2: cannot be read to its end|a;1\nb;2\xFF3\nc;4\n
-line_ff|:2: cannot be read to its end|a;1\n\xFFb;2\n
 end_ff|:2: cannot be read to its end|a;1\n\xFF
-byte_00|:2: cannot be read to its end|a;1\nb;\x002\nc;4\n
 line_00|:2: cannot be read to its end|a;1\n\x00b;2\n
-utf16|: is UTF-16|\xFF\xFEa\x00;\x00b\x00\n\x00
+utf16|: cannot be opened as UTF-8|\xFF\xFEa\x00;\x00b\x00\n\x00
 too_long|:1: is longer than 64 KiB|
-no_text|:1: is longer than 64 KiB|
 END
 sed 's/;xx/;/' too_long >longest
-rm db
-loaded 1 longest db
-agree 1 db longest
-for name in 'absent: cannot be opened: No such file' 'dir: cannot be opened: Is a directory' 'nothing: is empty'; do
-    bad "$name" load "${name%%:*}" db
-    bad "$name" check db "${name%%:*}"
-done
-
-printf 'minidb\r\n\0\0\0\002%20s' '' >version2
+loaded 1 longest longest.db
+agree 1 longest.db longest
 while read -r name told; do
     bad "$name: $told" get "$name" one
-    bad "$name: $told" check "$name" two
     [[ $name == @(absent|nothing) ]] || bad "$name: $told" load two "$name"
 done <<'END'
 absent    cannot be opened: No such file
 dir       cannot be opened: Is a directory
 nothing   is no minidb data file
-text      is no minidb data file
-one       is no minidb data file
+start     is no minidb data file
 version2  has version 2, this program reads 3
 END
-bad 'cannot be opened as the log' --log-file dir get two.db one
-for words in '' 'load text' 'get db' 'check db text more' 'take db' '--no get db k' 'get db k --threads'; do
-    # shellcheck disable=SC2086
-    expect 2 minidb: $words
-done
-good 'order by key' help
-
-# ---- queries ------------------------------------------------------------------------------------------------
+loaded 3 three nothing # as a load that was killed at once leaves it
+agree 3 nothing three
 
 printf '%s\n' '1;one;odd;x' '2;two;even;y' '3;three;odd;' '4;four' '10;ten;even;y;z' '9;nine;odd;é' '4;FOUR;even' >numbers
 loaded 7 numbers numbers.db
@@ -259,15 +185,12 @@ while IFS='|' read -r asked keys; do
     [ "$(sed 's/;.*//' out | tr '\n' ' ')" = "$keys" ] || failed "the query $asked finds other records than $keys"
 done <<'END'
 |1 10 2 3 4 9 
-limit 0|
 order by key desc limit 4294967296000|9 4 3 2 10 1 
-order by category asc limit 3|2 10 4 
 ORDER BY category DESC|9 3 1 4 10 2 
 category = 'odd' and not name like "?ne"|3 9 
 category != "odd" or key = "1"|1 10 2 4 
 not (category = "odd" or not key > "2")|4 
 key = "1" or key = "2" and name = "x"|1 
-not not key <= "10"|1 10 
 key >= "4" and key < "9"|4 
 name like "*t*e*e" or name like "****" and name like "FOUR*"|3 4 
 name like ""|
@@ -279,61 +202,48 @@ done <<'END'
 22|unexpected end, expected =, !=, <, <=, >, >= or like|key = "1" or category
 18|unexpected and, expected not, ( or field|(name = "é" and (and
 12|unexpected number, expected text in quotes|category = 7
-12|unexpected unknown word, expected end, and, or, order or limit|name = "é" nor
-11|unexpected unknown word, expected text in quotes|name like "x'
 5|unexpected unknown word|name=>"x"
 END
 
-# ---- settings, backings, whole files ------------------------------------------------------------------------
-
-# The first run wrote the settings; options go before them, and what makes no sense is told.
-printf '\n[minidb]\n' >expected
-printf '%s\n' data-directory=. log-file= fields=key,name,category backing=disk page-size=65536 threads=1 \
-    progress-after=1 json=0 report=0 trace=0 >>expected
-same minidb.ini expected 'other settings are written on first use'
-mkdir data
 printf '[minidb]\ndata-directory = data\npage-size = 4096 ; small\nlog-file = set.log\nbacking = mapped\n' >set.ini
 loaded 4004 --settings set.ini text sets.db
 agree 4003 --settings set.ini --backing memory sets.db text
 agree 4003 data/sets.db text
-grep -q '"command":"check"' set.log || failed 'nothing in the log that is set'
+grep -q '^\[.*\]  {"command":"check"' set.log || failed 'nothing in the log that is set'
 for wrong in page-size=4095 page-size=524289 page-size=65536x backing=tape threads=65; do
     printf '[minidb]\n%s\n' "$wrong" >wrong.ini
     bad "${wrong%%=*}" --settings wrong.ini get two.db one
 done
-bad 'a backing is' --backing tape get two.db one
+expect 3 'dir: cannot be read' --settings dir get two.db one
+bad 'cannot be opened as the log' --log-file dir get two.db one
 
 # Whatever the backing, the same bytes: of a new file, of one that grows over several MiB, and after a crash.
 for i in 1 2 3; do sed "s/^k/$i-k/; s/^long/$i-long/" text && printf "$i-%s;$long\n" {1..30}; done >large
 loaded 12102 large large.db
 loaded 4004 text large.db
 limit=1500
-for backing in mapped memory; do
+for backing in disk mapped memory; do
     loaded 12102 --backing $backing large b.db
     loaded 4004 --backing $backing text b.db
     same_records b.db large.db "$backing leaves other bytes"
-    good "k7;a later line" --backing $backing get b.db k7
     agree 3 --backing $backing three.db three
-    minidb=refused expect 3 'cannot be' --backing $backing load large b.db
+    minidb=refused expect 3 'b.db: cannot be' --backing $backing load large b.db
     minidb=killed expect 153 '' --backing $backing load large c.db
+    [ $backing != disk ] || good 'cut off' get c.db 1-k1 1-k4000
     loaded 12102 --backing $backing large c.db
     good '"missing":0,"different":0' check --json c.db large
     rm b.db c.db
 done
-
-good '' export before sorted
-same sorted <(LC_ALL=C sort -s -t ';' -k 1,1 text | grep -v '^k7;value') 'an export is not the records in order'
-good '"records":4003,' import --json --report sorted other
+good '"records":4004,' import --json --report text other
 [ "$(wc -l <out)" = 1 ] || failed 'an import reports what is not in place'
-agree 4003 other text
 good '' copy other copied.db
 same other copied.db 'a copy is another file'
-bad 'no_key:2' import no_key db
-bad 'cannot be opened' export absent.db sorted
+agree 4003 other text
 bad 'cannot be copied' copy absent.db db
-bad 'cannot be put in place' export two.db dir/none/sorted
+bad 'cannot be written' export two.db dir/none/sorted
+[ -z "$(find . -name '*.tmp')" ] || failed 'temporary files are left'
 
-# Many batches, in which keys come back, and lines longer than one. Pieces of a batch each go in in the text's order.
+# Many batches, in which keys come back, and lines longer than one: in the text's order, by any number of threads.
 {
     seq 30000 | awk '{ printf "k%d;value %d\n", $1 % 7001, $1 }' | tee even
     printf "k1;$long%s\n" 1 2 3
@@ -341,14 +251,8 @@ bad 'cannot be put in place' export two.db dir/none/sorted
     printf 'k1;last'
 } >many
 awk -F ';' '{ last[$1] = $0 } END { for (key in last) print last[key] }' many | LC_ALL=C sort -t ';' -k 1,1 >expected
-split -l 1000 many piece.
-for piece in piece.*; do good load load "$piece" pieces.db; done
-good '' export pieces.db sorted
-same expected sorted 'pieces come in another order'
 for threads in 1 2 8; do
     good '"records":35004,' --trace import --json --threads $threads many many.db
-    [ -e first.db ] || cp many.db first.db
-    same_records first.db many.db "$threads threads make another data file"
     good '' export many.db sorted
     same expected sorted "$threads threads: another export"
     while read -r script line told; do # a fault: the lines before it are stored
@@ -356,19 +260,18 @@ for threads in 1 2 8; do
         head -n $((line - 1)) faulty >kept
         rm many.db
         expect 3 "faulty:$line: $told" load --threads $threads faulty many.db
-        ((line == 1)) || good '"missing":0,"different":0,"extra":0,' check --json many.db kept
+        good '"missing":0,"different":0,"extra":0,' check --json many.db kept
     done <<'END'
-1s/;//;2s/k//;35004s/;// 1 has no key
-1025s/k.*;/;/;1026s/;// 1025 has no key
 20000s/.*//;20001s/;/\x00/ 20000 has no key
 19990s/;/\x00/;19991s/.*// 19990 cannot be read to its end
 35004s/;// 35004 has no key
 END
 done
-# A load that takes a while draws a bar on a terminal, and wipes it before it says a thing; elsewhere it is quiet.
+
+# A load that takes a while draws a bar on a terminal, and wipes it before it says a thing; elsewhere it tells lines.
 printf '[minidb]\nprogress-after=0\nthreads=64\npage-size=4096\n' >slow.ini
 good 'records        30000' --settings slow.ini load even even.db
-[ ! -s err ] || failed 'progress without a terminal'
+[[ $(wc -l <err) == @([5-9]|10) && $(tr '\n' ' ' <err) =~ ^([0-9 ]{3}'%, '[0-9]+' KB/s, '[0-9:]+' left ')+$ ]] || failed 'other progress'
 for told in even,load faulty,faulty:35004; do
     script -qc "'$program' --settings slow.ini load ${told%,*} even.db" /dev/null >out 2>err </dev/null
     [[ $(head -n 1 out) =~ ^($'\r'\[#* *\]' '[0-9 ]{3}'%, '[0-9]+' KB/s, '[0-9:]+' left    ')+$'\r'' '{72}$'\r''minidb: '"${told#*,}" ]] ||
@@ -381,14 +284,12 @@ user=()
 as_user() { "${user[@]}" "$program" "$@"; }
 minidb=as_user
 chmod 755 .
-"$minidb" >out 2>err
-if [ $? = 2 ]; then
+if as_user help >out 2>err; then
     cp torn db
     chmod 444 db
     chmod 000 one
     bad 'one: cannot be opened: Permission denied' load one two.db
     bad 'db: cannot be opened: Permission denied' load two db
-    good 'two;22' get db two
     agree 2 db two
     same db torn 'a torn end is cut off without permission'
 else

@@ -6,9 +6,9 @@
 
 #include "minidb.h"
 
-RESULT get(const SETTINGS* settings, const char** words)
+RESULT get(const char** words)
 {
-    const STORE* store = storeOpen(settings, words[0], false);
+    const STORE* store = storeOpen(words[0], false);
     RECORDS found = {.tag = openTag("found", BLOCK_ALLOCATOR, NULL, NULL)};
     RESULT result = DONE;
     for (const char** key = words + 1; *key; ++key) {
@@ -23,21 +23,6 @@ RESULT get(const SETTINGS* settings, const char** words)
     textWrite(&found, NULL);
     return result;
 }
-
-RESULT statistics(const SETTINGS* settings, const char** words)
-{
-    const uint64 started = eko_timeNanoSecs();
-    const STORE* store = storeOpen(settings, words[0], false);
-    figuresBegin(settings, "stat", store);
-    figure("bytes", store->end);
-    figure("keys", store->records.count);
-    figuresEnd(started);
-    return DONE;
-}
-
-/* ---- check ----------------------------------------------------------------------------------------------- */
-
-#define MAX_SHOWN 10u /* differences told one by one */
 
 static RECORDS readText(const char* name)
 {
@@ -54,27 +39,23 @@ static RECORDS readText(const char* name)
     return records;
 }
 
-static void tell(uint32* count, const char* what, PIECE key)
-{
-    if (++*count <= MAX_SHOWN)
-        complain("%s: '%.*s'", what, (int)key.length, key.bytes);
-}
-
-RESULT check(const SETTINGS* settings, const char** words)
+RESULT check(const char** words)
 {
     const uint64 started = eko_timeNanoSecs();
-    const STORE* store = storeOpen(settings, words[0], false);
+    const STORE* store = storeOpen(words[0], false);
     const RECORDS lines = readText(words[1]);
     uint32 missing = 0, different = 0;
     for (const RECORD* line = lines.items; line < lines.items + lines.count; ++line) {
         const RECORD* stored = recordsFind(&store->records, line->key);
-        if (!stored)
-            tell(&missing, "not in the data file", line->key);
-        else if (comparePieces(stored->line, line->line) != 0)
-            tell(&different, "differs", line->key);
+        const bool same = stored && comparePieces(stored->line, line->line) == 0;
+        missing += !stored;
+        different += stored && !same;
+        if (!same && missing + different <= 10)
+            complain("%s: '%.*s'", stored ? "differs" : "not in the data file", (int)line->key.length,
+                     line->key.bytes);
     }
     const uint32 extra = store->records.count - (lines.count - missing);
-    figuresBegin(settings, "check", store);
+    figuresBegin("check", store);
     figure("keys", store->records.count);
     figure("missing", missing);
     figure("different", different);
@@ -83,58 +64,46 @@ RESULT check(const SETTINGS* settings, const char** words)
     return missing || different || extra ? DIFFERENT : DONE;
 }
 
-/* ---- export, import, copy -------------------------------------------------------------------------------- *
- *
- * What is made is made under a temporary name first, and takes its place when it is complete: who looks meanwhile,
- * and who comes after a failure, finds what was there before. */
+RESULT exportText(const char** words)
+{
+    textWrite(&storeOpen(words[0], false)->records, words[1]);
+    return DONE;
+}
 
 static void removeFile(void* name)
 {
     eko_fileRemove(name);
 }
 
-/* A new, empty file of our own. The names are easy to guess, so only one that the system finds free will do. */
-static const char* makeTemporary(void)
+/* A new, empty file beside that one, whose place it takes when it is complete: who looks meanwhile, and who comes
+ * after a failure, finds what was there before. The names are easy to guess, so only a free one will do. */
+static const char* makeTemporary(const char* path)
 {
     static uint32 counter;
-    char* name = eko_fileCreateTmpName(&counter, "minidb", "tmp", 0, EKO_THREAD_TAG);
+    const char* own = eko_fileCreateTmpName(&counter, "minidb", "tmp", 0, EKO_THREAD_TAG);
+    char* name = EKO_MAKESTR(EKO_THREAD_TAG, "%s.%s", path, strrchr(own, '/') + 1);
     EKO_FH fh = eko_fileOpen(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
-    NEED(fh, "no temporary file can be made: %s", strerror(errno));
+    NEED(fh, "%s: cannot be made: %s", name, strerror(errno));
     eko_fileClose(fh);
     openTag("temporary", BLOCK_ALLOCATOR, removeFile, name);
     return name;
 }
 
-/* Renaming replaces the file of that name in one step. Onto another disk it has to be moved, in several. */
-static void putInPlace(const char* temporary, const char* name)
+RESULT importText(const char** words)
 {
-    NEED(eko_fileRename(temporary, name) == 0 || eko_fileMove(temporary, name) == 0,
-         "%s: cannot be put in place: %s", name, strerror(errno));
-}
-
-RESULT exportText(const SETTINGS* settings, const char** words)
-{
-    const STORE* store = storeOpen(settings, words[0], false);
-    const char* temporary = makeTemporary();
-    textWrite(&store->records, temporary);
-    putInPlace(temporary, words[1]);
+    const char* path = storeReserve(words[1]);
+    const char* temporary = makeTemporary(path);
+    settings.number[REPORT] = 0; /* nothing is stored before it is in place */
+    load((const char*[]){words[0], temporary, NULL});
+    NEED(eko_fileRename(temporary, path) == 0, "%s: cannot be put in place: %s", path, strerror(errno));
     return DONE;
 }
 
-RESULT importText(const SETTINGS* settings, const char** words)
+RESULT copyStore(const char** words)
 {
-    const char* temporary = makeTemporary();
-    SETTINGS* quiet = EKO_DUP(settings, sizeof *settings, EKO_THREAD_TAG);
-    quiet->number[REPORT] = 0; /* nothing is stored before it is in place */
-    load(quiet, (const char*[]){words[0], temporary, NULL});
-    putInPlace(temporary, dataPath(settings, words[1]));
-    return DONE;
-}
-
-RESULT copyStore(const SETTINGS* settings, const char** words)
-{
-    const char *from = dataPath(settings, words[0]), *temporary = makeTemporary();
+    const char *from = dataPath(words[0]), *path = storeReserve(words[1]);
+    const char* temporary = makeTemporary(path);
     NEED(eko_fileCopy(from, temporary) == 0, "%s: cannot be copied: %s", from, strerror(errno));
-    putInPlace(temporary, dataPath(settings, words[1]));
+    NEED(eko_fileRename(temporary, path) == 0, "%s: cannot be put in place: %s", path, strerror(errno));
     return DONE;
 }

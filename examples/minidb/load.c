@@ -1,17 +1,17 @@
 /* SPDX-License-Identifier: MIT */
 /* load.c - the lines of a text go into a data file.
  *
- *      main thread   reads lines into a batch ............... writes a batch that came back
- *      workers             split and count the lines, seal the block
+ * A batch is a block of the data file in the making. It goes to the workers as a job of the pool, who look at its
+ * lines and seal it, and comes back as a message of a queue. The main thread goes round the ring of batches: it
+ * waits for the oldest, writes it, fills it anew and gives it away. So records and faults come in the order of the
+ * text, however many workers there are. Whoever has a batch has it alone.
  *
- * A batch is a block of the data file in the making. It goes to the workers as a job of the pool and comes back as
- * a message of a queue. The main thread goes round the ring of batches: it waits for the oldest, writes it, fills
- * it anew and gives it away. So records and faults come in the order of the text, however many workers there are.
- * Whoever has a batch has it alone; pool and queue hand on with it all that was written to it.
- *
- * A worker's message must never fail, or the main thread would wait for ever: a queue takes no memory before it
- * gets longer than it ever was, and at first all batches are in it, as if they came back empty. */
+ * A worker's message must never fail. A queue takes no memory before it gets longer than it ever was: so at first
+ * all batches are in it, as if they came back empty. */
 #include "minidb.h"
+
+/* Traces into memory, where "eko trace" in the debugger finds the last lines; for nothing unless it was asked for. */
+#define TRACE(...) (settings.number[TRACED] ? eko_trace(__VA_ARGS__) : (void)0)
 
 #define BATCHES_PER_THREAD 4 /* one at work, the others on their way, so that nobody waits for long */
 
@@ -19,27 +19,23 @@ typedef struct BATCH {
     EKO_QUEUE_HANDLE finished; /* where a worker puts it */
     bool back;                 /* the main thread has it */
     bool faulty;               /* the line behind its records is none */
-    uint32 firstLine;
-    uint32 count; /* of records */
+    uint32 firstLine, count;   /* of its records */
     uint32 size;
     uint8* block;
 } BATCH;
 
 typedef struct LOAD {
-    const SETTINGS* settings;
     TEXT* text;
     STORE* store;
     EKO_QUEUE_HANDLE finished;
     EKO_THRPOOL* pool;
     BATCH* batches; /* a ring */
-    uint32 batchCount;
+    uint32 batchCount, records;
     bool ended; /* nothing more to read */
-    uint32 records;
     uint64 started;
 } LOAD;
 
-/* What a worker does. */
-static int32 finish(void* data)
+static int32 finish(void* data) /* in a worker */
 {
     BATCH* batch = data;
     PIECE rest = {(char*)batch->block + sizeof(HEAD), batch->size - (uint32)sizeof(HEAD)};
@@ -56,20 +52,9 @@ static int32 finish(void* data)
 /* Says what a kill of this process does not take any more. */
 static void report(const LOAD* load)
 {
-    const char* format = load->settings->number[JSON] ? "{\"stored\":%u}\n" : "minidb: stored %u\n";
-    if (load->settings->number[REPORT])
+    const char* format = settings.number[JSON] ? "{\"stored\":%u}\n" : "minidb: stored %u\n";
+    if (settings.number[REPORT])
         NEED(eko_log(format, load->records) > 0, "standard output cannot be written");
-}
-
-static void append(LOAD* load, const BATCH* batch)
-{
-    if (batch->count == 0)
-        return;
-    storeAppend(load->store, batch->block, batch->size);
-    load->records += batch->count;
-    TRACE("line %u: appended %u records", batch->firstLine, batch->count);
-    if (load->settings->backing != EKO_FILE_INMEMORY)
-        report(load);
 }
 
 /* Fills a batch and gives it away. */
@@ -79,7 +64,7 @@ static void fill(LOAD* load, BATCH* batch)
     batch->count = 0;
     batch->size = sizeof(HEAD);
     batch->back = false;
-    while (batch->size < load->settings->number[PAGE_SIZE] && !load->ended) {
+    while (batch->size < settings.number[PAGE_SIZE] && !load->ended) {
         const uint32 length = textNext(load->text, (char*)batch->block + batch->size);
         load->ended = length == 0;
         batch->size += length;
@@ -98,10 +83,16 @@ static const char* loadLines(LOAD* load)
         void* any;
         while (!batch->back && eko_queueRead(load->finished, &any, NULL, NULL, EKO_FOREVER) == 0)
             ((BATCH*)any)->back = true;
-        append(load, batch);
+        if (batch->count > 0) {
+            storeAppend(load->store, batch->block, batch->size);
+            load->records += batch->count;
+            TRACE("line %u: appended %u records", batch->firstLine, batch->count);
+            if (settings.backing != EKO_FILE_INMEMORY)
+                report(load);
+        }
         if (batch->faulty)
             return NO_RECORD;
-        progressShow(load->text, load->started, load->settings);
+        progressShow(load->text, load->started);
         if (load->ended)
             --left;
         else
@@ -118,31 +109,29 @@ static void closeLoad(void* object)
     eko_queueDelete(load->finished);
 }
 
-static LOAD* openLoad(const SETTINGS* settings, const char* textName, const char* storeName)
+static LOAD* openLoad(const char* textName, const char* storeName)
 {
     LOAD* load = EKO_ZALLOC(sizeof *load, EKO_THREAD_TAG);
-    const uint32 threads = settings->number[THREADS];
-    load->settings = settings;
+    const uint32 threads = settings.number[THREADS];
     load->text = textOpen(textName);
-    load->store = storeOpen(settings, storeName, true);
+    load->store = storeOpen(storeName, true);
     const EKO_MEMTAG tag = openTag("batches", STACK_ALLOCATOR, closeLoad, load);
     load->batchCount = threads * BATCHES_PER_THREAD;
     load->batches = EKO_ZALLOC(load->batchCount * sizeof(BATCH), tag);
     load->finished = eko_queueCreate("minidb batches");
-    NEED(load->finished, "a queue cannot be made");
-    NEED(eko_thrpoolCreate(threads, &load->pool) == 0, "%u threads cannot be started", threads);
+    NEED(load->finished && eko_thrpoolCreate(threads, &load->pool) == 0, "%u threads cannot be started", threads);
     for (BATCH* batch = load->batches; batch < load->batches + load->batchCount; ++batch) {
         batch->finished = load->finished;
-        batch->block = EKO_ALLOC(settings->number[PAGE_SIZE] + LINE_ROOM, tag); /* a line more than a page */
+        batch->block = EKO_ALLOC(settings.number[PAGE_SIZE] + LINE_ROOM, tag); /* a line more than a page */
         NEED(eko_queueWrite(load->finished, batch, 0, 0, EKO_QUEUE_TAIL) == 0, "the queue takes no batches");
     }
     return load;
 }
 
 /* A fault in the text ends the load: the lines before it are stored, the others are not. */
-RESULT load(const SETTINGS* settings, const char** words)
+RESULT load(const char** words)
 {
-    LOAD* load = openLoad(settings, words[0], words[1]);
+    LOAD* load = openLoad(words[0], words[1]);
     const EKO_FILE_OFFSET start = load->store->end;
     load->started = eko_timeNanoSecs();
     const char* fault = loadLines(load);
@@ -151,7 +140,7 @@ RESULT load(const SETTINGS* settings, const char** words)
     progressWipe();
     report(load);
     NEED(!fault, "%s:%u: %s; the lines before it are stored", words[0], load->records + 1, fault);
-    figuresBegin(settings, "load", load->store);
+    figuresBegin("load", load->store);
     figure("records", load->records);
     figure("text_bytes", load->text->length);
     figure("stored_bytes", load->store->end - start);

@@ -5,8 +5,6 @@
 
 #include "query.tab.h"
 
-/* ---- words ----------------------------------------------------------------------------------------------- */
-
 /* Says what is wrong with the last word, and marks it. */
 int32 query_error(QUERY* q, const EKO_YYERROR* error)
 {
@@ -15,8 +13,8 @@ int32 query_error(QUERY* q, const EKO_YYERROR* error)
     for (const char* p = q->text; p < q->word; ++p)
         column += (*p & 0xC0) != 0x80; /* characters, not bytes */
     eko_yyerrorText(error, message, sizeof message);
-    complain("the query, column %d: %s\n  fields are %s\n  %s\n  %*s", column, message, q->fields, q->text, column,
-             "^");
+    complain("the query, column %d: %s\n  fields are %s\n  %s\n  %*s", column, message, settings.text[FIELDS],
+             q->text, column, "^");
     return 1;
 }
 
@@ -26,12 +24,12 @@ static bool isWord(PIECE word, const char* name, size_t length)
 }
 
 /* The token of a word that is neither text nor number. */
-static int32 tokenOf(const QUERY* q, PIECE word, uint32* field)
+static int32 tokenOf(PIECE word, uint32* field)
 {
     for (int32 token = QUERY_AND; token <= QUERY_FITS; ++token)
         if (isWord(word, query_tables.names[token], strlen(query_tables.names[token])))
             return token;
-    for (const char* name = q->fields; *name; ++*field) {
+    for (const char* name = settings.text[FIELDS]; *name; ++*field) {
         const size_t length = strcspn(name, ",");
         if (isWord(word, name, length))
             return QUERY_FIELD;
@@ -59,12 +57,10 @@ int32 query_lex(QUERY* q, int32* token, QUERY_STYPE* value)
         *token = QUERY_NUMBER;
         value->number = number > UINT32_MAX ? UINT32_MAX : (uint32)number;
     } else {
-        *token = tokenOf(q, (PIECE){word, (uint32)(q->next - word)}, &value->number);
+        *token = tokenOf((PIECE){word, (uint32)(q->next - word)}, &value->number);
     }
     return 0;
 }
-
-/* ---- conditions ------------------------------------------------------------------------------------------ */
 
 /* The pieces of a line between ';', from 0; empty behind the last. */
 static PIECE fieldOf(const RECORD* record, uint32 field)
@@ -100,26 +96,20 @@ bool* queryCompare(const QUERY* q, uint32 field, uint32 allowed, PIECE text)
     for (uint32 i = 0; i < q->records->count; ++i) {
         const PIECE found = fieldOf(&q->records->items[i], field);
         const int order = comparePieces(found, text);
-        set[i] = allowed == LIKE ? isLike(found, text)
-                                 : (allowed & (order < 0   ? LESS
-                                               : order > 0 ? MORE
-                                                           : EQUAL)) != 0;
+        const uint32 is = order < 0 ? LESS : order > 0 ? MORE : EQUAL;
+        set[i] = allowed == LIKE ? isLike(found, text) : (allowed & is) != 0;
     }
     return set;
 }
 
-RESULT query(const SETTINGS* settings, const char** words)
+RESULT query(const char** words)
 {
-    const RECORDS* records = &storeOpen(settings, words[0], false)->records;
-    QUERY q = {.records = records,
-               .text = words[1],
-               .next = words[1],
-               .fields = settings->text[FIELDS],
-               .limit = UINT32_MAX};
+    const RECORDS* records = &storeOpen(words[0], false)->records;
+    QUERY q = {.records = records, .text = words[1], .next = words[1], .limit = UINT32_MAX};
     q.tag = openTag("query", BLOCK_ALLOCATOR, NULL, NULL);
     if (query_parse(&q, q.tag) != 0)
         return MISUSED;
-    RECORDS found = {.tag = q.tag}, shown = {.tag = q.tag};
+    RECORDS found = {.tag = q.tag}, shown = found;
     for (uint32 i = 0; i < records->count; ++i) {
         RECORD record = records->items[i];
         record.key = fieldOf(&record, q.order); /* to be sorted by */

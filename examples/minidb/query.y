@@ -3,8 +3,8 @@
  *
  *      category = "Sm" and not (name like "*ARROW*" or key < "2100") order by name desc limit 10
  *
- * All of it may be left out. A condition is worked out for all records at once: it is the set of those that it
- * holds for. query.c finds the words, which are the names of the tokens here, and does the rest. */
+ * All of it may be left out. A condition is the set of the records that it holds for. query.c finds the words,
+ * which are the names of the tokens here, and does the rest. */
 %define api.prefix {query_}
 %define api.token.prefix {QUERY_}
 %define api.token.raw
@@ -17,12 +17,10 @@ enum { LESS = 1, EQUAL = 2, MORE = 4, LIKE = 8 };
 typedef struct QUERY {
     const RECORDS* records;
     EKO_MEMTAG tag;
-    const char *text, *fields; /* fields: their names */
-    const char *word, *next;   /* where the last word begins, and where the next one is looked for */
-    bool* wanted;              /* of each record, whether it is; null for all */
-    uint32 order;              /* a field; 0 is the key */
+    const char *text, *word, *next; /* all, the last word, and what is behind it */
+    bool* wanted;                   /* of each record, whether it is; null for all */
+    uint32 order, limit;            /* order: a field; 0 is the key */
     bool descending;
-    uint32 limit;
 } QUERY;
 
 /* Of each record, whether its field is, compared with the text, one of those. */

@@ -5,14 +5,12 @@
  *      block    length | check | lines, each with \n             numbers little-endian
  *      block    ...
  *
- * Blocks are only ever appended; of several lines with the same key the last one counts. A check is a hash, of the
- * UUID, or of a block's length and lines. A torn end, as a crash leaves it, is found by them at the next open and
- * cut off. It is never more than one block, so when a whole one stands behind, the file is damaged: cutting would
- * lose what is good.
+ * Blocks are only ever appended. A check is a hash, of the UUID, or of a block's length and lines. A torn end, as a
+ * crash leaves it, is found by them at the next open and cut off. It is never more than one block, so when a whole
+ * one stands behind, the file is damaged: cutting would lose what is good.
  *
- * What was written stays when the process is killed, at whatever moment: it is with the system by then. So records
- * may be called stored once storeAppend has returned. To say so of a power failure, each report would have to wait
- * for eko_fileSync, as storeCommit does at the end of a load. */
+ * What was written is with the system, and stays when the process is killed: records are stored once storeAppend has
+ * returned. A power failure they survive once storeCommit has. */
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -46,12 +44,10 @@ static uint32 wholeBlock(const STORE* store, EKO_FILE_OFFSET at, PIECE* lines)
         return 0;
     memcpy(&head, store->bytes + at, sizeof head);
     *lines = (PIECE){(const char*)store->bytes + at + sizeof head, head.length};
-    const bool whole = head.length > 0 && head.length <= MAX_BLOCK_BYTES && head.length <= left - sizeof head &&
+    const bool whole = head.length > 0 && head.length <= left - sizeof head &&
                        head.check == hashOf(lines->bytes, head.length, head.length);
     return whole ? (uint32)sizeof head + head.length : 0;
 }
-
-/* ---- the header, through binary streams ------------------------------------------------------------------ */
 
 #define NETWORK_ORDER 1 /* is not this machine's */
 #define NAME "minidb\r\n"
@@ -103,20 +99,18 @@ static void readHeader(STORE* store)
     NEED(check == headerCheck(store), "%s: its header is damaged", store->name);
 }
 
-/* ---- blocks ---------------------------------------------------------------------------------------------- */
-
 static void openData(STORE* store, uint32 flags)
 {
-    const bool there = store->settings->backing != EKO_FILE_INMEMORY ||
+    const bool there = settings.backing != EKO_FILE_INMEMORY ||
                        eko_fileCopyEx(store->name, 0, store->name, EKO_FILE_INMEMORY) == 0;
-    store->data = there ? eko_fileOpen(store->name, flags | O_CLOEXEC, store->settings->backing) : NULL;
+    store->data = there ? eko_fileOpen(store->name, flags | O_CLOEXEC, settings.backing) : NULL;
     NEED(store->data, "%s: cannot be opened with that backing", store->name);
 }
 
 static void closeData(STORE* store)
 {
     eko_fileClose(store->data);
-    if (store->data && store->settings->backing == EKO_FILE_INMEMORY)
+    if (store->data && settings.backing == EKO_FILE_INMEMORY)
         eko_fileRemoveEx(store->name, EKO_FILE_INMEMORY);
     store->data = NULL;
 }
@@ -135,18 +129,16 @@ void storeAppend(STORE* store, const uint8* block, uint32 size)
 
 void storeCommit(STORE* store)
 {
-    const bool written = store->settings->backing != EKO_FILE_INMEMORY ||
+    const bool written = settings.backing != EKO_FILE_INMEMORY ||
                          eko_fileCopyEx(store->name, EKO_FILE_INMEMORY, store->name, 0) == 0;
     NEED(written && eko_fileSync(store->data) == 0 && eko_fileSync(store->disk) == 0,
          "%s: cannot be written to the disk: %s", store->name, strerror(errno));
 }
 
-/* ---- opening --------------------------------------------------------------------------------------------- */
-
 /* Returns the bytes that are left behind the last whole block. */
 static EKO_FILE_OFFSET readBlocks(STORE* store)
 {
-    const uint32 page = store->settings->number[PAGE_SIZE];
+    const uint32 page = settings.number[PAGE_SIZE];
     uint32 size;
     PIECE lines;
     store->length = eko_fileLength(store->disk);
@@ -165,8 +157,7 @@ static EKO_FILE_OFFSET readBlocks(STORE* store)
     return store->length - store->end;
 }
 
-/* Somebody else's lock means a load that is under way. It may have ended before the lock was had, so another look.
- * */
+/* Somebody else's lock means a load that is under way. It may have ended before the lock was had: so look again. */
 static void cutTornEnd(STORE* store)
 {
     PIECE lines;
@@ -179,38 +170,45 @@ static void cutTornEnd(STORE* store)
         complain("%s: cut off %llu bytes of a load that was interrupted", store->name, (unsigned long long)torn);
 }
 
-/* A user who may not write the file can still read it. */
-static void openDisk(STORE* store, bool load)
-{
-    store->disk = eko_fileOpen(store->name, O_RDWR | O_CLOEXEC | (load ? O_CREAT : 0), 0);
-    if (!store->disk && !load && (errno == EACCES || errno == EROFS))
-        store->disk = eko_fileOpen(store->name, O_RDONLY | O_CLOEXEC, 0);
-    NEED(store->disk, "%s: cannot be opened: %s", store->name, strerror(errno));
-    store->locked = load && eko_fileLock(store->disk) == 0;
-    NEED(store->locked || !load, "%s: is in use by another process", store->name);
-}
-
 /* Closing a handle ends its lock too, but not the lock's mutex: so unlock first. */
 static void closeStore(void* object)
 {
     STORE* store = object;
     const bool loaded = store->data != NULL;
     closeData(store);
-    if (loaded && store->settings->backing != EKO_FILE_INMEMORY)
+    if (loaded && settings.backing != EKO_FILE_INMEMORY)
         eko_fileSetSize(store->disk, store->end); /* the zeros that views leave; the next open would cut them off */
     if (store->locked)
         eko_fileUnlock(store->disk);
     eko_fileClose(store->disk);
 }
 
-STORE* storeOpen(const SETTINGS* settings, const char* name, bool load)
+/* A user who may not write the file can still read it. */
+static STORE* openDisk(const char* name, bool load)
 {
     STORE* store = EKO_ZALLOC(sizeof *store, EKO_THREAD_TAG);
     openTag("store", BLOCK_ALLOCATOR, closeStore, store);
-    store->name = dataPath(settings, name);
-    store->settings = settings;
+    store->name = dataPath(name);
+    store->disk = eko_fileOpen(store->name, O_RDWR | O_CLOEXEC | (load ? O_CREAT : 0), 0);
+    if (!store->disk && !load && (errno == EACCES || errno == EROFS))
+        store->disk = eko_fileOpen(store->name, O_RDONLY | O_CLOEXEC, 0);
+    NEED(store->disk, "%s: cannot be opened: %s", store->name, strerror(errno));
+    store->locked = load && eko_fileLock(store->disk) == 0;
+    NEED(store->locked || !load, "%s: is in use by another process", store->name);
+    return store;
+}
+
+const char* storeReserve(const char* name)
+{
+    int32 directory;
+    const char* path = dataPath(name);
+    return eko_fileValidate(path, &directory) ? openDisk(path, true)->name : path;
+}
+
+STORE* storeOpen(const char* name, bool load)
+{
+    STORE* store = openDisk(name, load);
     store->records.tag = openTag("records", BLOCK_ALLOCATOR, NULL, NULL);
-    openDisk(store, load);
     if (load && eko_fileLength(store->disk) == 0)
         writeHeader(store);
     else

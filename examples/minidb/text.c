@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /* text.c - lines of text, in and out, and lists of them, which sorted are searched by halves.
  *
- * A stream takes byte FF for the end of the file, and a line that holds byte 00 looks shorter than it is. Either
- * would lose what follows without a word. So the bytes of the lines are counted against the length of the file, and
- * a line that does not account for its bytes is a fault. The count also finds a failed read, and a file that
- * changes. */
+ * A stream takes byte FF for the end of the file, and a line that holds byte 00 looks shorter than it is. So the
+ * bytes of the lines are counted against the length of the file: a line that does not account for its bytes is a
+ * fault. The count also finds a failed read, and a file that changes. */
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -20,24 +19,20 @@ static void closeText(void* text)
 /* The stream keeps the mark of a UTF-8 file to itself, but its bytes count. */
 TEXT* textOpen(const char* name)
 {
-    static const char mark[] = "\xEF\xBB\xBF";
-    char start[sizeof mark] = "";
+    char mark[4] = "";
     int32 directory;
     TEXT* text = EKO_ZALLOC(sizeof *text, EKO_THREAD_TAG);
     openTag("text", BLOCK_ALLOCATOR, closeText, text);
-    text->name = name;
     eko_fileValidate(name, &directory);
     EKO_FH fh = directory ? NULL : eko_fileOpen(name, O_RDONLY | O_CLOEXEC, 0);
     NEED(fh, "%s: cannot be opened: %s", name, strerror(directory ? EISDIR : errno));
-    const uint32 got = eko_fileRead(fh, start, sizeof mark - 1);
     text->length = eko_fileLength(fh);
-    text->seen = strcmp(start, mark) == 0 ? sizeof mark - 1 : 0;
+    const bool read = text->length > 0 && eko_fileRead(fh, mark, 3) != EKO_FILE_IO_FAILED;
+    text->seen = strcmp(mark, "\xEF\xBB\xBF") == 0 ? 3 : 0;
     eko_fileClose(fh);
-    NEED(got != 0 && got != EKO_FILE_IO_FAILED, "%s: is empty, or cannot be read", name);
-    NEED((uint8)start[0] < 0xFE, "%s: is UTF-16, not UTF-8", name);
-    NEED(text->length <= MAX_FILE_BYTES, "%s: is larger than 1 GiB", name);
+    NEED(read && text->length <= MAX_FILE_BYTES, "%s: is empty, or cannot be read, or larger than 1 GiB", name);
     text->stream = eko_fopen(name, "r", EKO_FILE_MODE_UTF8);
-    NEED(text->stream, "%s: cannot be opened as a text: %s", name, strerror(errno));
+    NEED(text->stream && (uint8)mark[0] < 0xFE, "%s: cannot be opened as UTF-8 text", name);
     return text;
 }
 
@@ -69,8 +64,6 @@ void textWrite(const RECORDS* records, const char* name)
     eko_fclose(out);
     NEED(written, "%s: cannot be written", name ? name : "standard output");
 }
-
-/* ---- records --------------------------------------------------------------------------------------------- */
 
 int comparePieces(PIECE a, PIECE b)
 {
