@@ -2,9 +2,7 @@
 // List allocator: blocks of any size in chunks, best fit, empty chunks given back. It serves at two levels.
 //
 //   per tag       chunks of at least 4096 bytes, which are large blocks
-//   process-wide  LargeBlock, whose blocks are the large blocks of all tags, with chunks of at least 4 MiB from the
-//                 system heap or from the one buffer that the caller set; the limit and figures of the process are
-//                 kept here
+//   process-wide  LargeBlock, whose blocks are the large blocks of all tags: see eko_large_block.cpp
 //
 // Data    chunk:        | LIST_CHUNK_HDR | block | block | ... |
 //         block:        | LIST_HDR | payload |
@@ -19,34 +17,15 @@
 //         block that the walk would: see eko_list_index.h. A free block then ends with a pointer to its node there,
 //         which knows the rest; one without a payload has no node. The first chunk holds the index in place of
 //         the chunk before it, of which there is none. Without memory for the index all is as it was before it.
-//         large block:  | LARGE_BLOCK_HDR | payload | inside a block of LargeBlock
-// Locks   A tag's allocator relies on the tag's mutex. largeBlockSem guards LargeBlock, eko_mem_stats and the
-//         caller's buffer; it is taken inside a tag's mutex, never around one, and is none before start and after
-//         stop.
+// Locks   None of its own: a tag's allocator relies on the tag's mutex, LargeBlock on largeBlockSem.
 
-#include <stdlib.h>
+#include "eko_list_allocator.h"
+
 #include <string.h>
 
 #include "eko_list_index.h"
 
-// Exported, with largeBlockSem for the tag layer that creates it.
-size_t eko_memlimit;
-void* eko_membuffer;
-EKO_MEM_INFO eko_mem_stats;
-EKO_SEM largeBlockSem = EKO_SEM_INVALID;
-
 namespace {
-
-using ChunkAlloc = void* (*)(size_t* size, EKO_MEM_INFO* mem_info); // may give more, and then says so in *size
-using ChunkFree = void (*)(void* ptr, EKO_MEM_INFO* mem_info);
-
-struct LIST_ALLOCATOR_ENTRY {
-    LIST_CHUNK_HDR* chunks;
-    uint32 blocksize; // least chunk payload to ask for
-    ChunkAlloc alloc_fcn;
-    ChunkFree free_fcn;
-    EKO_TAG_MEM_INFO mem_info;
-};
 
 struct BEST_FIT {
     LIST_CHUNK_HDR* chunk;
@@ -60,103 +39,12 @@ struct NEIGHBORS {
     LIST_HDR* below;
 };
 
-struct LARGE_BLOCK_HDR {
-    size_t size;  // of the large block, this header included
-    uint32 dummy; // keeps the payload aligned
-};
-
-constexpr size_t HDR = sizeof(LIST_HDR);
-constexpr size_t CHUNK_HDR = sizeof(LIST_CHUNK_HDR);
-constexpr size_t LARGE_HDR = sizeof(LARGE_BLOCK_HDR);
-constexpr size_t BELOW_FREE = 1;  // flag: the block below is free, and its size stands at its end
-constexpr size_t BELOW_EMPTY = 2; // flag: the block below is free and has no payload
-constexpr size_t FLAGS = BLOCK_ALIGNMENT - 1;
 constexpr size_t LONG_WALK = 8; // past so many chunks and free blocks: what an index costs
 constexpr uint32 TAG_BLOCKSIZE = 4096;
-constexpr uint32 SYSTEM_BLOCKSIZE = 4194304;
 
-static_assert(HDR % BLOCK_ALIGNMENT == 0 && CHUNK_HDR % BLOCK_ALIGNMENT == 0 && LARGE_HDR % BLOCK_ALIGNMENT == 0);
-static_assert(sizeof(void*) != 4 || (HDR == 8 && CHUNK_HDR == 16 && LARGE_HDR == 8));
 // The static list allocator's state must fit its 64 bytes of static storage; on 64-bit builds it fills them.
 static_assert(sizeof(LIST_ALLOCATOR_ENTRY) == (sizeof(void*) == 4 ? 32 : 64));
 
-int32 eko_membuffer_used; // the caller's buffer is handed out
-
-// ---- system side of LargeBlock ----------------------------------------------------------------------------
-
-// The part of the caller's buffer that whole aligned blocks can fill.
-size_t usableBuffer()
-{
-    return readUnlocked(eko_memlimit) & ~(BLOCK_ALIGNMENT - 1);
-}
-
-void* takeBuffer(size_t* size)
-{
-    if (eko_membuffer_used || *size > usableBuffer())
-        return nullptr;
-    *size = usableBuffer();
-    eko_membuffer_used = 1;
-    return eko_membuffer;
-}
-
-void* eko_malloc(size_t* size, EKO_MEM_INFO*)
-{
-    const size_t limit = readUnlocked(eko_memlimit);
-    if (limit != 0 && readUnlocked(eko_mem_stats.in_use) + *size > limit)
-        return nullptr;
-    return readUnlocked(eko_membuffer) ? takeBuffer(size) : malloc(*size);
-}
-
-void eko_free(void* ptr, EKO_MEM_INFO*)
-{
-    if (readUnlocked(eko_membuffer)) {
-        EKO_ASSERT(ptr == eko_membuffer);
-        eko_membuffer_used = 0;
-    } else {
-        free(ptr);
-    }
-}
-
-LIST_ALLOCATOR_ENTRY LargeBlock = {nullptr, SYSTEM_BLOCKSIZE, eko_malloc, eko_free, {}};
-
-// ---- addresses --------------------------------------------------------------------------------------------
-
-char* bytesOf(void* p)
-{
-    return static_cast<char*>(p);
-}
-LIST_HDR* headerOf(void* payload)
-{
-    return reinterpret_cast<LIST_HDR*>(bytesOf(payload) - HDR);
-}
-void* payloadOf(LIST_HDR* block)
-{
-    return bytesOf(block) + HDR;
-}
-size_t sizeOf(const LIST_HDR* block)
-{
-    return block->size & ~FLAGS;
-}
-LIST_HDR* behind(LIST_HDR* block, size_t size)
-{
-    return reinterpret_cast<LIST_HDR*>(bytesOf(block) + HDR + size);
-}
-LIST_HDR* behind(LIST_HDR* block)
-{
-    return behind(block, sizeOf(block));
-}
-LIST_HDR* firstBlock(LIST_CHUNK_HDR* chunk)
-{
-    return reinterpret_cast<LIST_HDR*>(bytesOf(chunk) + CHUNK_HDR);
-}
-LIST_HDR* endOf(LIST_CHUNK_HDR* chunk)
-{
-    return reinterpret_cast<LIST_HDR*>(bytesOf(chunk) + CHUNK_HDR + chunk->size);
-}
-LARGE_BLOCK_HDR* largeHeaderOf(void* ptr)
-{
-    return reinterpret_cast<LARGE_BLOCK_HDR*>(bytesOf(ptr) - LARGE_HDR);
-}
 LIST_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
 {
     return static_cast<LIST_ALLOCATOR_ENTRY*>(alctr);
@@ -164,41 +52,13 @@ LIST_ALLOCATOR_ENTRY* stateOf(ALLOCATOR alctr)
 
 // ---- what a free block knows ------------------------------------------------------------------------------
 
-// Without an index, the one before it in its list, if it has room for that beside its size.
-bool knowsBefore(const LIST_HDR* p)
-{
-    return p->size >= 2 * sizeof(void*);
-}
-LIST_HDR*& beforeOf(LIST_HDR* p)
-{
-    return *static_cast<LIST_HDR**>(payloadOf(p));
-}
-size_t& sizeAtEnd(LIST_HDR* above)
-{
-    return reinterpret_cast<size_t*>(above)[-1];
-}
-
-using NODE __attribute__((may_alias)) = LIST_NODE*; // stands where other data stood
-
-// With an index, its node.
-bool hasNode(const LIST_HDR* p)
-{
-    return __builtin_expect(p->size > 0, 1);
-}
-NODE& nodeAtEnd(LIST_HDR* above)
-{
-    return reinterpret_cast<NODE*>(above)[-1];
-}
-NODE& nodeOf(LIST_HDR* p)
-{
-    return nodeAtEnd(behind(p, p->size));
-}
-
 // The block before a free one in the list, or null.
 LIST_HDR* findBefore(const LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 {
-    if (index ? hasNode(p) : knowsBefore(p))
-        return index ? nodeOf(p)->before : beforeOf(p);
+    if (index && hasNode(p))
+        return nodeOf(p)->before;
+    if (!index && knowsBefore(p))
+        return beforeOf(p);
     LIST_HDR* q = nullptr;
     for (LIST_HDR* at = chunk->free_hdrs; at != p; at = at->ptr.next)
         q = at;
@@ -207,8 +67,10 @@ LIST_HDR* findBefore(const LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p
 
 void setBefore(const LIST_INDEX* index, LIST_HDR* p, LIST_HDR* q)
 {
-    if (index ? hasNode(p) : knowsBefore(p))
-        (index ? nodeOf(p)->before : beforeOf(p)) = q;
+    if (index && hasNode(p))
+        nodeOf(p)->before = q;
+    if (!index && knowsBefore(p))
+        beforeOf(p) = q;
 }
 
 // ---- nodes of the index -----------------------------------------------------------------------------------
@@ -218,41 +80,11 @@ LIST_INDEX* indexOf(const LIST_ALLOCATOR_ENTRY* alctr)
     return alctr->chunks ? alctr->chunks->index : nullptr;
 }
 
-LIST_NODE* nodeOfChunk(const LIST_INDEX* index, const LIST_CHUNK_HDR* chunk)
-{
-    return treapLowerBound(index->chunks, reinterpret_cast<uintptr_t>(chunk));
-}
-
-void addChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, uint64 order)
-{
-    LIST_NODE* node = takeNode(index);
-    node->order = order;
-    treapInsert(&index->chunks, node, reinterpret_cast<uintptr_t>(chunk));
-}
-
-void removeChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk)
-{
-    LIST_NODE* node = nodeOfChunk(index, chunk);
-    treapErase(&index->chunks, node);
-    giveNode(index, node);
-}
-
 // Of the block at the head of a list, or null.
 LIST_NODE* nodeOfHead(const LIST_CHUNK_HDR* chunk)
 {
     LIST_HDR* head = chunk->free_hdrs;
     return head && hasNode(head) ? nodeOf(head) : nullptr;
-}
-
-LIST_NODE* makeNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, uint64 order, uint64 stamp)
-{
-    LIST_NODE* node = takeNode(index);
-    node->block = p;
-    node->chunk = chunk;
-    node->before = nullptr;
-    node->order = order;
-    node->stamp = stamp;
-    return node;
 }
 
 // Of a block that is to be at the head of its list, whose node there is given.
@@ -261,57 +93,27 @@ LIST_NODE* makeHeadNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, c
     return makeNode(index, chunk, p, (head ? head : nodeOfChunk(index, chunk))->order, ++index->latest);
 }
 
-// Stamps for all blocks of a list; the head gets the one that is answered, each other one less than the one before.
-uint64 takeStamps(LIST_INDEX* index, const LIST_CHUNK_HDR* chunk)
-{
-    for (const LIST_HDR* p = chunk->free_hdrs; p; p = p->ptr.next)
-        ++index->latest;
-    return index->latest;
-}
-
-// Gives a free block that size, and its node the place for it.
-void addNode(LIST_INDEX* index, LIST_NODE* node, LIST_HDR* p, size_t size)
-{
-    binInsert(index, node, size);
-    p->size = size;
-    nodeOf(p) = node;
-}
-
 void removeNode(LIST_INDEX* index, LIST_NODE* node, size_t size)
 {
     binErase(index, node, size);
     giveNode(index, node);
 }
 
-// The node of a block that had no payload, and so no stamp: all blocks of the list get new ones, in the same order.
-[[gnu::noinline]] LIST_NODE* makeNodeInPlace(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q)
-{
-    LIST_NODE* node = makeNode(index, chunk, p, nodeOfChunk(index, chunk)->order, 0);
-    node->before = q;
-    uint64 stamp = takeStamps(index, chunk);
-    for (LIST_HDR* at = chunk->free_hdrs; at; at = at->ptr.next) {
-        if (at == p)
-            node->stamp = stamp;
-        else if (hasNode(at))
-            nodeOf(at)->stamp = stamp;
-        --stamp;
-    }
-    return node;
-}
-
 // ---- free lists -------------------------------------------------------------------------------------------
-
-// The chunk's pointer to its first free block, as if it were a free block's pointer to the next.
-LIST_HDR* startOfList(LIST_CHUNK_HDR* chunk)
-{
-    return reinterpret_cast<LIST_HDR*>(bytesOf(&chunk->free_hdrs) - offsetof(LIST_HDR, ptr));
-}
 
 // Either, without a branch: whether a block is the first or the last of its list cannot be foreseen.
 LIST_HDR* orElse(LIST_HDR* p, LIST_HDR* other)
 {
     const uintptr_t instead = reinterpret_cast<uintptr_t>(other) & allBitsIf(p == nullptr);
     return reinterpret_cast<LIST_HDR*>(reinterpret_cast<uintptr_t>(p) | instead);
+}
+
+// The pointer that leads on from a block, or into the list from the chunk, as if that stood in a block, too.
+LIST_HDR** linkBehind(LIST_HDR* q, LIST_CHUNK_HDR* chunk)
+{
+    constexpr size_t AT = offsetof(LIST_HDR, ptr);
+    auto* start = reinterpret_cast<LIST_HDR*>(bytesOf(&chunk->free_hdrs) - AT);
+    return reinterpret_cast<LIST_HDR**>(bytesOf(orElse(q, start)) + AT);
 }
 
 void pushNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
@@ -339,15 +141,15 @@ void push_on_free_list(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p)
 
 void remove_from_free_list(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q)
 {
-    LIST_HDR* holder = orElse(q, startOfList(chunk));
-    if (holder->ptr.next != p) {
+    LIST_HDR** link = linkBehind(q, chunk);
+    if (*link != p) {
         EKO_ASSERT(!q || q->ptr.next == p);
         EKO_ASSERT(q || chunk->free_hdrs == p);
     }
     if (index && hasNode(p))
         removeNode(index, nodeOf(p), p->size);
     LIST_HDR* next = p->ptr.next;
-    holder->ptr.next = next;
+    *link = next;
     if (index)
         setBefore(index, orElse(next, &index->none), q);
     else if (next)
@@ -480,84 +282,10 @@ BEST_FIT best_indexed(const LIST_INDEX* index, size_t size)
 
 // ---- with and without an index ----------------------------------------------------------------------------
 
-bool readyNodes(LIST_INDEX* index)
-{
-    return hasSpareNodes(index) || addSpareNodes(index);
-}
-
-// Writes into the free blocks what they know without an index.
-[[gnu::noinline]] void writeFreeBlocks(LIST_CHUNK_HDR* chunks)
-{
-    for (LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next) {
-        LIST_HDR* q = nullptr;
-        for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
-            setBefore(nullptr, p, q);
-            if (p->size > 0)
-                sizeAtEnd(behind(p)) = p->size;
-        }
-    }
-}
-
-[[gnu::noinline]] void dropIndex(LIST_CHUNK_HDR* chunks, LIST_INDEX* index)
-{
-    writeFreeBlocks(chunks);
-    listIndexDestroy(index);
-    chunks->index = nullptr;
-}
-
-// With nodes for one operation. Without memory for them the index is given up.
-[[gnu::noinline]] LIST_INDEX* refillIndex(LIST_ALLOCATOR_ENTRY* alctr)
-{
-    LIST_INDEX* index = indexOf(alctr);
-    if (addSpareNodes(index))
-        return index;
-    dropIndex(alctr->chunks, index);
-    return nullptr;
-}
-
 inline LIST_INDEX* readyIndex(LIST_ALLOCATOR_ENTRY* alctr)
 {
     LIST_INDEX* index = alctr->chunks->index;
-    return !index || hasSpareNodes(index) ? index : refillIndex(alctr);
-}
-
-// The nodes of a chunk and of its free blocks. False when there is no memory for all of them.
-bool addChunkNodes(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, uint64 order)
-{
-    if (!readyNodes(index))
-        return false;
-    addChunkNode(index, chunk, order);
-    uint64 stamp = takeStamps(index, chunk);
-    LIST_HDR* q = nullptr;
-    for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next, --stamp) {
-        if (!hasNode(p))
-            continue;
-        if (!readyNodes(index))
-            return false;
-        LIST_NODE* node = makeNode(index, chunk, p, order, stamp);
-        node->before = q;
-        addNode(index, node, p, p->size);
-    }
-    return true;
-}
-
-void makeIndex(LIST_CHUNK_HDR* chunks)
-{
-    if (readUnlocked(eko_membuffer)) // is all the memory there is
-        return;
-    LIST_INDEX* index = listIndexCreate();
-    if (!index)
-        return;
-    index->none.size = sizeof(index->payload);
-    nodeOf(&index->none) = &index->nodeOfNone;
-    chunks->index = index;
-    for (const LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next)
-        ++index->newest;
-    uint64 order = index->newest;
-    for (LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next) {
-        if (!addChunkNodes(index, chunk, order--))
-            return dropIndex(chunks, index);
-    }
+    return !index || hasSpareNodes(index) ? index : refillIndex(alctr->chunks);
 }
 
 // ---- chunks -----------------------------------------------------------------------------------------------
@@ -595,7 +323,7 @@ LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
 [[gnu::noinline]] void forgetChunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_INDEX* index, LIST_CHUNK_HDR* chunk)
 {
     if (!alctr->chunks)
-        return listIndexDestroy(index);
+        return destroyIndex(index);
     alctr->chunks->index = index;
     removeNode(index, nodeOf(chunk->free_hdrs), chunk->free_hdrs->size);
     removeChunkNode(index, chunk);
@@ -682,6 +410,24 @@ void* takeBlock(LIST_ALLOCATOR_ENTRY* alctr, LIST_INDEX* index, const BEST_FIT& 
 }
 
 // What is done with an index and what without one are compiled by themselves, with all that they call.
+[[gnu::flatten]] LIST_HDR* giveBlock(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+{
+    return index ? join_to_neighbors(index, chunk, block) : join_to_neighbors(nullptr, chunk, block);
+}
+
+void* moveBlock(LIST_HDR* block, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
+{
+    void* moved = internal_alloc(newsize, alctr);
+    if (!moved)
+        return nullptr;
+    memcpy(moved, payloadOf(block), sizeOf(block));
+    internal_free(payloadOf(block), alctr);
+    return moved;
+}
+
+} // namespace
+
+// Flat as giveBlock is.
 [[gnu::flatten]] void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
 {
     if (!roundUp(size, BLOCK_ALIGNMENT, &size))
@@ -698,11 +444,6 @@ void* takeBlock(LIST_ALLOCATOR_ENTRY* alctr, LIST_INDEX* index, const BEST_FIT& 
     return fit.p ? takeBlock(alctr, nullptr, fit, size) : takeFromNewChunk(alctr, size);
 }
 
-[[gnu::flatten]] LIST_HDR* giveBlock(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
-{
-    return index ? join_to_neighbors(index, chunk, block) : join_to_neighbors(nullptr, chunk, block);
-}
-
 void internal_free(void* ptr, LIST_ALLOCATOR_ENTRY* alctr)
 {
     LIST_HDR* block = headerOf(ptr);
@@ -714,16 +455,6 @@ void internal_free(void* ptr, LIST_ALLOCATOR_ENTRY* alctr)
     const LIST_HDR* joined = giveBlock(readyIndex(alctr), chunk, block);
     if (joined == firstBlock(chunk) && chunk->size == joined->size + HDR)
         release_chunk(alctr, chunk);
-}
-
-void* moveBlock(LIST_HDR* block, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
-{
-    void* moved = internal_alloc(newsize, alctr);
-    if (!moved)
-        return nullptr;
-    memcpy(moved, payloadOf(block), sizeOf(block));
-    internal_free(payloadOf(block), alctr);
-    return moved;
 }
 
 // The block takes in free space behind it first, even when it is to shrink, and keeps it when it cannot grow
@@ -744,6 +475,8 @@ void* internal_realloc(void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
 }
 
 // ---- slots of the table -----------------------------------------------------------------------------------
+
+namespace {
 
 void list_allocator_destroy(ALLOCATOR alctr)
 {
@@ -767,7 +500,7 @@ void list_allocator_free_all(ALLOCATOR alctr)
 {
     LIST_ALLOCATOR_ENTRY* state = stateOf(alctr);
     if (LIST_INDEX* index = indexOf(state))
-        listIndexDestroy(index);
+        destroyIndex(index);
     while (state->chunks) {
         LIST_CHUNK_HDR* chunk = state->chunks;
         state->chunks = chunk->next;
@@ -818,58 +551,4 @@ bool list_allocator_owns(ALLOCATOR alctr, const void* ptr)
         chunk = chunk->next;
     return chunk != nullptr;
 }
-
-size_t largeBlockSize(const void* ptr)
-{
-    return largeHeaderOf(const_cast<void*>(ptr))->size - LARGE_HDR;
-}
 #endif
-
-// ---- large blocks -----------------------------------------------------------------------------------------
-
-void* eko_allocLargeBlock(size_t* size, EKO_MEM_INFO* mem_info)
-{
-    size_t bytes;
-    if (!addSize(*size, LARGE_HDR, &bytes))
-        return nullptr;
-    const SemGuard lock(largeBlockSem);
-    auto* hdr = static_cast<LARGE_BLOCK_HDR*>(internal_alloc(bytes, &LargeBlock));
-    if (!hdr)
-        return nullptr;
-    hdr->size = bytes;
-    eko_inc_mem_info(&eko_mem_stats, bytes);
-    eko_inc_mem_info(mem_info, bytes);
-    return bytesOf(hdr) + LARGE_HDR;
-}
-
-void* eko_reallocLargeBlock(void* ptr, size_t size, EKO_MEM_INFO* mem_info)
-{
-    size_t bytes;
-    if (!addSize(size, LARGE_HDR, &bytes))
-        return nullptr;
-    const SemGuard lock(largeBlockSem);
-    auto* hdr = static_cast<LARGE_BLOCK_HDR*>(internal_realloc(largeHeaderOf(ptr), bytes, &LargeBlock));
-    if (!hdr)
-        return nullptr;
-    // DELIBERATE: the sign is reversed, so growing lowers both figures and shrinking raises them. The engine's
-    // limits are tuned to what they come to. Pinned by large_block_realloc_reverses_the_figures.
-    const size_t difference = hdr->size - bytes;
-    eko_inc_mem_info(&eko_mem_stats, difference);
-    eko_inc_mem_info(mem_info, difference);
-    hdr->size = bytes;
-    return bytesOf(hdr) + LARGE_HDR;
-}
-
-void eko_freeLargeBlock(void* ptr, EKO_MEM_INFO* mem_info)
-{
-    const SemGuard lock(largeBlockSem);
-    LARGE_BLOCK_HDR* hdr = largeHeaderOf(ptr);
-    eko_dec_mem_info(&eko_mem_stats, hdr->size);
-    eko_dec_mem_info(mem_info, hdr->size);
-    internal_free(hdr, &LargeBlock);
-}
-
-bool largeBlocksInUse()
-{
-    return LargeBlock.chunks != nullptr;
-}

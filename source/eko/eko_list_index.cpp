@@ -185,6 +185,8 @@ LIST_NODE* binFindLarge(const LIST_INDEX* index, size_t size)
 
 // ---- nodes ------------------------------------------------------------------------------------------------
 
+namespace {
+
 bool addSpareNodes(LIST_INDEX* index)
 {
     auto* slab = static_cast<LIST_SLAB*>(malloc(sizeof(LIST_SLAB)));
@@ -197,17 +199,137 @@ bool addSpareNodes(LIST_INDEX* index)
     return true;
 }
 
+bool readyNodes(LIST_INDEX* index)
+{
+    return hasSpareNodes(index) || addSpareNodes(index);
+}
+
+// ---- blocks and their nodes -------------------------------------------------------------------------------
+
+// Stamps for all blocks of a list; the head gets the one that is answered, each other one less than the one before.
+uint64 takeStamps(LIST_INDEX* index, const LIST_CHUNK_HDR* chunk)
+{
+    for (const LIST_HDR* p = chunk->free_hdrs; p; p = p->ptr.next)
+        ++index->latest;
+    return index->latest;
+}
+
+} // namespace
+
+LIST_NODE* makeNodeInPlace(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q)
+{
+    LIST_NODE* node = makeNode(index, chunk, p, nodeOfChunk(index, chunk)->order, 0);
+    node->before = q;
+    uint64 stamp = takeStamps(index, chunk);
+    for (LIST_HDR* at = chunk->free_hdrs; at; at = at->ptr.next) {
+        if (at == p)
+            node->stamp = stamp;
+        else if (hasNode(at))
+            nodeOf(at)->stamp = stamp;
+        --stamp;
+    }
+    return node;
+}
+
+void addChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, uint64 order)
+{
+    LIST_NODE* node = takeNode(index);
+    node->order = order;
+    treapInsert(&index->chunks, node, reinterpret_cast<uintptr_t>(chunk));
+}
+
+void removeChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk)
+{
+    LIST_NODE* node = nodeOfChunk(index, chunk);
+    treapErase(&index->chunks, node);
+    giveNode(index, node);
+}
+
 // ---- the index --------------------------------------------------------------------------------------------
 
-LIST_INDEX* listIndexCreate()
+namespace {
+
+LIST_INDEX* createIndex() // null without memory
 {
     auto* index = static_cast<LIST_INDEX*>(calloc(1, sizeof(LIST_INDEX)));
-    if (index)
-        setFilled(index, LIST_BINS);
+    if (!index)
+        return nullptr;
+    setFilled(index, LIST_BINS);
+    index->none.size = sizeof(index->payload);
+    nodeOf(&index->none) = &index->nodeOfNone;
     return index;
 }
 
-void listIndexDestroy(LIST_INDEX* index)
+// Writes into the free blocks what they know without an index.
+void writeFreeBlocks(LIST_CHUNK_HDR* chunks)
+{
+    for (LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next) {
+        LIST_HDR* q = nullptr;
+        for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
+            if (knowsBefore(p))
+                beforeOf(p) = q;
+            if (p->size > 0)
+                sizeAtEnd(behind(p)) = p->size;
+        }
+    }
+}
+
+void dropIndex(LIST_CHUNK_HDR* chunks, LIST_INDEX* index)
+{
+    writeFreeBlocks(chunks);
+    destroyIndex(index);
+    chunks->index = nullptr;
+}
+
+// The nodes of a chunk and of its free blocks. False when there is no memory for all of them.
+bool addChunkNodes(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, uint64 order)
+{
+    if (!readyNodes(index))
+        return false;
+    addChunkNode(index, chunk, order);
+    uint64 stamp = takeStamps(index, chunk);
+    LIST_HDR* q = nullptr;
+    for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next, --stamp) {
+        if (!hasNode(p))
+            continue;
+        if (!readyNodes(index))
+            return false;
+        LIST_NODE* node = makeNode(index, chunk, p, order, stamp);
+        node->before = q;
+        addNode(index, node, p, p->size);
+    }
+    return true;
+}
+
+} // namespace
+
+void makeIndex(LIST_CHUNK_HDR* chunks)
+{
+    if (readUnlocked(eko_membuffer)) // is all the memory there is
+        return;
+    LIST_INDEX* index = createIndex();
+    if (!index)
+        return;
+    chunks->index = index;
+    for (const LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next)
+        ++index->newest;
+    uint64 order = index->newest;
+    for (LIST_CHUNK_HDR* chunk = chunks; chunk; chunk = chunk->next) {
+        if (!addChunkNodes(index, chunk, order--))
+            return dropIndex(chunks, index);
+    }
+}
+
+LIST_INDEX* refillIndex(LIST_CHUNK_HDR* chunks)
+{
+    LIST_INDEX* index = chunks->index;
+    if (addSpareNodes(index))
+        return index;
+    dropIndex(chunks, index);
+    return nullptr;
+}
+
+void destroyIndex(LIST_INDEX* index)
 {
     while (LIST_SLAB* slab = index->slabs) {
         index->slabs = slab->next;

@@ -22,28 +22,7 @@
 
 #include <bit>
 
-#include "ekomem_int.h"
-
-struct LIST_CHUNK_HDR;
-struct LIST_INDEX;
-
-struct LIST_HDR {
-    size_t size; // bytes behind this header, a multiple of 8; in use: and what is below
-    union {
-        LIST_HDR* next;        // free: the next free block of the chunk
-        LIST_CHUNK_HDR* chunk; // in use: the chunk that holds it
-    } ptr;
-};
-
-struct LIST_CHUNK_HDR {
-    size_t size; // bytes behind this header
-    LIST_CHUNK_HDR* next;
-    union {
-        LIST_CHUNK_HDR* prev;
-        LIST_INDEX* index; // of the first chunk: the allocator's, or null
-    };
-    LIST_HDR* free_hdrs;
-};
+#include "eko_list_block.h"
 
 struct LIST_NODE {
     LIST_HDR* block;
@@ -97,7 +76,6 @@ inline bool hasSpareNodes(const LIST_INDEX* index)
 {
     return index->spare && index->spare->spare;
 }
-bool addSpareNodes(LIST_INDEX* index); // false without memory
 
 // Only while there are spare ones.
 inline LIST_NODE* takeNode(LIST_INDEX* index)
@@ -227,9 +205,46 @@ inline LIST_NODE* binFind(const LIST_INDEX* index, size_t size)
     return bin < LIST_EXACT_BINS ? index->bins[bin] : binFindLarge(index, LIST_EXACT);
 }
 
+// ---- blocks and their nodes -------------------------------------------------------------------------------
+
+inline LIST_NODE* nodeOfChunk(const LIST_INDEX* index, const LIST_CHUNK_HDR* chunk)
+{
+    return treapLowerBound(index->chunks, reinterpret_cast<uintptr_t>(chunk));
+}
+
+inline LIST_NODE* makeNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, uint64 order, uint64 stamp)
+{
+    LIST_NODE* node = takeNode(index);
+    node->block = p;
+    node->chunk = chunk;
+    node->before = nullptr;
+    node->order = order;
+    node->stamp = stamp;
+    return node;
+}
+
+// Gives a free block that size, and its node the place for it.
+inline void addNode(LIST_INDEX* index, LIST_NODE* node, LIST_HDR* p, size_t size)
+{
+    binInsert(index, node, size);
+    p->size = size;
+    nodeOf(p) = node;
+}
+
+// The node of a block that had no payload, and so no stamp: all blocks of the list get new ones, in the same order.
+LIST_NODE* makeNodeInPlace(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, LIST_HDR* p, LIST_HDR* q);
+
+void addChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk, uint64 order);
+void removeChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk);
+
 // ---- the index --------------------------------------------------------------------------------------------
 
-LIST_INDEX* listIndexCreate(); // null without memory
-void listIndexDestroy(LIST_INDEX* index);
+// Gives the chunks an index, if there is memory for it.
+void makeIndex(LIST_CHUNK_HDR* chunks);
+
+// With nodes for one operation. Without memory for them the index is given up, and the answer is null.
+LIST_INDEX* refillIndex(LIST_CHUNK_HDR* chunks);
+
+void destroyIndex(LIST_INDEX* index);
 
 #endif
