@@ -292,8 +292,10 @@ TEST_F(EkoTest, limit_refuses_what_would_pass_it)
     }
     eko_term();
     ASSERT_EQ(eko_init(), 0); // the least lets it start
-    logged([] { EXPECT_EQ(EKO_ALLOC(5000000, EKO_GLOBAL_TAG), nullptr); });
-    EKO_FREE(EKO_ALLOC(500000, EKO_GLOBAL_TAG), EKO_GLOBAL_TAG);
+    void* held = EKO_ALLOC(500000, EKO_GLOBAL_TAG);
+    for (const size_t size : {5000000u, 4000000u}) // too much by itself, and with what is held
+        logged([=] { EXPECT_EQ(EKO_ALLOC(size, EKO_GLOBAL_TAG), nullptr); });
+    EKO_FREE(held, EKO_GLOBAL_TAG);
     eko_setMemLimit(nullptr, 0);
 }
 
@@ -348,12 +350,16 @@ TEST(MemLimit, callers_buffer_is_used_to_its_end)
     ASSERT_EQ(eko_setMemLimit(buffer, SIZE), 0);
     ASSERT_EQ(eko_init(), 0);
     char* end = static_cast<char*>(buffer) + SIZE;
+    EKO_MEMTAG tags[3];
     for (const EKO_ALLOCATOR_TYPE type : {LIST_ALLOCATOR, BLOCK_ALLOCATOR, STACK_ALLOCATOR}) {
-        char* block = static_cast<char*>(EKO_ALLOC(BLOCK, EKO_TAG_CREATE(type)));
+        const EKO_MEMTAG tag = tags[type] = EKO_TAG_CREATE(type);
+        char* block = static_cast<char*>(EKO_ALLOC(BLOCK, tag));
         ASSERT_TRUE(block >= buffer && block + BLOCK <= end);
         block[0] = block[BLOCK - 1] = 'x';
         end = block;
     }
+    EKO_TAG_EMPTY(tags[BLOCK_ALLOCATOR]); // between the others: four tenths are free, but not in one piece
+    logged([&] { EXPECT_EQ(EKO_ALLOC(BLOCK / 6 * 7, tags[BLOCK_ALLOCATOR]), nullptr); });
     eko_term();
     munmap(buffer, SIZE);
 }
