@@ -275,8 +275,7 @@ def eko_tag(tag, special):
     kind = found[1] if found else "unknown"
     figures = ["0" if kind == "legacy" else "-"] * 4
     if kind in ("block", "list", "stack"):
-        scope = "(anonymous namespace)::" if kind == "list" else ""
-        state = eko_record(tag["t_allocator"], "%s%s_ALLOCATOR_ENTRY" % (scope, kind.upper()))
+        state = eko_record(tag["t_allocator"], "%s_ALLOCATOR_ENTRY" % kind.upper())
         figures = [eko_figure(state["mem_info"][what][which])
                    for what in ("bytes", "capacity") for which in ("in_use", "max_in_use")]
     no_mutex = (1 << 8 * tag["t_sem"].type.sizeof) - 1  # EKO_SEM_INVALID
