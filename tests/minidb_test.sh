@@ -59,9 +59,12 @@ same out <(printf 'k1;value 1;1\nempty;\ngrün;çá €\nk7;a later line\nlong;%
 agree 4003 db text
 [[ $(<out) =~ ^'{"command":"check","uuid":"'[0-9a-f-]{36}\"(,\"[a-z_]+\":[0-9]+)+'}'$ ]] || failed 'no JSON'
 cp db before
-"$minidb" get db k1 >/dev/full 2>err && failed 'what cannot be printed is not noticed'
-"$minidb" get db k1 >&- 2>err && failed 'nor where nothing can be'
-"$minidb" load text db <&- >&- 2>&-
+for command in 'get db k1' 'load text db'; do
+    # shellcheck disable=SC2086
+    "$minidb" $command >/dev/full 2>err && failed "what cannot be printed is not noticed: $command"
+    # shellcheck disable=SC2086
+    "$minidb" $command <&- >&- 2>&- && failed "nor that nothing can: $command"
+done
 cmp -s -n "$(stat -c %s before)" before db || failed 'what is printed goes into the data file'
 
 # The bytes of a data file, the same on every machine.
@@ -188,7 +191,8 @@ END
 printf '[minidb]\ndata-directory = data\npage-size = 4096 ; small\nlog-file = set.log\nbacking = mapped\n' >set.ini
 loaded 4004 --settings set.ini text sets.db
 agree 4003 --settings set.ini --backing memory sets.db text
-grep -q '^\[.*\]  {"command":"check"' set.log || failed 'nothing in the log that is set'
+expect 1 no --settings set.ini get sets.db absent
+grep -q '^\[.*\]  minidb: data/sets.db: no record' set.log || failed 'nothing in the log that is set'
 for wrong in page-size=4095 page-size=524289 page-size=65536x backing=tape threads=65; do
     printf '[minidb]\n%s\n' "$wrong" >wrong.ini
     bad "${wrong%%=*}" --settings wrong.ini get two.db one

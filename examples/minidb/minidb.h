@@ -6,7 +6,7 @@
  *   Failures  Who finds one says so, in one line, and leaves for main, which NEED() does. So does a tag for which
  *             there is no memory. A call that returns has done what it says.
  *   Threads   Tags, files and failures are matters of the main thread. Workers only look at what they are handed.
- *   Messages  go through eko_log and eko_log_err, and so into the log file; records and progress do not. */
+ *   Messages  go through eko_log and eko_log_err, and so into the log file; what is asked for does not. */
 #ifndef MINIDB_H
 #define MINIDB_H
 
@@ -135,8 +135,7 @@ void figuresBegin(const char* command, const STORE* store);
 void figure(const char* name, uint64 value);
 void figuresEnd(uint64 startedNs);
 
-/* ---- the commands ---------------------------------------------------------------------------------------- */
-/* Each gets its own words of the command line, as many as main's table says, and a null. */
+/* A command gets its own words of the command line, as many as main's table says, and a null. */
 typedef RESULT COMMAND(const char** words);
 COMMAND load, get, check, query, exportText, importText, copyStore;
 

@@ -19,8 +19,7 @@
 
 #define VIEW_BYTES ((EKO_FILE_OFFSET)1 << 20) /* no write through mapped views may cross a multiple */
 
-/* FNV-1a. */
-static uint32 hashOf(const void* bytes, size_t count, uint32 start)
+static uint32 hashOf(const void* bytes, size_t count, uint32 start) /* FNV-1a */
 {
     uint32 hash = 2166136261u ^ start;
     for (const uint8* p = bytes; count > 0; --count)
