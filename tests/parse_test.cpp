@@ -124,7 +124,8 @@ int32 json_lex(json* j, int32* token, JSON_COUNT*)
     static const char marks[] = "{}[],:";
     static const char* const words[] = {R"(^"([^"\\[:cntrl:]]|\\(["\\/bfnrt]|u[[:xdigit:]]{4}))*")",
                                         R"(^-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][-+]?[0-9]+)?)", "^(true|false|null)"};
-    j->text += strspn(j->text, " \t\r\n");
+    while (*j->text != 0 && strchr(" \t\r\n", *j->text)) // strspn may look at all that follows
+        ++j->text;
     if (const char* mark = strchr(marks, *j->text)) {
         *token = *mark ? JSON_LBRACE + static_cast<int32>(mark - marks) : 0;
         j->text += *mark != '\0';
