@@ -39,7 +39,6 @@ struct NEIGHBORS {
     LIST_HDR* below;
 };
 
-constexpr size_t LONG_WALK = 8; // past so many chunks and free blocks: what an index costs
 constexpr uint32 TAG_BLOCKSIZE = 4096;
 
 // The static list allocator's state must fit its 64 bytes of static storage; on 64-bit builds it fills them.
@@ -285,7 +284,7 @@ BEST_FIT best_indexed(const LIST_INDEX* index, size_t size)
 inline LIST_INDEX* readyIndex(LIST_ALLOCATOR_ENTRY* alctr)
 {
     LIST_INDEX* index = alctr->chunks->index;
-    return !index || hasSpareNodes(index) ? index : refillIndex(alctr->chunks);
+    return !index || (hasSpareNodes(index) && !isTooSmall(index)) ? index : refillIndex(alctr->chunks);
 }
 
 // ---- chunks -----------------------------------------------------------------------------------------------
@@ -439,7 +438,7 @@ void* moveBlock(LIST_HDR* block, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr)
     }
     size_t met;
     const BEST_FIT fit = best_fit(alctr, size, &met);
-    if (index || met > LONG_WALK)
+    if (index || met > LIST_LONG_WALK)
         return takeAndIndex(alctr, fit, size);
     return fit.p ? takeBlock(alctr, nullptr, fit, size) : takeFromNewChunk(alctr, size);
 }

@@ -194,6 +194,7 @@ bool addSpareNodes(LIST_INDEX* index)
         return false;
     slab->next = index->slabs;
     index->slabs = slab;
+    index->used += SLAB_NODES; // until they are given
     for (size_t i = SLAB_NODES; i > 0; --i)
         giveNode(index, &slab->nodes[i - 1]);
     return true;
@@ -323,7 +324,7 @@ void makeIndex(LIST_CHUNK_HDR* chunks)
 LIST_INDEX* refillIndex(LIST_CHUNK_HDR* chunks)
 {
     LIST_INDEX* index = chunks->index;
-    if (addSpareNodes(index))
+    if (!isTooSmall(index) && addSpareNodes(index))
         return index;
     dropIndex(chunks, index);
     return nullptr;

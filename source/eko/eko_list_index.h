@@ -45,7 +45,9 @@ struct LIST_NODE {
     };
 };
 
-constexpr size_t LIST_EXACT = 4096; // smaller sizes have a bin each
+constexpr size_t LIST_LONG_WALK = 16; // past so many chunks and free blocks an index is made
+constexpr size_t LIST_SHORT_WALK = 4; // down to so many it is given up
+constexpr size_t LIST_EXACT = 4096;   // smaller sizes have a bin each
 constexpr size_t LIST_EXACT_BINS = LIST_EXACT / BLOCK_ALIGNMENT;
 constexpr size_t LIST_BINS = LIST_EXACT_BINS + 64;
 constexpr size_t LIST_MASK_BITS = 8 * sizeof(size_t);
@@ -61,6 +63,7 @@ struct LIST_INDEX {
     LIST_NODE* bins[LIST_BINS];
     LIST_NODE* chunks;
     LIST_NODE* spare;
+    size_t used; // nodes that are not spare
     LIST_SLAB* slabs;
     uint64 newest; // the order given last
     uint64 latest; // the stamp given last
@@ -76,18 +79,25 @@ inline bool hasSpareNodes(const LIST_INDEX* index)
 {
     return index->spare && index->spare->spare;
 }
+// Whether a walk has become the shorter way. By far: an index is not made and given up in turn.
+inline bool isTooSmall(const LIST_INDEX* index)
+{
+    return index->used <= LIST_SHORT_WALK;
+}
 
 // Only while there are spare ones.
 inline LIST_NODE* takeNode(LIST_INDEX* index)
 {
     LIST_NODE* node = index->spare;
     index->spare = node->spare;
+    ++index->used;
     return node;
 }
 inline void giveNode(LIST_INDEX* index, LIST_NODE* node)
 {
     node->spare = index->spare;
     index->spare = node;
+    --index->used;
 }
 
 inline bool isMetBefore(const LIST_NODE* a, const LIST_NODE* b) // of the same size
@@ -242,7 +252,8 @@ void removeChunkNode(LIST_INDEX* index, LIST_CHUNK_HDR* chunk);
 // Gives the chunks an index, if there is memory for it.
 void makeIndex(LIST_CHUNK_HDR* chunks);
 
-// With nodes for one operation. Without memory for them the index is given up, and the answer is null.
+// With nodes for one operation. Without memory for them, or when there is little left to index, the index is given up,
+// and the answer is null.
 LIST_INDEX* refillIndex(LIST_CHUNK_HDR* chunks);
 
 void destroyIndex(LIST_INDEX* index);
