@@ -21,7 +21,7 @@ sed -n '/^#include/,$p' "$source/examples/hello/hello.c" | diff hello.c -
 
 block cmake > CMakeLists.txt
 ln -s "$source" eko
-cmake -S . -B b > log 2>&1 || { cat log && exit 1; }
+cmake -G Ninja -S . -B b > log 2>&1 || { cat log && exit 1; }
 sed -n '/api\.prefix {/,/^#   sum:/ { s/^#   //; s/   .*//; p }' eko/tools/bison/eko.m4 > query.y
 bison -Werror --skeleton=./eko/tools/bison/eko.m4 --header --output=query.tab.c query.y
 "$cc" "$@" -std=c11 -Wall -Wextra -Werror -I eko/include -c query.tab.c
