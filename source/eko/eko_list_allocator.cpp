@@ -260,12 +260,13 @@ BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size, size_t* met)
             if (excess < least) {
                 least = excess;
                 best = {chunk, p, q};
-                if (excess == 0)
-                    goto found;
+                if (excess == 0) {
+                    *met = count;
+                    return best;
+                }
             }
         }
     }
-found:
     *met = count;
     return best;
 }
