@@ -237,19 +237,26 @@ TEST_F(EkoTest, large_blocks_are_taken_in_the_order_of_their_free_list)
     EKO_MEM_INFO info = {};
     const auto take = [&](size_t size) { return eko_allocLargeBlock(&size, &info); };
     const auto sizeOf = [](size_t i) { return 5000 + i % 3 * 1000; };
-    std::vector<void*> blocks;
-    for (size_t i = 0; i < 60; ++i) {
-        blocks.push_back(take(sizeOf(i)));
-        blocks.push_back(take(100)); // keeps it from the next
+    for (const bool again : {false, true}) {
+        std::vector<void*> blocks;
+        for (size_t i = 0; i < 60; ++i) {
+            blocks.push_back(take(sizeOf(i)));
+            blocks.push_back(take(100)); // keeps it from the next
+        }
+        for (size_t i = 0; i < 120; i += 2)
+            eko_freeLargeBlock(blocks[i], &info);
+        std::optional<FailNthAlloc> noIndex;
+        if (again)
+            noIndex.emplace(1);
+        eko_freeLargeBlock(take(10000), &info);  // met all of them
+        EXPECT_TRUE(!again || FailNthAlloc::fired()); // the index of the first time has gone with the free blocks
+        noIndex.reset();
+        for (size_t i = 60; i-- > 0;)
+            EXPECT_EQ(take(sizeOf(i)), blocks[2 * i]) << i;
+        for (void* block : blocks)
+            eko_freeLargeBlock(block, &info);
+        EXPECT_EQ(info.in_use, 0u);
     }
-    for (size_t i = 0; i < 120; i += 2)
-        eko_freeLargeBlock(blocks[i], &info);
-    eko_freeLargeBlock(take(10000), &info); // met all of them
-    for (size_t i = 60; i-- > 0;)
-        EXPECT_EQ(take(sizeOf(i)), blocks[2 * i]) << i;
-    for (void* block : blocks)
-        eko_freeLargeBlock(block, &info);
-    EXPECT_EQ(info.in_use, 0u);
 }
 
 TEST_F(EkoTest, sizes_whose_headers_do_not_fit_are_refused)
