@@ -248,7 +248,7 @@ TEST_F(EkoTest, large_blocks_are_taken_in_the_order_of_their_free_list)
         std::optional<FailNthAlloc> noIndex;
         if (again)
             noIndex.emplace(1);
-        eko_freeLargeBlock(take(10000), &info);  // met all of them
+        eko_freeLargeBlock(take(10000), &info);       // met all of them
         EXPECT_TRUE(!again || FailNthAlloc::fired()); // the index of the first time has gone with the free blocks
         noIndex.reset();
         for (size_t i = 60; i-- > 0;)
